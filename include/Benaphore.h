@@ -1,0 +1,44 @@
+// Benaphore.h: a counting lock that calls the kernel only under contention.
+//
+// The free units live in an atomically updated count; the kernel semaphore
+// (created with count 0 by Reset) is touched only when a caller must wait or
+// a waiter must be woken. A fresh Benaphore has no semaphore and is unusable
+// until Reset. Results are the kernel's status codes.
+//
+// Ownership: the Benaphore owns its semaphore and deletes it on destruction.
+// Thread safety: Acquire and Release may be called from any thread; Reset and
+// Free must not race with them.
+#ifndef _BENAPHORE_H
+#define _BENAPHORE_H
+
+#include <OS.h>
+#include <SupportDefs.h>
+
+#include <ZvExport.h>
+
+class ZV_EXPORT Benaphore {
+public:
+	Benaphore();
+	~Benaphore();
+
+	Benaphore(const Benaphore&) = delete;
+	Benaphore& operator=(const Benaphore&) = delete;
+
+	// Sets the free units to count and replaces the semaphore with a new one.
+	// Returns the new semaphore identifier, or a negative error.
+	int32 Reset(int32 count, const char* name);
+	// Deletes the semaphore; returns delete_sem's status.
+	int32 Free();
+
+	int32 Acquire();
+	int32 Acquire(int32 n);
+	int32 Release();
+	int32 Release(int32 n);
+	int32 GetCount(int32* out);
+
+private:
+	int32 fCount;
+	int32 fSem;
+};
+
+#endif // _BENAPHORE_H

@@ -1,0 +1,10 @@
+// ZvExport.h: the export marker of the ZvKit library.
+//
+// libzvkit is built with hidden visibility; every class and function that is
+// part of the public interface is marked ZV_EXPORT.
+#ifndef _ZV_EXPORT_H
+#define _ZV_EXPORT_H
+
+#define ZV_EXPORT __attribute__((visibility("default")))
+
+#endif // _ZV_EXPORT_H

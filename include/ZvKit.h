@@ -1,0 +1,30 @@
+// ZvKit.h: the umbrella header of the ZvKit library.
+//
+// Including this one header gives every public class, template, function,
+// constant and global of the library, and the platform kits it is written
+// against (SupportDefs.h, OS.h, ...).
+#ifndef _ZVKIT_H
+#define _ZVKIT_H
+
+#include <ZvExport.h>
+#include <ZvKitVersion.h>
+
+// Threads and synchronisation.
+#include <Benaphore.h>
+#include <ZvLocker.h>
+#include <ZvSemaphore.h>
+#include <ZvThread.h>
+
+// Message container.
+
+// Looper framework.
+
+// Data subscription.
+
+// Text.
+
+// Numeric helpers.
+
+// Graphics helpers.
+
+#endif // _ZVKIT_H

@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# Second command of the README: installs what is missing, then builds and runs
+# the whole test suite in every configuration (default, ASan+UBSan, TSan,
+# i386, and the fuzz smoke runs), and ends with one summary line.
+#
+# CONFIGS="default asan" scripts/test-all.sh runs a subset.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh || exit 1
+
+configs=${CONFIGS:-"default asan tsan i386 fuzz"}
+jobs=$(nproc)
+
+# The screen tests need an X server: a private Xvfb at 1024x768x24.
+xvfb_pid=""
+for n in $(seq 90 120); do
+    if [ ! -e "/tmp/.X$n-lock" ] && [ ! -e "/tmp/.X11-unix/X$n" ]; then
+        Xvfb ":$n" -screen 0 1024x768x24 -nolisten tcp >/dev/null 2>&1 &
+        xvfb_pid=$!
+        export ZVKIT_TEST_DISPLAY=":$n"
+        break
+    fi
+done
+cleanup() { [ -n "$xvfb_pid" ] && kill "$xvfb_pid" 2>/dev/null; }
+trap cleanup EXIT
+
+total_pass=0
+total_fail=0
+failed_configs=()
+for cfg in $configs; do
+    echo "=== $cfg: configure and build ==="
+    if ! cmake --preset "$cfg" >/dev/null || ! cmake --build --preset "$cfg" -j"$jobs"; then
+        echo "=== $cfg: BUILD FAILED ==="
+        failed_configs+=("$cfg(build)")
+        total_fail=$((total_fail + 1))
+        continue
+    fi
+    echo "=== $cfg: test ==="
+    log="build/$cfg/ctest.log"
+    ctest --preset "$cfg" -j"$jobs" 2>&1 | tee "$log"
+    rc=${PIPESTATUS[0]}
+    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
+    failed=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/')
+    all=$(echo "$line" | sed -E 's/.* failed out of ([0-9]+).*/\1/')
+    if [ -z "$line" ]; then failed=1; all=1; fi
+    total_pass=$((total_pass + all - failed))
+    total_fail=$((total_fail + failed))
+    if [ "$rc" -ne 0 ] || [ "$failed" -ne 0 ]; then
+        failed_configs+=("$cfg")
+        [ "$failed" -eq 0 ] && total_fail=$((total_fail + 1))
+    fi
+done
+
+echo
+if [ ${#failed_configs[@]} -gt 0 ]; then
+    echo "Failing configurations: ${failed_configs[*]}"
+fi
+echo "Configurations run: $configs"
+echo "total: $total_pass passed, $total_fail failed"
+[ "$total_fail" -eq 0 ]
