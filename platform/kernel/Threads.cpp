@@ -97,10 +97,15 @@ struct ThreadControl
 	int32 joiners = 0;
 };
 
+// A thread spawned by this process that has ended. Its exit value is kept
+// for one wait_for_thread that comes after the end; the record also tells
+// the kit that the host thread, which may linger for a moment in /proc, is
+// no longer one it can act on.
 struct DeadThread
 {
 	thread_id id;
 	status_t exitValue;
+	bool collected;
 };
 
 std::mutex gThreadLock;
@@ -278,11 +283,29 @@ std::shared_ptr<ThreadControl> Find(thread_id id)
 	return FindLocked(id);
 }
 
+DeadThread* FindDeadLocked(thread_id id)
+{
+	for (DeadThread& dead : gDeadThreads) {
+		if (dead.id == id)
+			return &dead;
+	}
+	return nullptr;
+}
+
+bool HasEnded(thread_id id)
+{
+	std::lock_guard<std::mutex> lock(gThreadLock);
+	return FindDeadLocked(id) != nullptr;
+}
+
 // The error for a thread the kit cannot act on: it exists but was not made
-// by spawn_thread in this process (B_NOT_ALLOWED), or it does not exist.
+// by spawn_thread in this process (B_NOT_ALLOWED), or it does not exist (any
+// more).
 status_t NotOurs(thread_id id)
 {
-	return id > 0 && TeamOfThread(id) > 0 ? B_NOT_ALLOWED : B_BAD_THREAD_ID;
+	if (id <= 0 || HasEnded(id))
+		return B_BAD_THREAD_ID;
+	return TeamOfThread(id) > 0 ? B_NOT_ALLOWED : B_BAD_THREAD_ID;
 }
 
 // Parks the calling thread while it is suspended. Async-signal-safe.
@@ -357,11 +380,10 @@ public:
 			auto found = gThreads.find(id);
 			if (found != gThreads.end() && found->second == fControl)
 				gThreads.erase(found);
-			if (self->joiners == 0) {
-				gDeadThreads.push_back(DeadThread{id, self->exitValue});
-				if (gDeadThreads.size() > kMaxDeadThreads)
-					gDeadThreads.pop_front();
-			}
+			// Threads already waiting collect the value themselves.
+			gDeadThreads.push_back(DeadThread{id, self->exitValue, self->joiners > 0});
+			if (gDeadThreads.size() > kMaxDeadThreads)
+				gDeadThreads.pop_front();
 		}
 		self->state.store(kStateDone, std::memory_order_release);
 		self->done.store(true, std::memory_order_release);
@@ -579,13 +601,14 @@ status_t wait_for_thread(thread_id id, status_t* returnValue)
 		std::lock_guard<std::mutex> lock(gThreadLock);
 		control = FindLocked(id);
 		if (control == nullptr) {
-			for (auto dead = gDeadThreads.begin(); dead != gDeadThreads.end(); ++dead) {
-				if (dead->id == id) {
-					if (returnValue != nullptr)
-						*returnValue = dead->exitValue;
-					gDeadThreads.erase(dead);
-					return B_OK;
-				}
+			DeadThread* dead = FindDeadLocked(id);
+			if (dead != nullptr) {
+				if (dead->collected)
+					return B_BAD_THREAD_ID;
+				dead->collected = true;
+				if (returnValue != nullptr)
+					*returnValue = dead->exitValue;
+				return B_OK;
 			}
 		} else if (control.get() != tSelf) {
 			control->joiners++;
@@ -690,7 +713,7 @@ thread_id find_thread(const char* name)
 		const thread_id thread = static_cast<thread_id>(strtol(entry->d_name, nullptr, 10));
 		char taskName[B_OS_NAME_LENGTH];
 		if (thread > 0 && ReadComm(CurrentTeam(), thread, taskName) &&
-		    strcmp(taskName, wanted) == 0) {
+		    strcmp(taskName, wanted) == 0 && !HasEnded(thread)) {
 			found = thread;
 			break;
 		}
@@ -756,7 +779,7 @@ status_t get_thread_info(thread_id id, thread_info* info)
 
 	// Any other thread of the host, in this process or another.
 	const team_id team = TeamOfThread(id);
-	if (team <= 0)
+	if (team <= 0 || (team == CurrentTeam() && HasEnded(id)))
 		return B_BAD_THREAD_ID;
 	info->team = team;
 	if (!ReadComm(team, id, info->name) || !ReadTaskStat(team, id, info))
@@ -772,7 +795,7 @@ status_t rename_thread(thread_id id, const char* newName)
 	if (control != nullptr) {
 		std::lock_guard<std::mutex> lock(gThreadLock);
 		CopyName(control->name, newName);
-	} else if (id <= 0 || TeamOfThread(id) != CurrentTeam()) {
+	} else if (id <= 0 || HasEnded(id) || TeamOfThread(id) != CurrentTeam()) {
 		return NotOurs(id);
 	}
 	// The host keeps the first 15 characters, for tools like ps and top.
@@ -798,7 +821,7 @@ status_t set_thread_priority(thread_id id, int32 newPriority)
 	if (control != nullptr) {
 		old = control->priority.exchange(newPriority, std::memory_order_relaxed);
 	} else {
-		if (id <= 0 || TeamOfThread(id) != CurrentTeam())
+		if (id <= 0 || HasEnded(id) || TeamOfThread(id) != CurrentTeam())
 			return NotOurs(id);
 		errno = 0;
 		const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(id));
