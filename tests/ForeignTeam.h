@@ -77,6 +77,7 @@ struct ChildRole
 		(void)!write(kReportFd, line, static_cast<size_t>(length));
 		close(kReportFd);
 		WaitForClose(kControlFd);
+		pthread_join(thread, nullptr);
 		_exit(0);
 	}
 };

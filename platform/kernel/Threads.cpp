@@ -124,14 +124,6 @@ thread_id HostThreadId()
 	return static_cast<thread_id>(syscall(SYS_gettid));
 }
 
-void CopyName(char* target, const char* name)
-{
-	if (name == nullptr)
-		name = "";
-	strncpy(target, name, B_OS_NAME_LENGTH - 1);
-	target[B_OS_NAME_LENGTH - 1] = '\0';
-}
-
 // The platform priority to the host's nice value of the thread (SCHED_OTHER).
 // An unprivileged process may only raise nice values, so priorities above
 // normal take effect only with CAP_SYS_NICE (or a raised RLIMIT_NICE).
@@ -169,8 +161,7 @@ void ApplyPriority(thread_id thread, int32 priority)
 void SetHostName(const char* name)
 {
 	char shortName[kHostNameLength + 1];
-	strncpy(shortName, name, kHostNameLength);
-	shortName[kHostNameLength] = '\0';
+	CopyName(shortName, sizeof(shortName), name);
 	prctl(PR_SET_NAME, shortName, 0, 0, 0);
 }
 
@@ -203,13 +194,14 @@ team_id TeamOfThread(thread_id thread)
 	return static_cast<team_id>(strtol(tgid + 6, nullptr, 10));
 }
 
+// name has room for B_OS_NAME_LENGTH characters.
 bool ReadComm(team_id team, thread_id thread, char* name)
 {
 	char buffer[64];
 	if (!ReadSmallFile(TaskPath(team, thread, "comm"), buffer, sizeof(buffer)))
 		return false;
 	buffer[strcspn(buffer, "\n")] = '\0';
-	CopyName(name, buffer);
+	CopyName(name, B_OS_NAME_LENGTH, buffer);
 	return true;
 }
 
@@ -510,7 +502,7 @@ thread_id spawn_thread(thread_func function, const char* name, int32 priority, v
 	control->data = data;
 	control->team = CurrentTeam();
 	control->priority.store(priority, std::memory_order_relaxed);
-	CopyName(control->name, name != nullptr ? name : "unnamed thread");
+	CopyName(control->name, sizeof(control->name), name != nullptr ? name : "unnamed thread");
 
 	pthread_attr_t attributes;
 	pthread_attr_init(&attributes);
@@ -696,7 +688,7 @@ thread_id find_thread(const char* name)
 	}
 
 	char wanted[B_OS_NAME_LENGTH];
-	CopyName(wanted, name);
+	CopyName(wanted, sizeof(wanted), name);
 	{
 		std::lock_guard<std::mutex> lock(gThreadLock);
 		for (const auto& entry : gThreads) {
@@ -768,7 +760,7 @@ status_t get_thread_info(thread_id id, thread_info* info)
 		info->team = CurrentTeam();
 		char hostName[kHostNameLength + 1] = {};
 		prctl(PR_GET_NAME, hostName, 0, 0, 0);
-		CopyName(info->name, hostName);
+		CopyName(info->name, sizeof(info->name), hostName);
 		errno = 0;
 		const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(id));
 		info->priority = PriorityForNice(errno == 0 ? nice : 0);
@@ -794,7 +786,7 @@ status_t rename_thread(thread_id id, const char* newName)
 	const std::shared_ptr<ThreadControl> control = Find(id);
 	if (control != nullptr) {
 		std::lock_guard<std::mutex> lock(gThreadLock);
-		CopyName(control->name, newName);
+		CopyName(control->name, sizeof(control->name), newName);
 	} else if (id <= 0 || HasEnded(id) || TeamOfThread(id) != CurrentTeam()) {
 		return NotOurs(id);
 	}
@@ -805,8 +797,7 @@ status_t rename_thread(thread_id id, const char* newName)
 		FILE* comm = fopen(TaskPath(CurrentTeam(), id, "comm").c_str(), "we");
 		if (comm != nullptr) {
 			char shortName[kHostNameLength + 1];
-			strncpy(shortName, newName, kHostNameLength);
-			shortName[kHostNameLength] = '\0';
+			CopyName(shortName, sizeof(shortName), newName);
 			fputs(shortName, comm);
 			fclose(comm);
 		}

@@ -135,14 +135,16 @@ TEST(Benaphore, AcquireOfNWhileOthersWaitIncludesTheirUnits)
 	std::thread second([&] { EXPECT_EQ(benaphore.Acquire(2), B_OK); });
 	ASSERT_TRUE(zvtest::WaitUntil([&] { return SemCount(sem) == -4; }));
 	EXPECT_EQ(CountOf(benaphore), -3);
-	// Release(3): previous -3, releases min(3, 3) = 3 units; one goes to
-	// the first waiter, the second still needs one more.
+	// Release(3): previous -3, releases min(3, 3) = 3 units. They satisfy
+	// one waiter (the first, wanting 1, or the second, wanting 3); either
+	// way the semaphore then owes exactly one unit to the other.
 	EXPECT_EQ(benaphore.Release(3), B_OK);
-	first.join();
 	EXPECT_EQ(CountOf(benaphore), 0);
 	ASSERT_TRUE(zvtest::WaitUntil([&] { return SemCount(sem) == -1; }));
 	EXPECT_EQ(release_sem(sem), B_OK);
+	first.join();
 	second.join();
+	EXPECT_EQ(SemCount(sem), 0);
 }
 
 TEST(Benaphore, FreeDeletesTheSemaphore)
