@@ -26,6 +26,9 @@
 // Data subscription.
 
 // Text.
+#include <UTFString.h>
+#include <ZvRString.h>
+#include <ZvUTF8.h>
 
 // Numeric helpers.
 
