@@ -114,14 +114,18 @@ public:
 
 	// Processes everything queued in the calling thread, as the loop would
 	// (for loopers that are never run). Returns the number of messages taken.
+	// Stops, as the loop does, once the looper's lock is gone (after a
+	// honoured "QUIT").
 	int32 Drain()
 	{
 		int32 taken = 0;
-		if (!Lock())
-			return 0;
-		while (ProcessNextMessage())
+		while (Lock()) {
+			const bool took = ProcessNextMessage();
+			Unlock();
+			if (!took)
+				break;
 			taken++;
-		Unlock();
+		}
 		return taken;
 	}
 
