@@ -22,6 +22,10 @@
 #include <ZvTypeCodes.h>
 
 // Looper framework.
+#include <ZvHandler.h>
+#include <ZvLooper.h>
+#include <ZvMessageQueue.h>
+#include <ZvMessenger.h>
 
 // Data subscription.
 

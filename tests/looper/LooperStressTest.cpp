@@ -8,6 +8,7 @@
 #include <ZvHandler.h>
 #include <ZvLooper.h>
 #include <ZvMessage.h>
+#include <ZvSemaphore.h>
 #include <ZvThread.h>
 
 #include "LooperTestSupport.h"
@@ -40,20 +41,39 @@ constexpr bool kSanitized = false;
 // Iterations of the races that only gain from repetition.
 constexpr int kRaceRounds = kSanitized ? 300 : 2000;
 
+// Flow control outside the looper: a producer takes one credit per message
+// and the handler gives it back on receipt, so the queue never holds more
+// than the credits while every producer still posts concurrently. (Removal
+// from the queue shifts the list, so a queue of tens of thousands of
+// messages would make the test slow, not more thorough.)
+class Credits {
+public:
+	explicit Credits(int32 count) : fSem(ZvSemaphore::Create(count, "credits")) {}
+	~Credits() { ZvSemaphore::Delete(fSem); }
+	void Take() { ZvSemaphore::Acquire(fSem, -1); }
+	void Give() { ZvSemaphore::Release(fSem); }
+
+private:
+	uint32 fSem;
+};
+
 // Checks that messages from each producer arrive once each and in order.
 class SequenceChecker : public ZvHandler {
 public:
-	SequenceChecker(int producers, int32 each, zvtest::Latch* done)
+	SequenceChecker(int producers, int32 each, zvtest::Latch* done, Credits* credits = nullptr)
 		:
 		ZvHandler("sequence checker"),
 		fNext(static_cast<size_t>(producers), 0),
 		fExpected(static_cast<int64_t>(producers) * each),
-		fDone(done)
+		fDone(done),
+		fCredits(credits)
 	{
 	}
 
 	void MessageReceived(ZvMessage* message) override
 	{
+		if (fCredits != nullptr)
+			fCredits->Give();
 		int32 producer = -1, sequence = -1;
 		if (!message->FindInt32("producer", &producer) || !message->FindInt32("seq", &sequence)
 			|| producer < 0 || producer >= static_cast<int32>(fNext.size())) {
@@ -78,6 +98,7 @@ private:
 	int64_t fReceived = 0;
 	int64_t fBad = 0;
 	zvtest::Latch* fDone;
+	Credits* fCredits;
 };
 
 // Counts what reaches the looper's own MessageReceived in a shared counter
@@ -98,12 +119,15 @@ private:
 	std::atomic<int32>* fDelivered;
 };
 
-void Produce(ZvLooper* looper, ZvHandler* target, int32 producer, int32 count)
+void Produce(ZvLooper* looper, ZvHandler* target, int32 producer, int32 count,
+	Credits* credits = nullptr)
 {
 	ZvMessage message(1);
 	message.AddInt32("producer", producer);
 	message.AddInt32("seq", 0);
 	for (int32 sequence = 0; sequence < count; sequence++) {
+		if (credits != nullptr)
+			credits->Take();
 		message.ReplaceInt32("seq", sequence);
 		looper->PostMessage(&message, target);
 	}
@@ -117,19 +141,20 @@ TEST(LooperStressTest, EightProducersOfTenThousandMessagesEachAreDeliveredOnceIn
 	constexpr int kProducers = 8;
 	constexpr int32 kEach = 10000;
 	zvtest::Latch done(1);
-	SequenceChecker checker(kProducers, kEach, &done);
-	// A bound the producers never reach. Several producers blocked on the
-	// soft bound at once can be left waiting when the looper drains the
-	// queue below the bound before the woken ones append (the bound wakes
-	// one adder per removal that leaves the queue at or above it); the
-	// bound under load is covered with one producer below.
-	TestLooper* looper = new TestLooper(nullptr, nullptr, kProducers * kEach + 1);
+	Credits credits(512);
+	SequenceChecker checker(kProducers, kEach, &done, &credits);
+	// The soft bound is never reached: the credits keep the queue shorter.
+	// Several producers blocked on the bound at once can be left waiting
+	// when the looper drains the queue below the bound before the woken ones
+	// append (the bound wakes one adder per removal that leaves the queue at
+	// or above it); the bound under load is covered with one producer below.
+	TestLooper* looper = new TestLooper(nullptr, nullptr, 1024);
 	looper->AddHandler(&checker);
 	ASSERT_TRUE(looper->Run());
 
 	std::vector<std::thread> producers;
 	for (int32 producer = 0; producer < kProducers; producer++)
-		producers.emplace_back(Produce, looper, &checker, producer, kEach);
+		producers.emplace_back(Produce, looper, &checker, producer, kEach, &credits);
 	for (std::thread& producer : producers)
 		producer.join();
 
@@ -211,7 +236,7 @@ TEST(LooperStressTest, AddingAndRemovingHandlersFromOtherThreadsDuringDispatchIs
 {
 	zvtest::Watchdog watchdog(120s, "handler churn");
 	constexpr int kHandlers = 8;
-	const int kRounds = kSanitized ? 300 : 3000;
+	const int kRounds = kSanitized ? 3000 : 30000;
 
 	// Checks, in the looper's thread, that it is attached when it receives.
 	class AttachedCheck : public ZvHandler {
@@ -236,11 +261,29 @@ TEST(LooperStressTest, AddingAndRemovingHandlersFromOtherThreadsDuringDispatchIs
 	looper->AddHandler(&fence);
 	ASSERT_TRUE(looper->Run());
 
+	// The poster waits for its pacer message after every 64 posts, so the
+	// queue stays short.
+	class Pacer : public ZvHandler {
+	public:
+		explicit Pacer(Credits* credits) : ZvHandler("pacer"), fCredits(credits) {}
+		void MessageReceived(ZvMessage*) override { fCredits->Give(); }
+
+	private:
+		Credits* fCredits;
+	};
+	Credits paced(0);
+	Pacer pacer(&paced);
+	looper->AddHandler(&pacer);
+
 	std::atomic<bool> stop{false};
 	std::thread poster([&] {
 		uint32 index = 0;
-		while (!stop.load())
-			looper->PostMessage(7, &handlers[index++ % kHandlers]);
+		while (!stop.load()) {
+			for (int i = 0; i < 64; i++)
+				looper->PostMessage(7, &handlers[index++ % kHandlers]);
+			looper->PostMessage(2, &pacer);
+			paced.Take();
+		}
 	});
 	std::vector<std::thread> churners;
 	for (int churner = 0; churner < 2; churner++) {
@@ -263,12 +306,16 @@ TEST(LooperStressTest, AddingAndRemovingHandlersFromOtherThreadsDuringDispatchIs
 	// once the fence message arrives.
 	looper->PostMessage(1, &fence);
 	ASSERT_TRUE(fenced.WaitFor(100s));
-	EXPECT_EQ(looper->CountHandlers(), 2);
+	EXPECT_EQ(looper->CountHandlers(), 3);
 	EXPECT_TRUE(looper->Quit());
+	int32 delivered = 0;
 	for (const AttachedCheck& handler : handlers) {
+		delivered += handler.fReceived.load();
 		EXPECT_EQ(handler.fDetachedReceipts.load(), 0);
 		EXPECT_EQ(handler.Looper(), nullptr);
 	}
+	// The churned handlers did receive messages while attached.
+	EXPECT_GT(delivered, 0);
 }
 
 TEST(LooperStressTest, AThousandLoopersEndHalfByQuitHalfByAQuitMessageWithMessagesQueued)
