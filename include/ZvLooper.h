@@ -25,11 +25,15 @@
 // SetPreferredHandler and PreferredHandler take the looper's lock, so from
 // another thread they wait for the message in hand to be dispatched.
 // HandlerAt, CountHandlers, IndexOfHandler and CurrentMessage take no
-// looper lock. Lock order: the looper's lock, then the queue's lock. Quit
-// may be called from any other thread, also while the looper is ending or
-// after it was deleted by its own thread: it then returns false without
-// touching the object. Posting to a looper that may already be gone is the
-// caller's error.
+// looper lock. Lock order: the looper's lock, then the queue's lock.
+//
+// Quit may be called from any other thread while the looper exists: from
+// the moment it deleted "fLooperAccess" the looper's thread may end and
+// delete the looper, and Quit never touches the object after that point
+// (see ZvLooper.cpp). A looper that ended through a "QUIT" message is gone:
+// calling Quit on it, or posting to it, uses a deleted object and is the
+// caller's error (Quit then finds no live looper at that address and
+// returns false, but a new looper may have been built there).
 //
 // Note: ZvLooper::Looper() is the message loop; it hides the inherited
 // ZvHandler::Looper() const. Reach the handler link of a looper through a

@@ -16,7 +16,9 @@
 // kills the looper's lock, clears running and waits for the looper's thread.
 // The moment "fLooperAccess" is gone the loop may end and the thread delete
 // the looper, while Quit still has steps 2 to 4 to do; and a looper that
-// ended through a "QUIT" message may be gone before Quit is even called.
+// ended through a "QUIT" message may be gone before Quit is even called
+// (a caller's error, which Quit survives as long as no other looper was
+// built at the same address since).
 //
 // Every looper therefore has a life record, kept in a process-wide table of
 // live loopers keyed by the looper's address:
@@ -32,12 +34,12 @@
 //    from the looper: Quit copies what it needs under the guard and waits
 //    outside it (the thread is deleting the looper meanwhile).
 //
-// Quit looks its looper up in the table first and touches nothing when the
-// looper is not there. The record itself is shared (the table and each Quit
-// in flight hold a reference), so it outlives the looper as long as needed.
-// Because the key is an address, a Quit on a looper that is long gone could
-// reach a new looper built at the same address; calling a member function of
-// a deleted object remains the caller's error.
+// Quit looks its looper up by address and reads nothing from the object
+// itself before it holds the guard of a live record: entered on a live
+// looper, it is safe whenever the thread ends. The record is shared (the
+// table and each Quit in flight hold a reference), so it outlives the
+// looper as long as needed. Two threads may quit the same looper: the
+// second finds the record dead, or the semaphore and lock already gone.
 struct zv_looper_life {
 	// Serialises the ending steps (Quit, the "QUIT" path) against the
 	// looper's death, and two endings against each other, so that the

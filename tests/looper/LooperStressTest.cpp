@@ -276,6 +276,7 @@ TEST(LooperStressTest, AddingAndRemovingHandlersFromOtherThreadsDuringDispatchIs
 	looper->AddHandler(&pacer);
 
 	std::atomic<bool> stop{false};
+	std::atomic<int32> batches{0};
 	std::thread poster([&] {
 		uint32 index = 0;
 		while (!stop.load()) {
@@ -283,12 +284,15 @@ TEST(LooperStressTest, AddingAndRemovingHandlersFromOtherThreadsDuringDispatchIs
 				looper->PostMessage(7, &handlers[index++ % kHandlers]);
 			looper->PostMessage(2, &pacer);
 			paced.Take();
+			batches++;
 		}
 	});
+	// The churners go on until the poster has had the looper dispatch a
+	// good number of batches meanwhile.
 	std::vector<std::thread> churners;
 	for (int churner = 0; churner < 2; churner++) {
 		churners.emplace_back([&, churner] {
-			for (int round = 0; round < kRounds; round++) {
+			for (int round = 0; round < kRounds || batches.load() < 50; round++) {
 				AttachedCheck& handler = handlers[(round * 2 + churner) % kHandlers];
 				looper->AddHandler(&handler);
 				looper->CountHandlers();
@@ -365,45 +369,37 @@ TEST(LooperStressTest, AThousandLoopersEndHalfByQuitHalfByAQuitMessageWithMessag
 
 TEST(LooperStressTest, QuitRacingTheLoopersOwnEndNeverTouchesADeletedLooper)
 {
+	// Quit's deletion of "fLooperAccess" ends the loop, and the thread
+	// deletes the looper, while Quit still has its lock, running and wait
+	// steps to do. Some rounds find the thread idle, some busy with queued
+	// messages, some not yet started. AddressSanitizer reports any access
+	// of the deleted looper; ThreadSanitizer any unordered one.
 	zvtest::Watchdog watchdog(120s, "quit races");
 	std::atomic<int32> destroyed{0};
 	std::atomic<int32> delivered{0};
-	zvtest::Latch allGone(kRaceRounds);
-	for (int round = 0; round < kRaceRounds; round++) {
-		CountingLooper* looper = new CountingLooper(&delivered, &destroyed, &allGone);
-		// Half the rounds: a "QUIT" already queued ends the loop at once,
-		// and the thread deletes the looper while Quit runs. The other half:
-		// Quit's own deletion of "fLooperAccess" ends the loop while Quit
-		// still has its lock and wait steps to do.
-		if (round % 2 == 0)
-			looper->PostMessage(ZV_QUIT_REQUESTED, nullptr);
-		looper->PostMessage(1, nullptr);
-		ASSERT_TRUE(looper->Run());
-		looper->Quit();
-	}
-	// The loopers that a "QUIT" ended may still be finishing.
-	EXPECT_TRUE(allGone.WaitFor(100s));
-	EXPECT_EQ(destroyed.load(), kRaceRounds);
-}
-
-TEST(LooperStressTest, QuitFromTwoThreadsAtOnceEndsTheLooperOnce)
-{
-	zvtest::Watchdog watchdog(120s, "double quit");
-	std::atomic<int32> destroyed{0};
-	std::atomic<int32> delivered{0};
-	const int rounds = kRaceRounds / 4;
-	for (int round = 0; round < rounds; round++) {
-		CountingLooper* looper = new CountingLooper(&delivered, &destroyed, nullptr);
-		looper->PostMessage(1, nullptr);
-		ASSERT_TRUE(looper->Run());
-		zvtest::Latch start(1);
-		std::thread other([&] {
-			start.WaitFor(10s);
-			looper->Quit();
+	std::atomic<int32> quitResults{0};
+	constexpr int kQuitters = 2;
+	std::vector<std::thread> quitters;
+	for (int quitter = 0; quitter < kQuitters; quitter++) {
+		quitters.emplace_back([&, quitter] {
+			for (int round = 0; round < kRaceRounds / kQuitters; round++) {
+				CountingLooper* looper = new CountingLooper(&delivered, &destroyed, nullptr);
+				const int queued = (round + quitter) % 3 == 0 ? 0 : round % 8;
+				for (int i = 0; i < queued; i++)
+					looper->PostMessage(1, nullptr);
+				looper->Run();
+				if (round % 3 == 1) {
+					// Let the thread get going before quitting it.
+					for (int spin = 0; spin < round % 50; spin++)
+						std::this_thread::yield();
+				}
+				if (looper->Quit())
+					quitResults++;
+			}
 		});
-		start.CountDown();
-		looper->Quit();
-		other.join();
-		EXPECT_EQ(destroyed.load(), round + 1);
 	}
+	for (std::thread& quitter : quitters)
+		quitter.join();
+	EXPECT_EQ(destroyed.load(), kRaceRounds / kQuitters * kQuitters);
+	EXPECT_EQ(quitResults.load(), kRaceRounds / kQuitters * kQuitters);
 }

@@ -668,17 +668,56 @@ TEST(ZvLooperTest, AQuitMessageForTheLooperEndsTheLoopAndTheThreadDeletesTheLoop
 	EXPECT_EQ(handler.Whats()[0], 1u);
 }
 
-TEST(ZvLooperTest, QuitAfterTheLooperEndedItselfReturnsFalseWithoutTouchingIt)
+TEST(ZvLooperTest, QuitWhileAQuitMessageIsBeingDispatchedEndsTheLooperOnce)
 {
-	zvtest::Watchdog watchdog(30s, "late quit");
-	zvtest::Latch gone(1);
-	TestLooper* looper = new TestLooper(nullptr, &gone);
+	zvtest::Watchdog watchdog(30s, "quit during quit message");
+
+	// Holds the "QUIT" message at the door of DispatchMessage until told.
+	class HeldQuit : public TestLooper {
+	public:
+		HeldQuit(std::atomic<int32>* destroyed, zvtest::Latch* atDoor, zvtest::Latch* go)
+			:
+			TestLooper(destroyed),
+			fAtDoor(atDoor),
+			fGo(go)
+		{
+		}
+
+		void DispatchMessage(ZvMessage* message, ZvHandler* target) override
+		{
+			if (message->what == ZV_QUIT_REQUESTED) {
+				fAtDoor->CountDown();
+				fGo->WaitFor(20s);
+			}
+			ZvLooper::DispatchMessage(message, target);
+		}
+
+	private:
+		zvtest::Latch* fAtDoor;
+		zvtest::Latch* fGo;
+	};
+
+	std::atomic<int32> destroyed{0};
+	zvtest::Latch atDoor(1), go(1);
+	HeldQuit* looper = new HeldQuit(&destroyed, &atDoor, &go);
 	looper->PostMessage(ZV_QUIT_REQUESTED, nullptr);
 	ASSERT_TRUE(looper->Run());
-	ASSERT_TRUE(gone.WaitFor(20s));
-	// The object is gone: Quit only looks its address up in the table of
-	// live loopers (AddressSanitizer reports any read of the freed object).
-	EXPECT_FALSE(looper->Quit());
+	ASSERT_TRUE(atDoor.WaitFor(20s));
+
+	// The looper cannot end while its thread waits at the door, so Quit is
+	// entered on a live looper. It kills the lock (held by the looper's
+	// thread, so until then a poll times out) and waits for the thread.
+	std::atomic<int> quitResult{-1};
+	std::thread quitter([&] { quitResult.store(looper->Quit() ? 1 : 0); });
+	while (looper->LockWithTimeout(0) == 2)
+		std::this_thread::yield();
+
+	// The "QUIT" path now runs on a looper that Quit already ended: it
+	// deletes nothing twice, and the thread deletes the looper once.
+	go.CountDown();
+	quitter.join();
+	EXPECT_EQ(quitResult.load(), 1);
+	EXPECT_EQ(destroyed.load(), 1);
 }
 
 TEST(ZvLooperTest, AQuitMessageWithAnotherPreferredHandlerDoesNotEndARunningLooper)
