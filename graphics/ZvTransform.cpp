@@ -18,8 +18,7 @@ void Multiply(const double* a, const double* b, double* out)
 {
 	for (int i = 0; i < 3; i++) {
 		for (int j = 0; j < 3; j++) {
-			out[i * 3 + j]
-				= a[i * 3] * b[j] + a[i * 3 + 1] * b[3 + j] + a[i * 3 + 2] * b[6 + j];
+			out[i * 3 + j] = a[i * 3] * b[j] + a[i * 3 + 1] * b[3 + j] + a[i * 3 + 2] * b[6 + j];
 		}
 	}
 }
@@ -58,28 +57,11 @@ void SetRotationMatrix(double* m, double angle, ZvPoint<double> center)
 } // namespace
 
 ZvTransform::ZvTransform()
-	:
-	fBoundingBox(),
-	fOrigin(),
-	fSize(),
-	fMatrix(),
-	fMatrixInverse(),
-	fRotationMatrix(),
-	fRotationMatrixInverse(),
-	fRotationAngle(0),
-	fRotationCenter(),
-	fScalingMatrix(),
-	fScalingMatrixInverse(),
-	fScalingFactor(),
-	fScalingCenter(),
-	fShearingMatrix(),
-	fShearingMatrixInverse(),
-	fShearing(),
-	fTranslationMatrix(),
-	fTranslationMatrixInverse(),
-	fTranslation(),
-	fTransformMatrix(),
-	fCorners()
+    : fBoundingBox(), fOrigin(), fSize(), fMatrix(), fMatrixInverse(), fRotationMatrix(),
+      fRotationMatrixInverse(), fRotationAngle(0), fRotationCenter(), fScalingMatrix(),
+      fScalingMatrixInverse(), fScalingFactor(), fScalingCenter(), fShearingMatrix(),
+      fShearingMatrixInverse(), fShearing(), fTranslationMatrix(), fTranslationMatrixInverse(),
+      fTranslation(), fTransformMatrix(), fCorners()
 {
 	// The default box is stored without deriving origin and size, which stay
 	// zero until SetBoundingBox: the normalised matrices start as NaN.
@@ -190,7 +172,7 @@ ZvPoint<double> ZvTransform::RotationCenter() const
 }
 
 void ZvTransform::SetTransform(ZvPoint<double> leftTop, ZvPoint<double> rightTop,
-	ZvPoint<double> rightBottom, ZvPoint<double> leftBottom)
+                               ZvPoint<double> rightBottom, ZvPoint<double> leftBottom)
 {
 	fCorners[0] = leftTop;
 	fCorners[1] = rightTop;
@@ -282,7 +264,7 @@ void ZvTransform::Clear()
 	SetScaling(ZvPoint<double>{1, 1}, ZvPoint<double>{0.5, 0.5});
 	SetRotation(0, ZvPoint<double>{0.5, 0.5});
 	SetTransform(ZvPoint<double>{0, 0}, ZvPoint<double>{1, 0}, ZvPoint<double>{1, 1},
-		ZvPoint<double>{0, 1});
+	             ZvPoint<double>{0, 1});
 }
 
 void ZvTransform::Reset()
@@ -292,7 +274,7 @@ void ZvTransform::Reset()
 	SetScaling(ScalingFactor(), ScalingCenter());
 	SetRotation(RotationAngle(), RotationCenter());
 	SetTransform(TransformLeftTop(), TransformRightTop(), TransformRightBottom(),
-		TransformLeftBottom());
+	             TransformLeftBottom());
 }
 
 void ZvTransform::RecalcMatrix()
@@ -301,6 +283,5 @@ void ZvTransform::RecalcMatrix()
 	// The way back multiplies the same forward matrices in the reverse order
 	// (not the elementary inverses, and not the inverse of fMatrix): Dsp2Org
 	// is defined by this product.
-	Multiply4(fRotationMatrix, fTranslationMatrix, fShearingMatrix, fScalingMatrix,
-		fMatrixInverse);
+	Multiply4(fRotationMatrix, fTranslationMatrix, fShearingMatrix, fScalingMatrix, fMatrixInverse);
 }

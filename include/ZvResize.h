@@ -31,11 +31,11 @@ extern "C" {
 // words). Does nothing when a buffer is null, a destination dimension is 0 or
 // any dimension exceeds 65535 (the most the 16.16 positions can address).
 ZV_EXPORT void ZV_ResizeInterpolate(const uint32* src, uint32 srcWidth, uint32 srcHeight,
-	uint32* dst, uint32 dstWidth, uint32 dstHeight);
+                                    uint32* dst, uint32 dstWidth, uint32 dstHeight);
 
 // A placeholder beside ZV_ResizeInterpolate: it does nothing.
 ZV_EXPORT void ZV_Resize(const uint32* src, uint32 srcWidth, uint32 srcHeight, uint32* dst,
-	uint32 dstWidth, uint32 dstHeight);
+                         uint32 dstWidth, uint32 dstHeight);
 
 // n * step, where n is value / step plus 0.25 (value >= 0) or minus 0.25
 // (otherwise, NaN included), truncated toward zero. A quotient that no 64-bit

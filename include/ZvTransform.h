@@ -37,7 +37,8 @@
 
 class ZvMessage;
 
-class ZV_EXPORT ZvTransform {
+class ZV_EXPORT ZvTransform
+{
 public:
 	ZvTransform();
 	// Same as the default constructor: the archive is not read.
@@ -69,7 +70,7 @@ public:
 	// Maps the unit square's corners (0,0) (1,0) (1,1) (0,1) to the
 	// normalised quadrilateral; the getters return the points as given.
 	void SetTransform(ZvPoint<double> leftTop, ZvPoint<double> rightTop,
-		ZvPoint<double> rightBottom, ZvPoint<double> leftBottom);
+	                  ZvPoint<double> rightBottom, ZvPoint<double> leftBottom);
 	ZvPoint<double> TransformLeftTop() const;
 	ZvPoint<double> TransformRightTop() const;
 	ZvPoint<double> TransformRightBottom() const;

@@ -22,7 +22,8 @@
 
 namespace {
 
-struct OperatorEntry {
+struct OperatorEntry
+{
 	char code;
 	const char* name;
 	int32 length;
@@ -33,21 +34,10 @@ struct OperatorEntry {
 // most one entry matches any text. Functions and "(" have precedence 0: they
 // open a group that ")" closes.
 const OperatorEntry kOperators[] = {
-	{'+', "+", 1, 2},
-	{'-', "-", 1, 3},
-	{'*', "*", 1, 4},
-	{'/', "/", 1, 5},
-	{'%', "%", 1, 5},
-	{'^', "^", 1, 6},
-	{'(', "(", 1, 0},
-	{')', ")", 1, 99},
-	{'S', "SIN(", 4, 0},
-	{'C', "COS(", 4, 0},
-	{'A', "ABS(", 4, 0},
-	{'L', "LN(", 3, 0},
-	{'E', "EXP(", 4, 0},
-	{'t', "ATAN(", 5, 0},
-	{'s', "SQRT(", 5, 0},
+    {'+', "+", 1, 2},    {'-', "-", 1, 3},     {'*', "*", 1, 4},     {'/', "/", 1, 5},
+    {'%', "%", 1, 5},    {'^', "^", 1, 6},     {'(', "(", 1, 0},     {')', ")", 1, 99},
+    {'S', "SIN(", 4, 0}, {'C', "COS(", 4, 0},  {'A', "ABS(", 4, 0},  {'L', "LN(", 3, 0},
+    {'E', "EXP(", 4, 0}, {'t', "ATAN(", 5, 0}, {'s', "SQRT(", 5, 0},
 };
 
 const double kPi = 3.141592653589793;
@@ -75,7 +65,8 @@ ZvLocker& EvaluatorLock()
 	return sLock;
 }
 
-class LockHolder {
+class LockHolder
+{
 public:
 	explicit LockHolder(ZvLocker& lock) : fLock(lock), fLocked(lock.Lock()) {}
 	~LockHolder()
@@ -156,74 +147,74 @@ int32 ApplyTop()
 	const double right = PopValue();
 	const double left = PopValue();
 	switch (code) {
-		case '+':
-			PushValue(left + right);
-			break;
-		case '-':
-			PushValue(left - right);
-			break;
-		case '*':
-			PushValue(left * right);
-			break;
-		case '/':
-			if (right == 0)
-				return -1;
-			PushValue(left / right);
-			break;
-		case '%':
-			if (right == 0)
-				return -1;
-			PushValue(std::fmod(left, right));
-			break;
-		case '^':
-			PushValue(std::pow(left, right));
-			break;
-		// A function's argument is the top value; the value beneath it is
-		// given back to the stack before the result is pushed.
-		case 'S':
-			sValueCount++;
-			PushValue(std::sin(right));
-			break;
-		case 'C':
-			sValueCount++;
-			PushValue(std::cos(right));
-			break;
-		case 'E':
-			sValueCount++;
-			PushValue(std::exp(right));
-			break;
-		case 't':
-			sValueCount++;
-			PushValue(std::atan(right));
-			break;
-		case 'L':
-			if (!(right > 0))
-				return -1;
-			sValueCount++;
-			PushValue(std::log(right));
-			break;
-		case 's':
-			// The domain test looks at the value beneath the argument, not at
-			// the argument: "-3*SQRT(4)" fails, "SQRT(-4)" is NaN.
-			if (0 > left)
-				return -1;
-			sValueCount++;
-			PushValue(std::sqrt(right));
-			break;
-		case 'A': {
-			sValueCount++;
-			const int32 truncated = TruncateToInt32(right);
-			// In 32-bit arithmetic the magnitude of INT32_MIN is itself.
-			const uint32 magnitude = truncated < 0 ? 0u - static_cast<uint32>(truncated)
-												   : static_cast<uint32>(truncated);
-			PushValue(static_cast<double>(static_cast<int32>(magnitude)));
-			break;
-		}
-		case '(':
-			sValueCount += 2;
-			break;
-		default:
+	case '+':
+		PushValue(left + right);
+		break;
+	case '-':
+		PushValue(left - right);
+		break;
+	case '*':
+		PushValue(left * right);
+		break;
+	case '/':
+		if (right == 0)
 			return -1;
+		PushValue(left / right);
+		break;
+	case '%':
+		if (right == 0)
+			return -1;
+		PushValue(std::fmod(left, right));
+		break;
+	case '^':
+		PushValue(std::pow(left, right));
+		break;
+	// A function's argument is the top value; the value beneath it is
+	// given back to the stack before the result is pushed.
+	case 'S':
+		sValueCount++;
+		PushValue(std::sin(right));
+		break;
+	case 'C':
+		sValueCount++;
+		PushValue(std::cos(right));
+		break;
+	case 'E':
+		sValueCount++;
+		PushValue(std::exp(right));
+		break;
+	case 't':
+		sValueCount++;
+		PushValue(std::atan(right));
+		break;
+	case 'L':
+		if (!(right > 0))
+			return -1;
+		sValueCount++;
+		PushValue(std::log(right));
+		break;
+	case 's':
+		// The domain test looks at the value beneath the argument, not at
+		// the argument: "-3*SQRT(4)" fails, "SQRT(-4)" is NaN.
+		if (0 > left)
+			return -1;
+		sValueCount++;
+		PushValue(std::sqrt(right));
+		break;
+	case 'A': {
+		sValueCount++;
+		const int32 truncated = TruncateToInt32(right);
+		// In 32-bit arithmetic the magnitude of INT32_MIN is itself.
+		const uint32 magnitude =
+		    truncated < 0 ? 0u - static_cast<uint32>(truncated) : static_cast<uint32>(truncated);
+		PushValue(static_cast<double>(static_cast<int32>(magnitude)));
+		break;
+	}
+	case '(':
+		sValueCount += 2;
+		break;
+	default:
+		return -1;
 	}
 	if (sValueCount <= 0)
 		return -1;
@@ -322,8 +313,8 @@ int32 Evaluate(char* text, double* result)
 				// Equal precedence reduces first: every binary operator groups
 				// from the left. Failures here surface later (a missing value
 				// reads as 0.0 and the final checks catch what is left).
-				while (sOperatorCount > 0
-					&& PrecedenceOf(sOperators[sOperatorCount - 1]) >= entry->precedence)
+				while (sOperatorCount > 0 &&
+				       PrecedenceOf(sOperators[sOperatorCount - 1]) >= entry->precedence)
 					ApplyTop();
 				if (!PushOperator(*entry))
 					return -1;

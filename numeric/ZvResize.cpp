@@ -23,7 +23,8 @@ const int32 kSamples = 16;
 
 // The distinct source columns (or rows) sampled by one destination pixel, in
 // increasing order, each with the number of samples that fall on it.
-struct Taps {
+struct Taps
+{
 	uint32 index[kSamples];
 	uint32 weight[kSamples];
 	int32 count;
@@ -56,7 +57,8 @@ void CollectTaps(uint32 position, uint32 step, Taps* taps)
 // One source row as seen by the samples: a pointer to its first word, or,
 // for the row just below the image, the slack word that every one of its
 // samples reads (the row index is clamped to one past the last pixel).
-struct RowTap {
+struct RowTap
+{
 	const uint32* words;
 	uint32 weight;
 };
@@ -64,11 +66,11 @@ struct RowTap {
 } // namespace
 
 extern "C" void ZV_ResizeInterpolate(const uint32* src, uint32 srcWidth, uint32 srcHeight,
-	uint32* dst, uint32 dstWidth, uint32 dstHeight)
+                                     uint32* dst, uint32 dstWidth, uint32 dstHeight)
 {
-	if (src == nullptr || dst == nullptr || dstWidth == 0 || dstHeight == 0
-		|| srcWidth > kMaxDimension || srcHeight > kMaxDimension || dstWidth > kMaxDimension
-		|| dstHeight > kMaxDimension)
+	if (src == nullptr || dst == nullptr || dstWidth == 0 || dstHeight == 0 ||
+	    srcWidth > kMaxDimension || srcHeight > kMaxDimension || dstWidth > kMaxDimension ||
+	    dstHeight > kMaxDimension)
 		return;
 
 	const uint32 boxWidth = srcWidth / dstWidth > 1 ? srcWidth / dstWidth : 1;
@@ -125,9 +127,7 @@ extern "C" void ZV_ResizeInterpolate(const uint32* src, uint32 srcWidth, uint32 
 	}
 }
 
-extern "C" void ZV_Resize(const uint32*, uint32, uint32, uint32*, uint32, uint32)
-{
-}
+extern "C" void ZV_Resize(const uint32*, uint32, uint32, uint32*, uint32, uint32) {}
 
 extern "C" float ZV_FloatModula(float value, float step)
 {

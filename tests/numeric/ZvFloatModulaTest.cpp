@@ -47,7 +47,7 @@ TEST(ZvFloatModula, ResultIsComputedInDoubleThenRounded)
 	const float expected = static_cast<float>(3.0 * static_cast<double>(step));
 	EXPECT_EQ(ZV_FloatModula(0.3f, step), expected);
 	EXPECT_EQ(ZV_FloatModula(1e30f, 1e-10f),
-		static_cast<float>(-9223372036854775808.0 * static_cast<double>(1e-10f)));
+	          static_cast<float>(-9223372036854775808.0 * static_cast<double>(1e-10f)));
 }
 
 TEST(ZvFloatModula, QuotientsNoIntegerHoldsGiveTheIndefiniteValue)

@@ -15,7 +15,8 @@
 namespace {
 
 // Source images carry the one word of slack the resampler may read.
-struct Image {
+struct Image
+{
 	uint32 width;
 	uint32 height;
 	std::vector<uint32> words;
@@ -68,8 +69,9 @@ std::vector<uint32> Reference(const Image& src, uint32 dstWidth, uint32 dstHeigh
 					total[3] += word & 0xFF;
 				}
 			}
-			dst[static_cast<size_t>(y) * dstWidth + x] = (total[0] >> 8) << 24
-				| (total[1] >> 8) << 16 | (total[2] >> 8) << 8 | (total[3] >> 8);
+			dst[static_cast<size_t>(y) * dstWidth + x] = (total[0] >> 8) << 24 |
+			                                             (total[1] >> 8) << 16 |
+			                                             (total[2] >> 8) << 8 | (total[3] >> 8);
 		}
 	}
 	return dst;
@@ -98,8 +100,8 @@ TEST(ZvResize, TwoByTwoToOneIsTheFlooredAverage)
 	const std::vector<uint32> dst = Resize(src, 1, 1);
 	uint32 expected = 0;
 	for (int shift = 0; shift < 32; shift += 8) {
-		const uint32 sum = Channel(0x01020304, shift) + Channel(0xFF000010, shift)
-			+ Channel(0x80FF0020, shift) + Channel(0x7F00FF31, shift);
+		const uint32 sum = Channel(0x01020304, shift) + Channel(0xFF000010, shift) +
+		                   Channel(0x80FF0020, shift) + Channel(0x7F00FF31, shift);
 		expected |= (sum / 4) << shift;
 	}
 	ASSERT_EQ(dst.size(), 1u);
@@ -124,8 +126,8 @@ TEST(ZvResize, EnlargingMixesInTheSlackWord)
 			const uint32 own = weight[x] * weight[y];
 			uint32 expected = 0;
 			for (int shift = 0; shift < 32; shift += 8) {
-				const uint32 sum
-					= own * Channel(0x10203040, shift) + (256 - own) * Channel(0xF0E0D0C0, shift);
+				const uint32 sum =
+				    own * Channel(0x10203040, shift) + (256 - own) * Channel(0xF0E0D0C0, shift);
 				expected |= (sum >> 8) << shift;
 			}
 			EXPECT_EQ(dst[y * 3 + x], expected) << "at " << x << "," << y;
@@ -163,26 +165,27 @@ TEST(ZvResize, SameSizeCopiesTheImage)
 TEST(ZvResize, MatchesThePlainReferenceOnRandomImagesAndSizes)
 {
 	std::mt19937 random(12345);
-	struct Case {
+	struct Case
+	{
 		uint32 sw, sh, dw, dh;
 	};
 	const Case kFixed[] = {
-		{640, 480, 320, 240},  // halving
-		{640, 480, 213, 160},  // odd ratio down
-		{100, 100, 33, 77},    // different ratios per axis
-		{37, 23, 111, 97},     // enlarging by odd ratios
-		{50, 40, 50, 40},      // same size
-		{64, 64, 128, 32},     // up in x, down in y
-		{1, 1, 7, 5},          // one pixel up
-		{300, 20, 7, 3},       // wide box
-		{1000, 3, 31, 2},      // box wider than 16 pixels
-		{65, 65, 64, 64},      // just below 2:1
-		{3, 700, 2, 13},       // tall box
+	    {640, 480, 320, 240}, // halving
+	    {640, 480, 213, 160}, // odd ratio down
+	    {100, 100, 33, 77},   // different ratios per axis
+	    {37, 23, 111, 97},    // enlarging by odd ratios
+	    {50, 40, 50, 40},     // same size
+	    {64, 64, 128, 32},    // up in x, down in y
+	    {1, 1, 7, 5},         // one pixel up
+	    {300, 20, 7, 3},      // wide box
+	    {1000, 3, 31, 2},     // box wider than 16 pixels
+	    {65, 65, 64, 64},     // just below 2:1
+	    {3, 700, 2, 13},      // tall box
 	};
 	for (const Case& c : kFixed) {
 		Image src = RandomImage(c.sw, c.sh, random);
 		EXPECT_EQ(Resize(src, c.dw, c.dh), Reference(src, c.dw, c.dh))
-			<< c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh;
+		    << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh;
 	}
 	for (int i = 0; i < 150; i++) {
 		const uint32 sw = 1 + random() % 200;
@@ -191,7 +194,7 @@ TEST(ZvResize, MatchesThePlainReferenceOnRandomImagesAndSizes)
 		const uint32 dh = 1 + random() % 200;
 		Image src = RandomImage(sw, sh, random);
 		ASSERT_EQ(Resize(src, dw, dh), Reference(src, dw, dh))
-			<< sw << "x" << sh << " -> " << dw << "x" << dh;
+		    << sw << "x" << sh << " -> " << dw << "x" << dh;
 	}
 }
 
@@ -215,7 +218,7 @@ TEST(ZvResize, IntegerDownscalesGiveTheFlooredBoxAverage)
 					expected |= (sum / (factor * factor)) << shift;
 				}
 				ASSERT_EQ(dst[y * dw + x], expected)
-					<< "factor " << factor << " at " << x << "," << y;
+				    << "factor " << factor << " at " << x << "," << y;
 			}
 		}
 	}
