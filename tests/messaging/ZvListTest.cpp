@@ -15,7 +15,8 @@
 namespace {
 
 // Distinct addresses to store in a list.
-struct Slots {
+struct Slots
+{
 	int values[512] = {};
 	int* At(int i) { return &values[i]; }
 };
@@ -232,7 +233,8 @@ TEST(ZvListTest, DestructorDeletesItsLock)
 
 TEST(ZvListTest, ListIsPolymorphicWithVirtualMakeEmpty)
 {
-	struct CountingList : ZvList<int*> {
+	struct CountingList : ZvList<int*>
+	{
 		int emptied = 0;
 		void MakeEmpty() override
 		{
@@ -305,14 +307,15 @@ TEST(ZvTypeCodeTest, CodesRenderAsFourCharactersMostSignificantFirst)
 
 TEST(ZvTypeCodeTest, TableValuesSpellTheirCodes)
 {
-	const struct {
+	const struct
+	{
 		type_code code;
 		const char* text;
-	} table[] = {{ZV_ANY_TYPE, "ANYT"}, {ZV_INT8_TYPE, "SI08"}, {ZV_INT16_TYPE, "SI16"},
-		{ZV_INT32_TYPE, "SI32"}, {ZV_INT64_TYPE, "SI64"}, {ZV_FLOAT_TYPE, "FT32"},
-		{ZV_DOUBLE_TYPE, "FT64"}, {ZV_BOOL_TYPE, "BOOL"}, {ZV_STRING_TYPE, "CPTR"},
-		{ZV_POINTER_TYPE, "LPTR"}, {ZV_COLOR_TYPE, "COLR"}, {ZV_RECT_TYPE, "RECT"},
-		{ZV_POINT_TYPE, "PONT"}, {ZV_MESSAGE_TYPE, "BMSG"}};
+	} table[] = {{ZV_ANY_TYPE, "ANYT"},     {ZV_INT8_TYPE, "SI08"},   {ZV_INT16_TYPE, "SI16"},
+	             {ZV_INT32_TYPE, "SI32"},   {ZV_INT64_TYPE, "SI64"},  {ZV_FLOAT_TYPE, "FT32"},
+	             {ZV_DOUBLE_TYPE, "FT64"},  {ZV_BOOL_TYPE, "BOOL"},   {ZV_STRING_TYPE, "CPTR"},
+	             {ZV_POINTER_TYPE, "LPTR"}, {ZV_COLOR_TYPE, "COLR"},  {ZV_RECT_TYPE, "RECT"},
+	             {ZV_POINT_TYPE, "PONT"},   {ZV_MESSAGE_TYPE, "BMSG"}};
 	for (const auto& entry : table)
 		EXPECT_EQ(entry.text, Render(entry.code));
 	EXPECT_EQ(0x53493332u, ZV_INT32_TYPE);
@@ -320,7 +323,7 @@ TEST(ZvTypeCodeTest, TableValuesSpellTheirCodes)
 
 TEST(ZvTypeCodeTest, UnprintableBytesBecomeSpacesAndZeroEndsTheText)
 {
-	EXPECT_EQ("A  B", Render(0x41201F42));   // 32 and 31 are outside 33..127
+	EXPECT_EQ("A  B", Render(0x41201F42));    // 32 and 31 are outside 33..127
 	EXPECT_EQ("A\x7F B", Render(0x417F8042)); // 127 stays, 128 becomes a space
 	EXPECT_EQ("AB", Render(0x41420043));      // a zero byte ends the text
 	EXPECT_EQ("", Render(0));

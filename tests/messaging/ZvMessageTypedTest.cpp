@@ -19,8 +19,8 @@ using zvtest::FlatBytes;
 const type_code kRawType = 0x52415754; // "RAWT", a caller-defined code
 
 // Member function types of one scalar family.
-template <typename V>
-struct Family {
+template <typename V> struct Family
+{
 	using Add = bool (ZvMessage::*)(const char*, V);
 	using FindAt = bool (ZvMessage::*)(const char*, int32, V*) const;
 	using Find = bool (ZvMessage::*)(const char*, V*) const;
@@ -29,15 +29,16 @@ struct Family {
 	using Has = bool (ZvMessage::*)(const char*, int32) const;
 };
 
-#define ZV_TEST_FAMILY_MEMBERS(V, Name)                                                     \
-	static constexpr Family<V>::Add kAdd = &ZvMessage::Add##Name;                       \
-	static constexpr Family<V>::FindAt kFindAt = &ZvMessage::Find##Name;                \
-	static constexpr Family<V>::Find kFind = &ZvMessage::Find##Name;                    \
-	static constexpr Family<V>::ReplaceAt kReplaceAt = &ZvMessage::Replace##Name;       \
-	static constexpr Family<V>::Replace kReplace = &ZvMessage::Replace##Name;           \
+#define ZV_TEST_FAMILY_MEMBERS(V, Name)                                                            \
+	static constexpr Family<V>::Add kAdd = &ZvMessage::Add##Name;                                  \
+	static constexpr Family<V>::FindAt kFindAt = &ZvMessage::Find##Name;                           \
+	static constexpr Family<V>::Find kFind = &ZvMessage::Find##Name;                               \
+	static constexpr Family<V>::ReplaceAt kReplaceAt = &ZvMessage::Replace##Name;                  \
+	static constexpr Family<V>::Replace kReplace = &ZvMessage::Replace##Name;                      \
 	static constexpr Family<V>::Has kHas = &ZvMessage::Has##Name;
 
-struct BoolField {
+struct BoolField
+{
 	using Value = bool;
 	static constexpr type_code kType = ZV_BOOL_TYPE;
 	static constexpr int32 kSize = 1;
@@ -46,7 +47,8 @@ struct BoolField {
 	ZV_TEST_FAMILY_MEMBERS(bool, Bool)
 };
 
-struct Int8Field {
+struct Int8Field
+{
 	using Value = int8;
 	static constexpr type_code kType = ZV_INT8_TYPE;
 	static constexpr int32 kSize = 1;
@@ -55,7 +57,8 @@ struct Int8Field {
 	ZV_TEST_FAMILY_MEMBERS(int8, Int8)
 };
 
-struct Int16Field {
+struct Int16Field
+{
 	using Value = int16;
 	static constexpr type_code kType = ZV_INT16_TYPE;
 	static constexpr int32 kSize = 2;
@@ -64,7 +67,8 @@ struct Int16Field {
 	ZV_TEST_FAMILY_MEMBERS(int16, Int16)
 };
 
-struct Int32Field {
+struct Int32Field
+{
 	using Value = int32;
 	static constexpr type_code kType = ZV_INT32_TYPE;
 	static constexpr int32 kSize = 4;
@@ -73,7 +77,8 @@ struct Int32Field {
 	ZV_TEST_FAMILY_MEMBERS(int32, Int32)
 };
 
-struct Int64Field {
+struct Int64Field
+{
 	using Value = int64;
 	static constexpr type_code kType = ZV_INT64_TYPE;
 	static constexpr int32 kSize = 8;
@@ -82,7 +87,8 @@ struct Int64Field {
 	ZV_TEST_FAMILY_MEMBERS(int64, Int64)
 };
 
-struct FloatField {
+struct FloatField
+{
 	using Value = float;
 	static constexpr type_code kType = ZV_FLOAT_TYPE;
 	static constexpr int32 kSize = 4;
@@ -91,7 +97,8 @@ struct FloatField {
 	ZV_TEST_FAMILY_MEMBERS(float, Float)
 };
 
-struct DoubleField {
+struct DoubleField
+{
 	using Value = double;
 	static constexpr type_code kType = ZV_DOUBLE_TYPE;
 	static constexpr int32 kSize = 8;
@@ -102,8 +109,8 @@ struct DoubleField {
 
 #undef ZV_TEST_FAMILY_MEMBERS
 
-template <typename F>
-class ZvMessageScalarTest : public ::testing::Test {
+template <typename F> class ZvMessageScalarTest : public ::testing::Test
+{
 protected:
 	using V = typename F::Value;
 
@@ -124,7 +131,7 @@ protected:
 };
 
 using ScalarFields = ::testing::Types<BoolField, Int8Field, Int16Field, Int32Field, Int64Field,
-	FloatField, DoubleField>;
+                                      FloatField, DoubleField>;
 TYPED_TEST_SUITE(ZvMessageScalarTest, ScalarFields);
 
 TYPED_TEST(ZvMessageScalarTest, AddStoresTheValueUnderItsCodeAndSize)
@@ -589,14 +596,15 @@ TEST(ZvMessageTypedTest, AddMessageOfItselfNestsASnapshot)
 
 // Rectangles and points, per element type
 
-template <typename E>
-class ZvMessageShapeTest : public ::testing::Test {};
+template <typename E> class ZvMessageShapeTest : public ::testing::Test
+{
+};
 
 using ElementTypes = ::testing::Types<double, float, int32, int16>;
 TYPED_TEST_SUITE(ZvMessageShapeTest, ElementTypes);
 
 std::vector<double> StoredDoubles(const ZvMessage& message, const char* name, type_code type,
-	int32 index = 0)
+                                  int32 index = 0)
 {
 	const void* data;
 	int32 size;
