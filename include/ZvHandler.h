@@ -26,7 +26,8 @@
 class ZvLooper;
 class ZvMessage;
 
-class ZV_EXPORT ZvHandler {
+class ZV_EXPORT ZvHandler
+{
 public:
 	// Copies name (null gives a nameless handler); no looper yet.
 	explicit ZvHandler(const char* name);

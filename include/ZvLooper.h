@@ -59,7 +59,8 @@ struct zv_looper_life;
 // what of the quit request: the four bytes Q, U, I, T.
 const uint32 ZV_QUIT_REQUESTED = 0x51554954;
 
-class ZV_EXPORT ZvLooper : public ZvHandler, public ZvLocker {
+class ZV_EXPORT ZvLooper : public ZvHandler, public ZvLocker
+{
 public:
 	// queueCapacity is the soft bound of the looper's queue. No thread runs
 	// until Run.

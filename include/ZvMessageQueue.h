@@ -30,7 +30,8 @@
 
 class ZvMessage;
 
-class ZV_EXPORT ZvMessageQueue : public ZvLocker {
+class ZV_EXPORT ZvMessageQueue : public ZvLocker
+{
 public:
 	explicit ZvMessageQueue(int32 limit);
 	// Kills the lock, deletes "_item_limit", then deletes the messages still

@@ -32,7 +32,8 @@ class ZvMessage;
 // what of the reply of a synchronous send: the four bytes N, O, N, E.
 const uint32 ZV_NO_REPLY = 0x4E4F4E45;
 
-class ZV_EXPORT ZvMessenger {
+class ZV_EXPORT ZvMessenger
+{
 public:
 	// Stores both as given; neither is checked.
 	ZvMessenger(ZvHandler* handler, ZvLooper* looper);
@@ -45,7 +46,7 @@ public:
 	// Sends message, then sets reply->what to ZV_NO_REPLY when reply is not
 	// null. Both time-outs are ignored.
 	void SendMessage(const ZvMessage* message, ZvMessage* reply, int32 sendTimeout,
-		int32 replyTimeout);
+	                 int32 replyTimeout);
 
 	// True with a looper, or with a handler that is attached to one.
 	bool IsValid() const;

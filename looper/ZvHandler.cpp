@@ -19,21 +19,14 @@ char* CopyName(const char* name)
 
 } // namespace
 
-ZvHandler::ZvHandler(const char* name)
-	:
-	fName(CopyName(name)),
-	fLooper(nullptr)
-{
-}
+ZvHandler::ZvHandler(const char* name) : fName(CopyName(name)), fLooper(nullptr) {}
 
 ZvHandler::~ZvHandler()
 {
 	delete[] fName;
 }
 
-void ZvHandler::MessageReceived(ZvMessage*)
-{
-}
+void ZvHandler::MessageReceived(ZvMessage*) {}
 
 void ZvHandler::SetName(const char* name)
 {

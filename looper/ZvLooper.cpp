@@ -40,7 +40,8 @@
 // table and each Quit in flight hold a reference), so it outlives the
 // looper as long as needed. Two threads may quit the same looper: the
 // second finds the record dead, or the semaphore and lock already gone.
-struct zv_looper_life {
+struct zv_looper_life
+{
 	// Serialises the ending steps (Quit, the "QUIT" path) against the
 	// looper's death, and two endings against each other, so that the
 	// looper's lock and semaphore are never deleted twice.
@@ -55,7 +56,8 @@ const uint32 kQuitRequested = ZV_QUIT_REQUESTED;
 const char* const kPreferredHandlerField = "_preferredhandler";
 const int32 kHandlerListStep = 16;
 
-struct LooperTable {
+struct LooperTable
+{
 	std::mutex lock;
 	std::unordered_map<const ZvLooper*, std::shared_ptr<zv_looper_life>> live;
 };
@@ -107,19 +109,9 @@ int32 LooperEntry(void* data)
 } // namespace
 
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
-	:
-	ZvHandler(name),
-	ZvLocker(),
-	fQueueCapacity(queueCapacity),
-	fRunning(false),
-	fPriority(priority),
-	fPreferredHandler(nullptr),
-	fCurrentMessage(nullptr),
-	fQueue(nullptr),
-	fHandlers(kHandlerListStep),
-	fLooperAccess(0),
-	fThread(0),
-	fRecord(nullptr)
+    : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
+      fPriority(priority), fPreferredHandler(nullptr), fCurrentMessage(nullptr), fQueue(nullptr),
+      fHandlers(kHandlerListStep), fLooperAccess(0), fThread(0), fRecord(nullptr)
 {
 	fQueue = new ZvMessageQueue(fQueueCapacity);
 	fPreferredHandler = this;

@@ -12,12 +12,7 @@ const int32 kQueueListStep = 16;
 } // namespace
 
 ZvMessageQueue::ZvMessageQueue(int32 limit)
-	:
-	ZvLocker(),
-	fMessages(kQueueListStep),
-	fLimitSem(0),
-	fLimit(limit),
-	fCount(0)
+    : ZvLocker(), fMessages(kQueueListStep), fLimitSem(0), fLimit(limit), fCount(0)
 {
 	fLimitSem = ZvSemaphore::Create(1, "_item_limit");
 }

@@ -13,8 +13,7 @@ namespace {
 // first aimed at the handler, through its own looper or else the explicit
 // one; then, whenever there is an explicit looper, once more to that looper
 // without a handler.
-template<typename Payload>
-void Deliver(ZvHandler* handler, ZvLooper* looper, Payload payload)
+template <typename Payload> void Deliver(ZvHandler* handler, ZvLooper* looper, Payload payload)
 {
 	if (handler != nullptr) {
 		ZvLooper* owner = handler->Looper();
@@ -31,17 +30,12 @@ void Deliver(ZvHandler* handler, ZvLooper* looper, Payload payload)
 
 } // namespace
 
-ZvMessenger::ZvMessenger(ZvHandler* handler, ZvLooper* looper)
-	:
-	fLooper(looper),
-	fHandler(handler)
+ZvMessenger::ZvMessenger(ZvHandler* handler, ZvLooper* looper) : fLooper(looper), fHandler(handler)
 {
 }
 
 ZvMessenger::ZvMessenger(const ZvMessenger& other)
-	:
-	fLooper(other.fLooper),
-	fHandler(other.fHandler)
+    : fLooper(other.fLooper), fHandler(other.fHandler)
 {
 }
 

@@ -46,7 +46,8 @@ constexpr int kRaceRounds = kSanitized ? 300 : 2000;
 // than the credits while every producer still posts concurrently. (Removal
 // from the queue shifts the list, so a queue of tens of thousands of
 // messages would make the test slow, not more thorough.)
-class Credits {
+class Credits
+{
 public:
 	explicit Credits(int32 count) : fSem(ZvSemaphore::Create(count, "credits")) {}
 	~Credits() { ZvSemaphore::Delete(fSem); }
@@ -58,15 +59,12 @@ private:
 };
 
 // Checks that messages from each producer arrive once each and in order.
-class SequenceChecker : public ZvHandler {
+class SequenceChecker : public ZvHandler
+{
 public:
 	SequenceChecker(int producers, int32 each, zvtest::Latch* done, Credits* credits = nullptr)
-		:
-		ZvHandler("sequence checker"),
-		fNext(static_cast<size_t>(producers), 0),
-		fExpected(static_cast<int64_t>(producers) * each),
-		fDone(done),
-		fCredits(credits)
+	    : ZvHandler("sequence checker"), fNext(static_cast<size_t>(producers), 0),
+	      fExpected(static_cast<int64_t>(producers) * each), fDone(done), fCredits(credits)
 	{
 	}
 
@@ -75,8 +73,8 @@ public:
 		if (fCredits != nullptr)
 			fCredits->Give();
 		int32 producer = -1, sequence = -1;
-		if (!message->FindInt32("producer", &producer) || !message->FindInt32("seq", &sequence)
-			|| producer < 0 || producer >= static_cast<int32>(fNext.size())) {
+		if (!message->FindInt32("producer", &producer) || !message->FindInt32("seq", &sequence) ||
+		    producer < 0 || producer >= static_cast<int32>(fNext.size())) {
 			fBad++;
 			return;
 		}
@@ -103,13 +101,12 @@ private:
 
 // Counts what reaches the looper's own MessageReceived in a shared counter
 // that outlives the looper.
-class CountingLooper : public TestLooper {
+class CountingLooper : public TestLooper
+{
 public:
 	CountingLooper(std::atomic<int32>* delivered, std::atomic<int32>* destroyed,
-		zvtest::Latch* gone)
-		:
-		TestLooper(destroyed, gone, 1000),
-		fDelivered(delivered)
+	               zvtest::Latch* gone)
+	    : TestLooper(destroyed, gone, 1000), fDelivered(delivered)
 	{
 	}
 
@@ -120,7 +117,7 @@ private:
 };
 
 void Produce(ZvLooper* looper, ZvHandler* target, int32 producer, int32 count,
-	Credits* credits = nullptr)
+             Credits* credits = nullptr)
 {
 	ZvMessage message(1);
 	message.AddInt32("producer", producer);
@@ -189,7 +186,8 @@ TEST(LooperStressTest, AHandlerPostingToItsOwnLooperFromMessageReceivedDoesNotDe
 
 	// Each message posts the next one (and, every 100th, two more) to the
 	// handler's own looper, from inside MessageReceived.
-	class Relay : public ZvHandler {
+	class Relay : public ZvHandler
+	{
 	public:
 		explicit Relay(zvtest::Latch* done) : ZvHandler("relay"), fDone(done) {}
 
@@ -239,7 +237,8 @@ TEST(LooperStressTest, AddingAndRemovingHandlersFromOtherThreadsDuringDispatchIs
 	const int kRounds = kSanitized ? 3000 : 30000;
 
 	// Checks, in the looper's thread, that it is attached when it receives.
-	class AttachedCheck : public ZvHandler {
+	class AttachedCheck : public ZvHandler
+	{
 	public:
 		AttachedCheck() : ZvHandler("attached check") {}
 		void MessageReceived(ZvMessage*) override
@@ -263,7 +262,8 @@ TEST(LooperStressTest, AddingAndRemovingHandlersFromOtherThreadsDuringDispatchIs
 
 	// The poster waits for its pacer message after every 64 posts, so the
 	// queue stays short.
-	class Pacer : public ZvHandler {
+	class Pacer : public ZvHandler
+	{
 	public:
 		explicit Pacer(Credits* credits) : ZvHandler("pacer"), fCredits(credits) {}
 		void MessageReceived(ZvMessage*) override { fCredits->Give(); }
@@ -338,8 +338,8 @@ TEST(LooperStressTest, AThousandLoopersEndHalfByQuitHalfByAQuitMessageWithMessag
 	auto work = [&](int worker) {
 		for (int index = worker; index < kLoopers; index += kWorkers) {
 			const bool byQuit = index % 2 == 0;
-			CountingLooper* looper
-				= new CountingLooper(&delivered, &destroyed, byQuit ? nullptr : &endedByMessage);
+			CountingLooper* looper =
+			    new CountingLooper(&delivered, &destroyed, byQuit ? nullptr : &endedByMessage);
 			// For the other half the "QUIT" goes first, so the messages
 			// behind it are certainly still queued when the loop ends.
 			if (!byQuit)

@@ -31,7 +31,8 @@ inline const char* PreferredField()
 
 // Counts and remembers what it receives; can be told to wait on a latch in
 // MessageReceived so that a test can hold the looper's thread.
-class RecordingHandler : public ZvHandler {
+class RecordingHandler : public ZvHandler
+{
 public:
 	// Room for the whats of small tests is made up front, so that a receipt
 	// allocates nothing (tests count the blocks a dispatch leaves behind).
@@ -88,14 +89,12 @@ private:
 
 // A looper that counts what reaches its own MessageReceived and reports its
 // destruction (which, for a looper that was run, happens in its thread).
-class TestLooper : public ZvLooper {
+class TestLooper : public ZvLooper
+{
 public:
 	TestLooper(std::atomic<int32>* destroyed = nullptr, zvtest::Latch* gone = nullptr,
-		int32 capacity = 1000, zv_thread_priority priority = ZV_NORMAL_PRIORITY)
-		:
-		ZvLooper("test looper", priority, capacity),
-		fDestroyed(destroyed),
-		fGone(gone)
+	           int32 capacity = 1000, zv_thread_priority priority = ZV_NORMAL_PRIORITY)
+	    : ZvLooper("test looper", priority, capacity), fDestroyed(destroyed), fGone(gone)
 	{
 	}
 

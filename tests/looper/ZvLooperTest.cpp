@@ -121,7 +121,8 @@ using looper_test::TestLooper;
 
 // Remembers, for each dispatch, the message's address, its target and its
 // "_preferredhandler" field, then dispatches as the base class does.
-class InspectingLooper : public TestLooper {
+class InspectingLooper : public TestLooper
+{
 public:
 	void DispatchMessage(ZvMessage* message, ZvHandler* target) override
 	{
@@ -318,7 +319,8 @@ TEST(ZvLooperTest, PostMessageCopiesTheMessageAndRecordsTheHandlerInTheCopyOnly)
 TEST(ZvLooperTest, ThePostedCopyKeepsTheFieldsAsTheyWereAtThePost)
 {
 	// A looper whose own MessageReceived reads the field of the copy.
-	class FieldReader : public TestLooper {
+	class FieldReader : public TestLooper
+	{
 	public:
 		void MessageReceived(ZvMessage* message) override { message->FindInt32("n", &value); }
 		int32 value = 0;
@@ -673,13 +675,11 @@ TEST(ZvLooperTest, QuitWhileAQuitMessageIsBeingDispatchedEndsTheLooperOnce)
 	zvtest::Watchdog watchdog(30s, "quit during quit message");
 
 	// Holds the "QUIT" message at the door of DispatchMessage until told.
-	class HeldQuit : public TestLooper {
+	class HeldQuit : public TestLooper
+	{
 	public:
 		HeldQuit(std::atomic<int32>* destroyed, zvtest::Latch* atDoor, zvtest::Latch* go)
-			:
-			TestLooper(destroyed),
-			fAtDoor(atDoor),
-			fGo(go)
+		    : TestLooper(destroyed), fAtDoor(atDoor), fGo(go)
 		{
 		}
 
@@ -746,7 +746,8 @@ TEST(ZvLooperTest, QuitFromTheLoopersOwnThreadEndsTheLoopAndReturnsFalse)
 	zvtest::Latch gone(1);
 	std::atomic<int> result{-1};
 
-	class SelfQuitter : public ZvHandler {
+	class SelfQuitter : public ZvHandler
+	{
 	public:
 		explicit SelfQuitter(std::atomic<int>* result) : ZvHandler("quitter"), fResult(result) {}
 		void MessageReceived(ZvMessage*) override

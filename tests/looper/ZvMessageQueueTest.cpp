@@ -21,7 +21,8 @@ using namespace std::chrono_literals;
 std::atomic<int32> sDeleted{0};
 
 // A message that counts its destructions.
-class CountedMessage : public ZvMessage {
+class CountedMessage : public ZvMessage
+{
 public:
 	explicit CountedMessage(uint32 what) : ZvMessage(what) {}
 	~CountedMessage() override { sDeleted.fetch_add(1); }
@@ -29,15 +30,14 @@ public:
 
 // Adds a message in a thread of its own and tells whether that add returned
 // within the given time, i.e. did not block on the bound.
-class BackgroundAdd {
+class BackgroundAdd
+{
 public:
 	BackgroundAdd(ZvMessageQueue& queue, ZvMessage* message)
-		:
-		fDone(1),
-		fThread([this, &queue, message] {
-			queue.AddMessage(message);
-			fDone.CountDown();
-		})
+	    : fDone(1), fThread([this, &queue, message] {
+		      queue.AddMessage(message);
+		      fDone.CountDown();
+	      })
 	{
 	}
 
@@ -50,7 +50,8 @@ private:
 	std::thread fThread;
 };
 
-class ZvMessageQueueTest : public ::testing::Test {
+class ZvMessageQueueTest : public ::testing::Test
+{
 protected:
 	void SetUp() override { sDeleted.store(0); }
 };

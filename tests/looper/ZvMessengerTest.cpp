@@ -24,14 +24,16 @@ using looper_test::RecordingHandler;
 using looper_test::TestLooper;
 
 // One dispatched message as the looper saw it.
-struct Dispatch {
+struct Dispatch
+{
 	uint32 what;
 	bool hadField;
 	void* field;
 	ZvHandler* target;
 };
 
-class RecordingLooper : public TestLooper {
+class RecordingLooper : public TestLooper
+{
 public:
 	void DispatchMessage(ZvMessage* message, ZvHandler* target) override
 	{
@@ -44,7 +46,8 @@ public:
 	std::vector<Dispatch> dispatches;
 };
 
-class ZvMessengerTest : public ::testing::Test {
+class ZvMessengerTest : public ::testing::Test
+{
 protected:
 	void TearDown() override
 	{
