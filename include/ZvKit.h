@@ -16,6 +16,10 @@
 #include <ZvThread.h>
 
 // Message container.
+#include <ZvGeometry.h>
+#include <ZvList.h>
+#include <ZvMessage.h>
+#include <ZvTypeCodes.h>
 
 // Looper framework.
 
@@ -26,5 +30,6 @@
 // Numeric helpers.
 
 // Graphics helpers.
+#include <ZvColor.h>
 
 #endif // _ZVKIT_H

@@ -1,0 +1,109 @@
+// ZvColor.h: a colour kept in the RGBA and CMYK models at once.
+//
+// zv_color holds eight 8-bit channels in this order: red, green, blue, alpha,
+// cyan, magenta, yellow, black. Every operation that sets one model
+// recomputes the other (alpha takes no part), so both stay consistent; the
+// conversions round through single precision at fixed points and truncate,
+// so a round trip may lose one step. The default constructor is the
+// exception: all eight channels are 0 and nothing is recomputed.
+//
+// The object is eight bytes, trivially copyable, and is stored in a message
+// field ("COLR") byte for byte.
+//
+// Ownership: a plain value. Thread safety: none; copy it between threads.
+#ifndef _ZV_COLOR_H
+#define _ZV_COLOR_H
+
+#include <SupportDefs.h>
+
+#include <ZvExport.h>
+
+#if __has_include(<GraphicsDefs.h>)
+#include <GraphicsDefs.h>
+#define ZV_COLOR_HAS_RGB_COLOR 1
+#endif
+
+class ZV_EXPORT zv_color
+{
+public:
+	// All eight channels 0 (CMYK deliberately not recomputed).
+	zv_color();
+	// Unpacks alpha (bits 24-31), red, green, blue (bits 0-7).
+	explicit zv_color(uint32 argb);
+	explicit zv_color(const zv_color* other);
+	zv_color(const zv_color& other) = default;
+	zv_color(uint8 r, uint8 g, uint8 b, uint8 a);
+	zv_color(uint8 c, uint8 m, uint8 y, uint8 k, uint8 a);
+#ifdef ZV_COLOR_HAS_RGB_COLOR
+	zv_color(rgb_color color);
+#endif
+
+	zv_color& operator=(const zv_color& other) = default;
+	bool operator==(const zv_color& other) const;
+	bool operator!=(const zv_color& other) const;
+
+	uint32 ARGBPixel() const;
+	void SetARGBPixel(uint32 argb);
+	void SetRGBA(uint8 r, uint8 g, uint8 b, uint8 a);
+	void SetCMYKA(uint8 c, uint8 m, uint8 y, uint8 k, uint8 a);
+#ifdef ZV_COLOR_HAS_RGB_COLOR
+	void SetRGBA(rgb_color color);
+	rgb_color RGBColor() const;
+#endif
+
+	// Alpha 255 and red, green, blue snapped to the 216-colour web palette.
+	void WebSafe();
+
+	uint8 R() const
+	{
+		return fR;
+	}
+	uint8 G() const
+	{
+		return fG;
+	}
+	uint8 B() const
+	{
+		return fB;
+	}
+	uint8 A() const
+	{
+		return fA;
+	}
+	uint8 C() const
+	{
+		return fC;
+	}
+	uint8 M() const
+	{
+		return fM;
+	}
+	uint8 Y() const
+	{
+		return fY;
+	}
+	uint8 K() const
+	{
+		return fK;
+	}
+
+	// Recompute one model from the other.
+	void RGB2CMYK();
+	void CMYK2RGB();
+
+	// The conversions themselves, on arguments.
+	static void RGB2CMYK(uint8 r, uint8 g, uint8 b, uint8& c, uint8& m, uint8& y, uint8& k);
+	static void CMYK2RGB(uint8 c, uint8 m, uint8 y, uint8 k, uint8& r, uint8& g, uint8& b);
+
+private:
+	uint8 fR;
+	uint8 fG;
+	uint8 fB;
+	uint8 fA;
+	uint8 fC;
+	uint8 fM;
+	uint8 fY;
+	uint8 fK;
+};
+
+#endif // _ZV_COLOR_H

@@ -1,0 +1,125 @@
+// ZvList.h: the growable pointer list behind every collection of the library.
+//
+// ZvList<T> keeps an array of T (always a pointer type) that grows by a step
+// when full and shrinks by the step when a removal leaves a step's worth of
+// slots unused. The step is recomputed after each growth or shrink as half
+// the capacity, never less than the block size given at construction, so
+// capacities with step 16 run 16, 32, 48, 72, 108, 162, ... Every growth and
+// every shrink copies the array into a fresh one.
+//
+// Ownership: the list owns its slot array only. It never deletes what the
+// entries point to; that is the owner's job. The optional lock, when set, is
+// owned by the list and deleted by its destructor (no list of the library
+// sets it).
+// Thread safety: none. Each owner guards its own list.
+#ifndef _ZV_LIST_H
+#define _ZV_LIST_H
+
+#include <SupportDefs.h>
+
+#include <ZvGeometry.h>
+#include <ZvLocker.h>
+
+template <class T> class ZvList
+{
+public:
+	explicit ZvList(int32 step = 16)
+	    : count(0), capacity(0), growStep(step), blockSize(step), defaultItem(nullptr),
+	      items(nullptr), lock(nullptr)
+	{
+	}
+
+	// Frees the array; then, when a lock is set, acquires it and deletes it.
+	virtual ~ZvList()
+	{
+		ZvList<T>::MakeEmpty();
+		if (lock != nullptr) {
+			lock->Lock();
+			delete lock;
+			lock = nullptr;
+		}
+	}
+
+	ZvList(const ZvList&) = delete;
+	ZvList& operator=(const ZvList&) = delete;
+
+	// Frees the slot array (not the objects); the step is kept.
+	virtual void MakeEmpty()
+	{
+		delete[] items;
+		items = nullptr;
+		count = 0;
+		capacity = 0;
+	}
+
+	int32 CountItems() const { return count; }
+
+	// The entry at index, or defaultItem when index is out of range.
+	T ItemAt(int32 index) const
+	{
+		if (index < 0 || index >= count)
+			return defaultItem;
+		return items[index];
+	}
+
+	void AddItem(T item)
+	{
+		count += 1;
+		if (count > capacity) {
+			const int32 newCapacity = capacity + growStep;
+			if (newCapacity < 1) {
+				MakeEmpty();
+			} else {
+				_Resize(newCapacity);
+				growStep = MAX(capacity / 2, blockSize);
+			}
+		}
+		items[count - 1] = item;
+	}
+
+	// Removes and returns the entry at index; an index out of range returns
+	// defaultItem and changes nothing.
+	T RemoveItem(int32 index)
+	{
+		if (index < 0 || index >= count)
+			return defaultItem;
+
+		T taken = items[index];
+		count -= 1;
+		for (int32 i = index; i < count; i++)
+			items[i] = items[i + 1];
+
+		const int32 reduced = capacity - growStep;
+		if (count <= reduced) {
+			if (reduced > 0)
+				_Resize(reduced);
+			else
+				MakeEmpty();
+			growStep = MAX(capacity / 2, blockSize);
+		}
+		return taken;
+	}
+
+	int32 count;
+	int32 capacity;
+	int32 growStep;
+	int32 blockSize;
+	T defaultItem;
+	T* items;
+	ZvLocker* lock;
+
+private:
+	// Moves the entries into a fresh array of newCapacity slots.
+	void _Resize(int32 newCapacity)
+	{
+		T* fresh = new T[newCapacity];
+		const int32 keep = MIN(newCapacity, capacity);
+		for (int32 i = 0; i < keep; i++)
+			fresh[i] = items[i];
+		delete[] items;
+		items = fresh;
+		capacity = newCapacity;
+	}
+};
+
+#endif // _ZV_LIST_H

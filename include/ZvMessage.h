@@ -1,0 +1,312 @@
+// ZvMessage.h: the library's message: a command code, a flags word and an
+// ordered list of named, typed fields.
+//
+// Each field is one ZvMessageItem holding a single value as an owned byte
+// block. Several items may share a name, even with different types; the
+// n-th item of a name (and type) is reached by an index that counts the
+// matches in order of addition. ZV_ANY_TYPE matches every type in searches.
+// Names are cut to 63 characters; an item made without a name is called
+// "@@@Unnamed".
+//
+// A message flattens to one contiguous block in host byte order: a 12-byte
+// header (what, flags, item count) followed by one record per item (type
+// code, name and terminator, data size, data bytes). Nested messages ("BMSG")
+// are stored flattened, so they are deep copies taken at the time of the Add.
+//
+// Two rules of the item store are deliberate and relied on:
+//  - an item's stored size never shrinks: replacing a value with a shorter
+//    one keeps the old size, and the item's ReplaceData copies the stored
+//    size from its source (the generic ReplaceData of the message passes the
+//    caller's buffer straight through, so that buffer must hold the larger of
+//    the two sizes; the typed Replace members pad their own value with zeros);
+//  - the copy constructors do not copy the flags (they start at 0), while
+//    assignment keeps the target's own flags.
+//
+// Ownership: a message owns its items and each item its data block. Pointers
+// handed out by FindData, _FindData, GetInfo and FindString point into an
+// item and stay valid until that item is replaced with a larger value,
+// removed, or the message is emptied or destroyed. Pointer fields store the
+// address value only; the memory it points to is never owned.
+// Thread safety: none. A message is used by one thread at a time; the looper
+// framework hands messages between threads through its locked queue.
+#ifndef _ZV_MESSAGE_H
+#define _ZV_MESSAGE_H
+
+#include <SupportDefs.h>
+
+#include <ZvColor.h>
+#include <ZvExport.h>
+#include <ZvGeometry.h>
+#include <ZvList.h>
+#include <ZvTypeCodes.h>
+
+#include <stddef.h>
+
+class ZV_EXPORT ZvMessageItem
+{
+public:
+	// type 0, size 0, no data, name "@@@Unnamed".
+	ZvMessageItem();
+	// Copies name (cut to 63 characters; null gives "@@@Unnamed") and, when
+	// size >= 1, size bytes from data (zeros when data is null).
+	ZvMessageItem(const char* name, type_code type, int32 size, const void* data);
+	// A deep copy of other: type, size, name and a fresh data block.
+	explicit ZvMessageItem(const ZvMessageItem* other);
+	~ZvMessageItem();
+
+	ZvMessageItem(const ZvMessageItem&) = delete;
+	ZvMessageItem& operator=(const ZvMessageItem&) = delete;
+
+	// Bytes of the flattened record: 8 + name length + 1 + size.
+	int32 Size() const;
+
+	// Writes the flattened record at buffer (which must hold Size() bytes);
+	// returns the bytes written.
+	int32 GetData(void* buffer) const;
+	// Reads one flattened record into this item, replacing its content;
+	// returns the bytes consumed. The record is trusted as it stands.
+	int32 SetData(const void* buffer);
+	// Reads one record from at most available bytes, checking the name's
+	// terminator and the data size against them. Returns the bytes consumed,
+	// or 0 (item left as it was) when the record is malformed or truncated.
+	int32 SetData(const void* buffer, size_t available);
+
+	// When size is larger than the stored size, the block is reallocated at
+	// the new size; then the stored size of bytes is copied from data.
+	void ReplaceData(int32 size, const void* data);
+
+	// Dumps the item on standard output.
+	void PrintToStream() const;
+
+	type_code type;
+	int32 size;
+	uint8* data;
+	char name[64];
+};
+
+class ZV_EXPORT ZvMessage
+{
+public:
+	explicit ZvMessage(uint32 what);
+	// Copies what and deep copies of the items; flags start at 0.
+	ZvMessage(const ZvMessage& other);
+	explicit ZvMessage(const ZvMessage* other);
+	// An empty message, then Unflatten(flat).
+	explicit ZvMessage(const void* flat);
+	// An empty message, then the bounded Unflatten(flat, size): a malformed
+	// block leaves the message with what 0, flags 0 and no items.
+	ZvMessage(const void* flat, size_t size);
+	virtual ~ZvMessage();
+
+	// Empties this message, takes other's what and deep copies of its items;
+	// flags keep their value. Assigning a message to itself empties it.
+	ZvMessage& operator=(const ZvMessage& other);
+	void Set(const ZvMessage* other);
+	void SetFlags(uint32 flags);
+
+	// Deletes every item; what and flags are kept.
+	void MakeEmpty();
+	bool IsEmpty() const;
+
+	// Distinct names among the items of type (ZV_ANY_TYPE: of all items).
+	int32 CountNames(type_code type) const;
+	// The index-th item of type (ZV_ANY_TYPE: the index-th item). *count gets
+	// the number of items of that type (ZV_ANY_TYPE: of all items).
+	bool GetInfo(type_code type, int32 index, char** name, type_code* foundType,
+	             int32* count) const;
+	// The type of the first item called name and the number of such items.
+	bool GetInfo(const char* name, type_code* type, int32* count) const;
+
+	// Deletes every item called name, whatever its type.
+	bool RemoveName(const char* name);
+	// Deletes the index-th item called name, counting items of every type.
+	bool RemoveData(const char* name, int32 index);
+
+	// Merging appends: an item whose name exists becomes a further index.
+	// operator+= runs until it has appended as many items as the right-hand
+	// message holds, counted as it goes: adding a message to itself never
+	// ends.
+	ZvMessage operator+(const ZvMessage& other) const;
+	ZvMessage& operator+=(const ZvMessage& other);
+	ZvMessage operator-(const char* name) const;
+	ZvMessage& operator-=(const char* name);
+
+	// Generic data operations. AddData refuses ZV_ANY_TYPE and null data;
+	// _AddData refuses only null data. FindData hands back the item's own
+	// block. ReplaceData reads max(size, stored size) bytes from data.
+	bool AddData(const char* name, type_code type, const void* data, int32 size);
+	bool FindData(const char* name, type_code type, int32 index, const void** data,
+	              int32* size) const;
+	bool FindData(const char* name, type_code type, const void** data, int32* size) const;
+	bool ReplaceData(const char* name, type_code type, int32 index, const void* data, int32 size);
+	bool ReplaceData(const char* name, type_code type, const void* data, int32 size);
+	bool HasData(const char* name, type_code type, int32 index) const;
+
+	bool _AddData(const char* name, type_code type, int32 size, const void* data);
+	bool _FindData(const char* name, type_code type, int32 index, ZvMessageItem** item) const;
+	bool _ReplaceData(const char* name, type_code type, int32 index, int32 size, const void* data);
+	bool _HasData(const char* name, type_code type, int32 index) const;
+
+	// Typed fields. Find matches the exact type code (no conversion between
+	// widths); Replace without an index works on index 0.
+	bool AddBool(const char* name, bool value);
+	bool FindBool(const char* name, int32 index, bool* value) const;
+	bool FindBool(const char* name, bool* value) const;
+	bool ReplaceBool(const char* name, int32 index, bool value);
+	bool ReplaceBool(const char* name, bool value);
+	bool HasBool(const char* name, int32 index = 0) const;
+
+	bool AddInt8(const char* name, int8 value);
+	bool FindInt8(const char* name, int32 index, int8* value) const;
+	bool FindInt8(const char* name, int8* value) const;
+	bool ReplaceInt8(const char* name, int32 index, int8 value);
+	bool ReplaceInt8(const char* name, int8 value);
+	bool HasInt8(const char* name, int32 index = 0) const;
+
+	bool AddInt16(const char* name, int16 value);
+	bool FindInt16(const char* name, int32 index, int16* value) const;
+	bool FindInt16(const char* name, int16* value) const;
+	bool ReplaceInt16(const char* name, int32 index, int16 value);
+	bool ReplaceInt16(const char* name, int16 value);
+	bool HasInt16(const char* name, int32 index = 0) const;
+
+	bool AddInt32(const char* name, int32 value);
+	bool FindInt32(const char* name, int32 index, int32* value) const;
+	bool FindInt32(const char* name, int32* value) const;
+	bool ReplaceInt32(const char* name, int32 index, int32 value);
+	bool ReplaceInt32(const char* name, int32 value);
+	bool HasInt32(const char* name, int32 index = 0) const;
+
+	bool AddInt64(const char* name, int64 value);
+	bool FindInt64(const char* name, int32 index, int64* value) const;
+	bool FindInt64(const char* name, int64* value) const;
+	bool ReplaceInt64(const char* name, int32 index, int64 value);
+	bool ReplaceInt64(const char* name, int64 value);
+	bool HasInt64(const char* name, int32 index = 0) const;
+
+	bool AddFloat(const char* name, float value);
+	bool FindFloat(const char* name, int32 index, float* value) const;
+	bool FindFloat(const char* name, float* value) const;
+	bool ReplaceFloat(const char* name, int32 index, float value);
+	bool ReplaceFloat(const char* name, float value);
+	bool HasFloat(const char* name, int32 index = 0) const;
+
+	bool AddDouble(const char* name, double value);
+	bool FindDouble(const char* name, int32 index, double* value) const;
+	bool FindDouble(const char* name, double* value) const;
+	bool ReplaceDouble(const char* name, int32 index, double value);
+	bool ReplaceDouble(const char* name, double value);
+	bool HasDouble(const char* name, int32 index = 0) const;
+
+	// Strings are stored with their terminator. FindString hands back the
+	// stored characters themselves; it refuses an item without a terminator.
+	bool AddString(const char* name, const char* string);
+	bool FindString(const char* name, int32 index, const char** string) const;
+	bool FindString(const char* name, const char** string) const;
+	bool ReplaceString(const char* name, int32 index, const char* string);
+	bool ReplaceString(const char* name, const char* string);
+	bool HasString(const char* name, int32 index = 0) const;
+
+	// The address value itself, in sizeof(void*) bytes.
+	bool AddPointer(const char* name, const void* pointer);
+	bool FindPointer(const char* name, int32 index, void** pointer) const;
+	bool FindPointer(const char* name, void** pointer) const;
+	bool ReplacePointer(const char* name, int32 index, const void* pointer);
+	bool ReplacePointer(const char* name, const void* pointer);
+	bool HasPointer(const char* name, int32 index = 0) const;
+
+	// The colour's eight bytes as they lie.
+	bool AddColor(const char* name, const zv_color* color);
+	bool FindColor(const char* name, int32 index, zv_color* color) const;
+	bool FindColor(const char* name, zv_color* color) const;
+	bool ReplaceColor(const char* name, int32 index, const zv_color* color);
+	bool ReplaceColor(const char* name, const zv_color* color);
+	bool HasColor(const char* name, int32 index = 0) const;
+
+	// A flattened deep copy. FindMessage unflattens it into message (emptied
+	// first; what and flags overwritten) and returns that result.
+	bool AddMessage(const char* name, const ZvMessage* message);
+	bool FindMessage(const char* name, int32 index, ZvMessage* message) const;
+	bool FindMessage(const char* name, ZvMessage* message) const;
+	bool ReplaceMessage(const char* name, int32 index, const ZvMessage* message);
+	bool ReplaceMessage(const char* name, const ZvMessage* message);
+	bool HasMessage(const char* name, int32 index = 0) const;
+
+	// Rectangles are stored as four doubles (left, top, right, bottom) and
+	// points as two (x, y), whatever the element type. Find converts: to
+	// float by rounding, to int32 and int16 by truncation toward zero. An
+	// item of another size is read as elements of the requested type.
+	bool AddRect(const char* name, ZvRect<double> rect);
+	bool AddRect(const char* name, ZvRect<float> rect);
+	bool AddRect(const char* name, ZvRect<int32> rect);
+	bool AddRect(const char* name, ZvRect<int16> rect);
+	bool FindRect(const char* name, int32 index, ZvRect<double>* rect) const;
+	bool FindRect(const char* name, ZvRect<double>* rect) const;
+	bool FindRect(const char* name, int32 index, ZvRect<float>* rect) const;
+	bool FindRect(const char* name, ZvRect<float>* rect) const;
+	bool FindRect(const char* name, int32 index, ZvRect<int32>* rect) const;
+	bool FindRect(const char* name, ZvRect<int32>* rect) const;
+	bool FindRect(const char* name, int32 index, ZvRect<int16>* rect) const;
+	bool FindRect(const char* name, ZvRect<int16>* rect) const;
+	bool ReplaceRect(const char* name, int32 index, ZvRect<double> rect);
+	bool ReplaceRect(const char* name, ZvRect<double> rect);
+	bool ReplaceRect(const char* name, int32 index, ZvRect<float> rect);
+	bool ReplaceRect(const char* name, ZvRect<float> rect);
+	bool ReplaceRect(const char* name, int32 index, ZvRect<int32> rect);
+	bool ReplaceRect(const char* name, ZvRect<int32> rect);
+	bool ReplaceRect(const char* name, int32 index, ZvRect<int16> rect);
+	bool ReplaceRect(const char* name, ZvRect<int16> rect);
+	bool HasRect(const char* name, int32 index = 0) const;
+
+	bool AddPoint(const char* name, ZvPoint<double> point);
+	bool AddPoint(const char* name, ZvPoint<float> point);
+	bool AddPoint(const char* name, ZvPoint<int32> point);
+	bool AddPoint(const char* name, ZvPoint<int16> point);
+	bool FindPoint(const char* name, int32 index, ZvPoint<double>* point) const;
+	bool FindPoint(const char* name, ZvPoint<double>* point) const;
+	bool FindPoint(const char* name, int32 index, ZvPoint<float>* point) const;
+	bool FindPoint(const char* name, ZvPoint<float>* point) const;
+	bool FindPoint(const char* name, int32 index, ZvPoint<int32>* point) const;
+	bool FindPoint(const char* name, ZvPoint<int32>* point) const;
+	bool FindPoint(const char* name, int32 index, ZvPoint<int16>* point) const;
+	bool FindPoint(const char* name, ZvPoint<int16>* point) const;
+	bool ReplacePoint(const char* name, int32 index, ZvPoint<double> point);
+	bool ReplacePoint(const char* name, ZvPoint<double> point);
+	bool ReplacePoint(const char* name, int32 index, ZvPoint<float> point);
+	bool ReplacePoint(const char* name, ZvPoint<float> point);
+	bool ReplacePoint(const char* name, int32 index, ZvPoint<int32> point);
+	bool ReplacePoint(const char* name, ZvPoint<int32> point);
+	bool ReplacePoint(const char* name, int32 index, ZvPoint<int16> point);
+	bool ReplacePoint(const char* name, ZvPoint<int16> point);
+	bool HasPoint(const char* name, int32 index = 0) const;
+
+	// The flattened form: 12 + the sum of the items' Size().
+	int32 FlattenedSize() const;
+	// Writes the block at buffer, which must hold FlattenedSize() bytes;
+	// stores the bytes written in *size when size is given.
+	bool Flatten(void* buffer, int32* size = nullptr) const;
+	// Replaces the content with the block's. The block is trusted: use the
+	// bounded form for data that may be malformed.
+	bool Unflatten(const void* buffer);
+	// Reads a block from at most size bytes, checking every count, size and
+	// terminator against them. On a malformed or truncated block, returns
+	// false with the message's items removed (what and flags untouched).
+	// Bytes after the block are ignored.
+	bool Unflatten(const void* buffer, size_t size);
+
+	// Dumps the message on standard output.
+	void PrintToStream() const;
+
+	uint32 what;
+
+private:
+	ZvMessageItem* _FindItem(const char* name, type_code type, int32 index) const;
+	bool _UnflattenBlock(const void* buffer, size_t size, bool bounded);
+
+	uint32 fFlags;
+
+protected:
+	ZvList<ZvMessageItem*> items;
+};
+
+#endif // _ZV_MESSAGE_H

@@ -1,0 +1,327 @@
+// ZvMessage: lifecycle, merging, and the generic, type-code-driven field
+// operations on which the typed accessors and the flat form rest.
+#include <ZvMessage.h>
+
+#include <string.h>
+
+namespace {
+
+// Message items, queued messages and the temporary name list all grow and
+// shrink by this step.
+const int32 kListStep = 16;
+
+bool NameMatches(const ZvMessageItem* item, const char* name)
+{
+	return strcmp(item->name, name) == 0;
+}
+
+bool TypeMatches(const ZvMessageItem* item, type_code type)
+{
+	return type == ZV_ANY_TYPE || item->type == type;
+}
+
+} // namespace
+
+ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep) {}
+
+ZvMessage::ZvMessage(const ZvMessage& other) : what(other.what), fFlags(0), items(kListStep)
+{
+	for (int32 i = 0; i < other.items.CountItems(); i++)
+		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
+}
+
+ZvMessage::ZvMessage(const ZvMessage* other) : ZvMessage(*other) {}
+
+ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep)
+{
+	Unflatten(flat);
+}
+
+ZvMessage::ZvMessage(const void* flat, size_t size) : what(0), fFlags(0), items(kListStep)
+{
+	Unflatten(flat, size);
+}
+
+ZvMessage::~ZvMessage()
+{
+	MakeEmpty();
+}
+
+ZvMessage& ZvMessage::operator=(const ZvMessage& other)
+{
+	// No self-assignment guard: emptying first empties other too when it is
+	// this message, which then keeps only its what.
+	MakeEmpty();
+	what = other.what;
+	for (int32 i = 0; i < other.items.CountItems(); i++)
+		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
+	return *this;
+}
+
+void ZvMessage::Set(const ZvMessage* other)
+{
+	*this = *other;
+}
+
+void ZvMessage::SetFlags(uint32 flags)
+{
+	fFlags = flags;
+}
+
+void ZvMessage::MakeEmpty()
+{
+	while (items.CountItems() > 0)
+		delete items.RemoveItem(items.CountItems() - 1);
+}
+
+bool ZvMessage::IsEmpty() const
+{
+	return items.CountItems() == 0;
+}
+
+int32 ZvMessage::CountNames(type_code type) const
+{
+	if (items.CountItems() == 0)
+		return 0;
+
+	ZvList<char*> names(kListStep);
+	for (int32 i = 0; i < items.CountItems(); i++) {
+		ZvMessageItem* item = items.ItemAt(i);
+		if (!TypeMatches(item, type))
+			continue;
+		bool known = false;
+		for (int32 j = 0; j < names.CountItems() && !known; j++)
+			known = strcmp(names.ItemAt(j), item->name) == 0;
+		if (!known)
+			names.AddItem(item->name);
+	}
+	return names.CountItems();
+}
+
+bool ZvMessage::GetInfo(type_code type, int32 index, char** name, type_code* foundType,
+                        int32* count) const
+{
+	const int32 total = items.CountItems();
+	if (total == 0 || (type == ZV_ANY_TYPE && (index < 0 || index >= total))) {
+		if (count != nullptr)
+			*count = 0;
+		return false;
+	}
+
+	if (type == ZV_ANY_TYPE) {
+		ZvMessageItem* item = items.ItemAt(index);
+		if (name != nullptr)
+			*name = item->name;
+		if (foundType != nullptr)
+			*foundType = item->type;
+		if (count != nullptr)
+			*count = total;
+		return true;
+	}
+
+	int32 ofType = 0;
+	bool found = false;
+	for (int32 i = 0; i < total; i++) {
+		ZvMessageItem* item = items.ItemAt(i);
+		if (item->type != type)
+			continue;
+		if (ofType == index) {
+			found = true;
+			if (name != nullptr)
+				*name = item->name;
+		}
+		ofType++;
+	}
+	if (!found) {
+		if (count != nullptr)
+			*count = 0;
+		return false;
+	}
+	if (count != nullptr)
+		*count = ofType;
+	if (foundType != nullptr)
+		*foundType = type;
+	return true;
+}
+
+bool ZvMessage::GetInfo(const char* name, type_code* type, int32* count) const
+{
+	int32 found = 0;
+	if (name != nullptr) {
+		for (int32 i = 0; i < items.CountItems(); i++) {
+			ZvMessageItem* item = items.ItemAt(i);
+			if (!NameMatches(item, name))
+				continue;
+			if (found == 0 && type != nullptr)
+				*type = item->type;
+			found++;
+		}
+	}
+	if (count != nullptr)
+		*count = found;
+	return found > 0;
+}
+
+bool ZvMessage::RemoveName(const char* name)
+{
+	if (name == nullptr)
+		return false;
+
+	bool removed = false;
+	int32 i = 0;
+	while (i < items.CountItems()) {
+		if (NameMatches(items.ItemAt(i), name)) {
+			delete items.RemoveItem(i);
+			removed = true;
+		} else {
+			i++;
+		}
+	}
+	return removed;
+}
+
+bool ZvMessage::RemoveData(const char* name, int32 index)
+{
+	if (name == nullptr || index < 0)
+		return false;
+
+	int32 matches = 0;
+	for (int32 i = 0; i < items.CountItems(); i++) {
+		if (!NameMatches(items.ItemAt(i), name))
+			continue;
+		if (matches == index) {
+			delete items.RemoveItem(i);
+			return true;
+		}
+		matches++;
+	}
+	return false;
+}
+
+ZvMessage ZvMessage::operator+(const ZvMessage& other) const
+{
+	ZvMessage sum(this);
+	sum += other;
+	return ZvMessage(sum);
+}
+
+ZvMessage& ZvMessage::operator+=(const ZvMessage& other)
+{
+	// The bound is re-read on every turn: appending a message to itself
+	// keeps finding new items and never ends.
+	for (int32 i = 0; i < other.items.CountItems(); i++)
+		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
+	return *this;
+}
+
+ZvMessage ZvMessage::operator-(const char* name) const
+{
+	ZvMessage difference(this);
+	difference.RemoveName(name);
+	return difference;
+}
+
+ZvMessage& ZvMessage::operator-=(const char* name)
+{
+	RemoveName(name);
+	return *this;
+}
+
+ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 index) const
+{
+	if (name == nullptr || index < 0)
+		return nullptr;
+
+	int32 matches = 0;
+	for (int32 i = 0; i < items.CountItems(); i++) {
+		ZvMessageItem* item = items.ItemAt(i);
+		if (!NameMatches(item, name) || !TypeMatches(item, type))
+			continue;
+		if (matches == index)
+			return item;
+		matches++;
+	}
+	return nullptr;
+}
+
+bool ZvMessage::AddData(const char* name, type_code type, const void* data, int32 size)
+{
+	if (type == ZV_ANY_TYPE)
+		return false;
+	return _AddData(name, type, size, data);
+}
+
+bool ZvMessage::FindData(const char* name, type_code type, int32 index, const void** data,
+                         int32* size) const
+{
+	if (data == nullptr)
+		return false;
+	ZvMessageItem* item = _FindItem(name, type, index);
+	if (item == nullptr)
+		return false;
+	*data = item->data;
+	if (size != nullptr)
+		*size = item->size;
+	return true;
+}
+
+bool ZvMessage::FindData(const char* name, type_code type, const void** data, int32* size) const
+{
+	return FindData(name, type, 0, data, size);
+}
+
+bool ZvMessage::ReplaceData(const char* name, type_code type, int32 index, const void* data,
+                            int32 size)
+{
+	return _ReplaceData(name, type, index, size, data);
+}
+
+bool ZvMessage::ReplaceData(const char* name, type_code type, const void* data, int32 size)
+{
+	return _ReplaceData(name, type, 0, size, data);
+}
+
+bool ZvMessage::HasData(const char* name, type_code type, int32 index) const
+{
+	return _HasData(name, type, index);
+}
+
+bool ZvMessage::_AddData(const char* name, type_code type, int32 size, const void* data)
+{
+	if (data == nullptr)
+		return false;
+	items.AddItem(new ZvMessageItem(name, type, size, data));
+	return true;
+}
+
+bool ZvMessage::_FindData(const char* name, type_code type, int32 index, ZvMessageItem** item) const
+{
+	if (item == nullptr)
+		return false;
+	ZvMessageItem* found = _FindItem(name, type, index);
+	if (found == nullptr)
+		return false;
+	*item = found;
+	return true;
+}
+
+bool ZvMessage::_ReplaceData(const char* name, type_code type, int32 index, int32 size,
+                             const void* data)
+{
+	if (data == nullptr)
+		return false;
+	ZvMessageItem* item = _FindItem(name, type, index);
+	if (item == nullptr)
+		return false;
+	item->ReplaceData(size, data);
+	return true;
+}
+
+bool ZvMessage::_HasData(const char* name, type_code type, int32 index) const
+{
+	// A null name matches no item (it is not refused up front, but there is
+	// nothing it could be equal to).
+	if (items.CountItems() == 0 || index < 0)
+		return false;
+	return _FindItem(name, type, index) != nullptr;
+}

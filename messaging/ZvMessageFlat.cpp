@@ -1,0 +1,156 @@
+// The flattened form of a message and of its items.
+//
+// Block: what, flags and the item count (12 bytes), then one record per item:
+// type code, name with its terminator, data size, data bytes. Integers are
+// 32-bit in host byte order. There is no padding, no magic and no length.
+#include <ZvMessage.h>
+
+#include "FlatFormat.h"
+
+#include <limits.h>
+#include <string.h>
+
+using namespace zv_flat;
+
+int32 ZvMessageItem::GetData(void* buffer) const
+{
+	uint8* out = static_cast<uint8*>(buffer);
+	const size_t nameSize = strlen(name) + 1;
+	WriteWord(out, type);
+	memcpy(out + 4, name, nameSize);
+	WriteInt(out + 4 + nameSize, size);
+	if (size >= 1 && data != nullptr)
+		memcpy(out + 4 + nameSize + 4, data, size);
+	return Size();
+}
+
+int32 ZvMessageItem::SetData(const void* buffer)
+{
+	// The record is trusted: the name is read up to its terminator or 64
+	// bytes, whichever comes first, and the size word follows the name as
+	// kept, so a longer name is misread from there on.
+	const uint8* in = static_cast<const uint8*>(buffer);
+	char readName[kNameBufferSize];
+	strncpy(readName, reinterpret_cast<const char*>(in + 4), sizeof(readName));
+	readName[sizeof(readName) - 1] = '\0';
+	const size_t nameSize = strlen(readName) + 1;
+	int32 readSize = ReadInt(in + 4 + nameSize);
+	// A negative size cannot be allocated; read it as an empty value.
+	if (readSize < 0)
+		readSize = 0;
+
+	uint8* block = new uint8[readSize];
+	memcpy(block, in + 4 + nameSize + 4, readSize);
+
+	delete[] data;
+	type = ReadWord(in);
+	memcpy(name, readName, sizeof(name));
+	size = readSize;
+	data = block;
+	return static_cast<int32>(4 + nameSize + 4) + readSize;
+}
+
+int32 ZvMessageItem::SetData(const void* buffer, size_t available)
+{
+	if (buffer == nullptr || available < kMinRecordSize)
+		return 0;
+
+	const uint8* in = static_cast<const uint8*>(buffer);
+	// The name must end within the 64-byte name buffer and within the block.
+	const size_t nameSpan = MIN(available - 4, kNameBufferSize);
+	const void* terminator = memchr(in + 4, 0, nameSpan);
+	if (terminator == nullptr)
+		return 0;
+	const size_t nameSize = static_cast<const uint8*>(terminator) - (in + 4) + 1;
+
+	const size_t sizeAt = 4 + nameSize;
+	if (available - sizeAt < 4)
+		return 0;
+	const int32 readSize = ReadInt(in + sizeAt);
+	const size_t dataAt = sizeAt + 4;
+	if (readSize < 0 || static_cast<size_t>(readSize) > available - dataAt ||
+	    readSize > INT32_MAX - static_cast<int32>(dataAt)) {
+		return 0;
+	}
+
+	uint8* block = new uint8[readSize];
+	memcpy(block, in + dataAt, readSize);
+
+	delete[] data;
+	type = ReadWord(in);
+	memcpy(name, in + 4, nameSize);
+	size = readSize;
+	data = block;
+	return static_cast<int32>(dataAt) + readSize;
+}
+
+int32 ZvMessage::FlattenedSize() const
+{
+	int32 total = kHeaderSize;
+	for (int32 i = 0; i < items.CountItems(); i++)
+		total += items.ItemAt(i)->Size();
+	return total;
+}
+
+bool ZvMessage::Flatten(void* buffer, int32* size) const
+{
+	if (buffer == nullptr)
+		return false;
+
+	uint8* out = static_cast<uint8*>(buffer);
+	WriteWord(out, what);
+	WriteWord(out + 4, fFlags);
+	WriteInt(out + 8, items.CountItems());
+	size_t at = kHeaderSize;
+	for (int32 i = 0; i < items.CountItems(); i++)
+		at += items.ItemAt(i)->GetData(out + at);
+	if (size != nullptr)
+		*size = static_cast<int32>(at);
+	return true;
+}
+
+bool ZvMessage::Unflatten(const void* buffer)
+{
+	return _UnflattenBlock(buffer, 0, false);
+}
+
+bool ZvMessage::Unflatten(const void* buffer, size_t size)
+{
+	return _UnflattenBlock(buffer, size, true);
+}
+
+bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
+{
+	if (buffer == nullptr)
+		return false;
+
+	MakeEmpty();
+	const uint8* in = static_cast<const uint8*>(buffer);
+	if (bounded && size < kHeaderSize)
+		return false;
+
+	const int32 count = ReadInt(in + 8);
+	if (bounded && count < 0)
+		return false;
+	// Every record takes at least kMinRecordSize bytes: a count that cannot
+	// fit is refused before anything is allocated.
+	if (bounded && static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize)
+		return false;
+
+	size_t at = kHeaderSize;
+	for (int32 i = 0; i < count; i++) {
+		ZvMessageItem* item = new ZvMessageItem();
+		const int32 consumed = bounded ? item->SetData(in + at, size - at) : item->SetData(in + at);
+		if (consumed == 0) {
+			delete item;
+			MakeEmpty();
+			return false;
+		}
+		items.AddItem(item);
+		at += consumed;
+	}
+
+	what = ReadWord(in);
+	fFlags = ReadWord(in + 4);
+	return true;
+}

@@ -1,0 +1,73 @@
+// ZvMessageItem: one named, typed value held as an owned byte block.
+#include <ZvMessage.h>
+
+#include "FlatFormat.h"
+
+#include <string.h>
+
+namespace {
+
+const char kUnnamed[] = "@@@Unnamed";
+
+// Copies name into the item's buffer, cut to 63 characters.
+void CopyName(char* buffer, const char* name)
+{
+	if (name == nullptr)
+		name = kUnnamed;
+	size_t length = strnlen(name, zv_flat::kNameBufferSize - 1);
+	memcpy(buffer, name, length);
+	buffer[length] = '\0';
+}
+
+} // namespace
+
+ZvMessageItem::ZvMessageItem() : type(0), size(0), data(nullptr)
+{
+	CopyName(name, nullptr);
+}
+
+ZvMessageItem::ZvMessageItem(const char* name, type_code type, int32 size, const void* data)
+    : type(type), size(size), data(nullptr)
+{
+	CopyName(this->name, name);
+	if (size >= 1) {
+		this->data = new uint8[size];
+		if (data != nullptr)
+			memcpy(this->data, data, size);
+		else
+			memset(this->data, 0, size);
+	}
+}
+
+ZvMessageItem::ZvMessageItem(const ZvMessageItem* other)
+    : type(other->type), size(other->size), data(nullptr)
+{
+	memcpy(name, other->name, sizeof(name));
+	if (size >= 1 && other->data != nullptr) {
+		data = new uint8[size];
+		memcpy(data, other->data, size);
+	}
+}
+
+ZvMessageItem::~ZvMessageItem()
+{
+	// A block read from a flat record may be empty but allocated; free it
+	// whatever the size.
+	delete[] data;
+}
+
+int32 ZvMessageItem::Size() const
+{
+	return 8 + static_cast<int32>(strlen(name)) + 1 + size;
+}
+
+void ZvMessageItem::ReplaceData(int32 size, const void* data)
+{
+	if (size > this->size) {
+		this->size = size;
+		delete[] this->data;
+		this->data = new uint8[size];
+	}
+	if (this->size >= 1 && this->data != nullptr && data != nullptr)
+		memcpy(this->data, data, this->size);
+}

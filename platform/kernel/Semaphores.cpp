@@ -1,0 +1,478 @@
+// Semaphores.cpp: the kernel kit's counting semaphores, local to the process.
+//
+// Table. Semaphores live in slots that are allocated in chunks and never
+// freed, so a thread holding a stale identifier can always look at the slot
+// it names without touching freed memory. An identifier is
+// (generation << 16) | slot index; each reuse of a slot advances its
+// generation (1 .. 32767), and freed slots are reused oldest first while at
+// least kMinFree others are free, so an identifier comes back only after
+// millions of creations.
+//
+// State word. Each slot packs into one 64-bit atomic word:
+//   bits 63..48  tag: generation, plus kDeadBit once the semaphore is deleted
+//   bits 47..32  number of threads registered as waiters
+//   bits 31..0   free units (0 .. INT32_MAX)
+// Every change of the count is a compare-and-swap on the whole word, so it
+// validates the generation at the same time: an acquire or release racing
+// with delete_sem either happens entirely before the deletion or fails with
+// B_BAD_SEM_ID. Uncontended acquire and release are one such CAS each, with
+// no system call.
+//
+// Waiting. A thread that must wait registers in the waiter field, then
+// sleeps on the slot's wake sequence (a futex word). A release that sees
+// waiters in the word it replaced bumps the sequence and wakes sleepers. A
+// registered waiter pins its slot: a deleted slot goes back to the free list
+// only when its last waiter has left, so a woken waiter never works on a
+// semaphore that has meanwhile been created in the same slot.
+#include "KernelPrivate.h"
+
+#include <OS.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+namespace zvplatform {
+namespace {
+
+constexpr int32 kChunkSize = 256;
+constexpr int32 kMaxChunks = 256; // 65536 slots: the index fills 16 bits
+constexpr size_t kMinFree = 1024;
+
+constexpr uint64 kCountMask = 0xFFFFFFFFull;
+constexpr int kWaiterShift = 32;
+constexpr uint64 kOneWaiter = 1ull << kWaiterShift;
+constexpr uint64 kWaiterMask = 0xFFFFull << kWaiterShift;
+constexpr int kTagShift = 48;
+constexpr uint32 kDeadBit = 0x8000;
+constexpr uint32 kGenerationMask = 0x7FFF;
+
+inline uint32 TagOf(uint64 word)
+{
+	return static_cast<uint32>(word >> kTagShift);
+}
+
+inline uint32 WaitersOf(uint64 word)
+{
+	return static_cast<uint32>((word & kWaiterMask) >> kWaiterShift);
+}
+
+inline int32 CountOf(uint64 word)
+{
+	return static_cast<int32>(word & kCountMask);
+}
+
+struct alignas(64) SemSlot
+{
+	std::atomic<uint64> word{static_cast<uint64>(kDeadBit) << kTagShift};
+	// Bumped by every release that finds waiters and by delete_sem.
+	std::atomic<uint32> wakeSeq{0};
+	// Units wanted by the registered waiters (for get_sem_count), and how
+	// many of them want more than one unit (then a release wakes all).
+	std::atomic<int32> demand{0};
+	std::atomic<int32> bigWaiters{0};
+	// Guarded by gTableLock.
+	team_id team = 0;
+	char name[B_OS_NAME_LENGTH] = {};
+};
+
+static_assert(std::atomic<uint64>::is_always_lock_free, "the state word must be lock-free");
+
+// The chunk pointers are published with release stores and read lock-free.
+std::atomic<SemSlot*> gChunks[kMaxChunks];
+// Guards creation, deletion, the free list and the slots' team and name.
+std::mutex gTableLock;
+std::deque<uint32> gFreeSlots;
+int32 gChunkCount = 0;
+
+void PrepareFork()
+{
+	gTableLock.lock();
+}
+
+void AfterFork()
+{
+	gTableLock.unlock();
+}
+
+struct ForkGuardInstaller
+{
+	ForkGuardInstaller() { pthread_atfork(&PrepareFork, &AfterFork, &AfterFork); }
+} sForkGuardInstaller;
+
+// The slot an identifier names, or null when it cannot name any. The caller
+// still has to compare the generation with the slot's tag.
+SemSlot* SlotFor(sem_id id)
+{
+	if (id <= 0)
+		return nullptr;
+	const uint32 index = static_cast<uint32>(id) & 0xFFFF;
+	SemSlot* chunk = gChunks[index / kChunkSize].load(std::memory_order_acquire);
+	if (chunk == nullptr)
+		return nullptr;
+	return &chunk[index % kChunkSize];
+}
+
+inline uint32 LiveTagOf(sem_id id)
+{
+	return (static_cast<uint32>(id) >> 16) & kGenerationMask;
+}
+
+// Called with gTableLock held.
+void FreeSlotLocked(uint32 index)
+{
+	gFreeSlots.push_back(index);
+}
+
+void FreeSlot(uint32 index)
+{
+	std::lock_guard<std::mutex> lock(gTableLock);
+	FreeSlotLocked(index);
+}
+
+// Leaves the waiter field of a slot this thread registered in. The last
+// waiter to leave a deleted slot returns it to the free list.
+void Unregister(SemSlot* slot, sem_id id)
+{
+	const uint64 previous = slot->word.fetch_sub(kOneWaiter, std::memory_order_acq_rel);
+	if ((TagOf(previous) & kDeadBit) != 0 && WaitersOf(previous) == 1)
+		FreeSlot(static_cast<uint32>(id) & 0xFFFF);
+}
+
+void CopyName(char* target, const char* name)
+{
+	if (name == nullptr)
+		name = "";
+	strncpy(target, name, B_OS_NAME_LENGTH - 1);
+	target[B_OS_NAME_LENGTH - 1] = '\0';
+}
+
+// A team exists when it is a live process (not merely a thread id).
+bool TeamExists(team_id team)
+{
+	if (team <= 0)
+		return false;
+	if (team == CurrentTeam())
+		return true;
+	if (kill(team, 0) != 0 && errno != EPERM)
+		return false;
+	const std::string path = "/proc/" + std::to_string(team) + "/status";
+	FILE* file = fopen(path.c_str(), "re");
+	if (file == nullptr)
+		return false;
+	char line[256];
+	team_id group = -1;
+	while (fgets(line, sizeof(line), file) != nullptr) {
+		if (strncmp(line, "Tgid:", 5) == 0) {
+			group = static_cast<team_id>(strtol(line + 5, nullptr, 10));
+			break;
+		}
+	}
+	fclose(file);
+	return group == team;
+}
+
+status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout);
+
+} // namespace
+} // namespace zvplatform
+
+using namespace zvplatform;
+
+sem_id create_sem(int32 count, const char* name)
+{
+	if (count < 0)
+		return B_BAD_VALUE;
+
+	std::lock_guard<std::mutex> lock(gTableLock);
+	// Grow while few slots are free, so that freed identifiers rest a while
+	// before their slot is used again.
+	if (gFreeSlots.size() < kMinFree && gChunkCount < kMaxChunks) {
+		SemSlot* chunk = new SemSlot[kChunkSize];
+		const uint32 base = static_cast<uint32>(gChunkCount) * kChunkSize;
+		gChunks[gChunkCount].store(chunk, std::memory_order_release);
+		gChunkCount++;
+		for (uint32 i = 0; i < kChunkSize; i++)
+			gFreeSlots.push_back(base + i);
+	}
+	if (gFreeSlots.empty())
+		return B_NO_MORE_SEMS;
+
+	const uint32 index = gFreeSlots.front();
+	gFreeSlots.pop_front();
+	SemSlot* slot =
+	    &gChunks[index / kChunkSize].load(std::memory_order_relaxed)[index % kChunkSize];
+
+	const uint64 old = slot->word.load(std::memory_order_relaxed);
+	uint32 generation = (TagOf(old) & kGenerationMask) + 1;
+	if (generation > kGenerationMask)
+		generation = 1;
+	slot->team = CurrentTeam();
+	CopyName(slot->name, name);
+	slot->demand.store(0, std::memory_order_relaxed);
+	slot->bigWaiters.store(0, std::memory_order_relaxed);
+	// Publishing the new tag makes the semaphore usable.
+	slot->word.store((static_cast<uint64>(generation) << kTagShift) | static_cast<uint32>(count),
+	                 std::memory_order_release);
+	return static_cast<sem_id>((generation << 16) | index);
+}
+
+status_t delete_sem(sem_id id)
+{
+	SemSlot* slot = SlotFor(id);
+	if (slot == nullptr)
+		return B_BAD_SEM_ID;
+	const uint32 tag = LiveTagOf(id);
+
+	std::lock_guard<std::mutex> lock(gTableLock);
+	uint64 word = slot->word.load(std::memory_order_relaxed);
+	uint64 dead;
+	do {
+		if (TagOf(word) != tag)
+			return B_BAD_SEM_ID;
+		// Mark dead, drop the free units, keep the waiters: they still pin
+		// the slot until each has left.
+		dead = (static_cast<uint64>(tag | kDeadBit) << kTagShift) | (word & kWaiterMask);
+	} while (!slot->word.compare_exchange_weak(word, dead, std::memory_order_acq_rel));
+
+	if (WaitersOf(word) == 0) {
+		FreeSlotLocked(static_cast<uint32>(id) & 0xFFFF);
+	} else {
+		// Every waiter wakes, sees the dead tag and returns B_BAD_SEM_ID.
+		slot->wakeSeq.fetch_add(1, std::memory_order_seq_cst);
+		FutexWake(&slot->wakeSeq, INT_MAX);
+	}
+	return B_OK;
+}
+
+status_t acquire_sem(sem_id id)
+{
+	return acquire_sem_etc(id, 1, 0, 0);
+}
+
+status_t acquire_sem_etc(sem_id id, int32 count, uint32 flags, bigtime_t timeout)
+{
+	SemSlot* slot = SlotFor(id);
+	if (slot == nullptr)
+		return B_BAD_SEM_ID;
+	if (count <= 0)
+		return B_BAD_VALUE;
+	const uint32 tag = LiveTagOf(id);
+
+	// Fast path: take the units with one CAS when enough are free.
+	uint64 word = slot->word.load(std::memory_order_relaxed);
+	while (true) {
+		if (TagOf(word) != tag)
+			return B_BAD_SEM_ID;
+		if (CountOf(word) < count)
+			break;
+		if (slot->word.compare_exchange_weak(word, word - static_cast<uint32>(count),
+		                                     std::memory_order_acquire,
+		                                     std::memory_order_relaxed)) {
+			return B_OK;
+		}
+	}
+	return AcquireSlow(slot, id, count, flags, timeout);
+}
+
+namespace zvplatform {
+namespace {
+
+status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout)
+{
+	const uint32 tag = LiveTagOf(id);
+
+	bigtime_t deadline = kNoDeadline;
+	if ((flags & B_RELATIVE_TIMEOUT) != 0) {
+		// A relative time-out of 0 (or less) polls: the semaphore is
+		// unavailable, so the answer is B_TIMED_OUT at once.
+		if (timeout <= 0)
+			return B_TIMED_OUT;
+		deadline = timeout == B_INFINITE_TIMEOUT ? kNoDeadline : DeadlineAfter(timeout);
+	} else if ((flags & B_ABSOLUTE_TIMEOUT) != 0) {
+		if (timeout != B_INFINITE_TIMEOUT) {
+			if (timeout <= system_time())
+				return B_TIMED_OUT;
+			deadline = timeout;
+		}
+	}
+
+	// Register as a waiter, unless units became free meanwhile.
+	uint64 word = slot->word.load(std::memory_order_relaxed);
+	while (true) {
+		if (TagOf(word) != tag)
+			return B_BAD_SEM_ID;
+		if (CountOf(word) >= count) {
+			if (slot->word.compare_exchange_weak(word, word - static_cast<uint32>(count),
+			                                     std::memory_order_acquire,
+			                                     std::memory_order_relaxed)) {
+				return B_OK;
+			}
+			continue;
+		}
+		if (WaitersOf(word) == 0xFFFF)
+			return B_NO_MORE_THREADS;
+		// seq_cst: pairs with the release's CAS on the same word, which then
+		// sees this waiter, and with the wake sequence read below.
+		if (slot->word.compare_exchange_weak(word, word + kOneWaiter, std::memory_order_seq_cst,
+		                                     std::memory_order_relaxed)) {
+			break;
+		}
+	}
+	slot->demand.fetch_add(count, std::memory_order_relaxed);
+	if (count > 1)
+		slot->bigWaiters.fetch_add(1, std::memory_order_seq_cst);
+	NoteWaitingOnSem(id);
+
+	status_t result;
+	bool killed = false;
+	while (true) {
+		// Read the sequence before the word: a release that lands after this
+		// read changes the sequence, so the futex wait below cannot miss it.
+		const uint32 seq = slot->wakeSeq.load(std::memory_order_seq_cst);
+		word = slot->word.load(std::memory_order_seq_cst);
+		if (TagOf(word) != tag) {
+			result = B_BAD_SEM_ID;
+			break;
+		}
+		if (CountOf(word) >= count) {
+			if (slot->word.compare_exchange_weak(word, word - static_cast<uint32>(count),
+			                                     std::memory_order_acquire,
+			                                     std::memory_order_relaxed)) {
+				result = B_OK;
+				break;
+			}
+			continue;
+		}
+		if (deadline != kNoDeadline && system_time() >= deadline) {
+			result = B_TIMED_OUT;
+			break;
+		}
+		const block_outcome outcome = BlockOn(&slot->wakeSeq, seq, deadline);
+		if (outcome == BLOCK_KILLED) {
+			killed = true;
+			result = B_INTERRUPTED;
+			break;
+		}
+		if (outcome == BLOCK_INTERRUPTED && (flags & B_CAN_INTERRUPT) != 0) {
+			result = B_INTERRUPTED;
+			break;
+		}
+	}
+
+	NoteWaitingOnSem(0);
+	// Leave the bookkeeping before unregistering: once unregistered, a
+	// deleted slot may be reused at once.
+	slot->demand.fetch_sub(count, std::memory_order_relaxed);
+	if (count > 1)
+		slot->bigWaiters.fetch_sub(1, std::memory_order_relaxed);
+	Unregister(slot, id);
+	if (killed)
+		ExitKilledThread();
+	return result;
+}
+
+} // namespace
+} // namespace zvplatform
+
+status_t release_sem(sem_id id)
+{
+	return release_sem_etc(id, 1, 0);
+}
+
+status_t release_sem_etc(sem_id id, int32 count, uint32 flags)
+{
+	// B_DO_NOT_RESCHEDULE: a release never yields the processor here; woken
+	// threads run when the host schedules them, so the flag needs no work.
+	(void)flags;
+	SemSlot* slot = SlotFor(id);
+	if (slot == nullptr)
+		return B_BAD_SEM_ID;
+	if (count <= 0)
+		return B_BAD_VALUE;
+	const uint32 tag = LiveTagOf(id);
+
+	uint64 word = slot->word.load(std::memory_order_relaxed);
+	while (true) {
+		if (TagOf(word) != tag)
+			return B_BAD_SEM_ID;
+		if (CountOf(word) > INT32_MAX - count)
+			return B_BAD_VALUE;
+		// seq_cst: the word this replaces says whether waiters registered
+		// before the units arrived (those must be woken); a waiter
+		// registering later sees the units in its own CAS.
+		if (slot->word.compare_exchange_weak(word, word + static_cast<uint32>(count),
+		                                     std::memory_order_seq_cst,
+		                                     std::memory_order_relaxed)) {
+			break;
+		}
+	}
+	if (WaitersOf(word) != 0) {
+		slot->wakeSeq.fetch_add(1, std::memory_order_seq_cst);
+		// Waiters wanting one unit each: wake as many as units arrived.
+		// With a waiter wanting more, wake all, so that no waiter that the
+		// new units satisfy keeps sleeping behind one they do not.
+		const bool wakeAll = slot->bigWaiters.load(std::memory_order_seq_cst) != 0;
+		FutexWake(&slot->wakeSeq, wakeAll ? INT_MAX : count);
+	}
+	return B_OK;
+}
+
+status_t get_sem_count(sem_id id, int32* threadCount)
+{
+	SemSlot* slot = SlotFor(id);
+	if (slot == nullptr)
+		return B_BAD_SEM_ID;
+	if (threadCount == nullptr)
+		return B_BAD_VALUE;
+	const uint64 word = slot->word.load(std::memory_order_acquire);
+	if (TagOf(word) != LiveTagOf(id))
+		return B_BAD_SEM_ID;
+	// As on the platform, a negative count is the units owed to waiters.
+	*threadCount = CountOf(word) - slot->demand.load(std::memory_order_relaxed);
+	return B_OK;
+}
+
+status_t get_sem_info(sem_id id, sem_info* info)
+{
+	SemSlot* slot = SlotFor(id);
+	if (slot == nullptr)
+		return B_BAD_SEM_ID;
+	if (info == nullptr)
+		return B_BAD_VALUE;
+	std::lock_guard<std::mutex> lock(gTableLock);
+	const uint64 word = slot->word.load(std::memory_order_acquire);
+	if (TagOf(word) != LiveTagOf(id))
+		return B_BAD_SEM_ID;
+	info->sem = id;
+	info->team = slot->team;
+	memcpy(info->name, slot->name, sizeof(info->name));
+	info->count = CountOf(word) - slot->demand.load(std::memory_order_relaxed);
+	info->latest_holder = -1;
+	return B_OK;
+}
+
+status_t set_sem_owner(sem_id id, team_id team)
+{
+	SemSlot* slot = SlotFor(id);
+	if (slot == nullptr)
+		return B_BAD_SEM_ID;
+	if (!TeamExists(team))
+		return B_BAD_TEAM_ID;
+	std::lock_guard<std::mutex> lock(gTableLock);
+	const uint64 word = slot->word.load(std::memory_order_acquire);
+	if (TagOf(word) != LiveTagOf(id))
+		return B_BAD_SEM_ID;
+	slot->team = team;
+	return B_OK;
+}
