@@ -24,29 +24,25 @@ constexpr uint32 kTouchedMessage = 16;
 constexpr uint32 kTouchedAll = 255;
 
 // Modes 0 and 1 receive updates from the other subscribers.
-inline bool
-ReceivesUpdates(uint32 flags)
+inline bool ReceivesUpdates(uint32 flags)
 {
 	return (flags & kModeMask) <= 1;
 }
 
 // Modes 0 and 2 can give a newcomer its initial data.
-inline bool
-CanBeSource(uint32 flags)
+inline bool CanBeSource(uint32 flags)
 {
 	const uint32 mode = flags & kModeMask;
 	return mode == 0 || mode == 2;
 }
 
-inline bool
-NeverRegistered(uint32 flags)
+inline bool NeverRegistered(uint32 flags)
 {
 	return (flags & kNeverRegisteredMask) != 0;
 }
 
 // Setters and unarchiving propagate only when neither of these groups is set.
-inline bool
-Propagates(uint32 flags)
+inline bool Propagates(uint32 flags)
 {
 	return (flags & (kLocalOnlyMask | kNeverRegisteredMask)) == 0;
 }

@@ -14,7 +14,8 @@ namespace zv_datasub {
 void LockRegistryGuard();
 void UnlockRegistryGuard();
 
-class RegistryGuard {
+class RegistryGuard
+{
 public:
 	RegistryGuard() { LockRegistryGuard(); }
 	~RegistryGuard() { UnlockRegistryGuard(); }

@@ -28,26 +28,19 @@ const int32 kEntryListStep = 20;
 
 namespace zv_datasub {
 
-void
-LockRegistryGuard()
+void LockRegistryGuard()
 {
 	pthread_mutex_lock(&sRegistryGuard);
 }
 
-void
-UnlockRegistryGuard()
+void UnlockRegistryGuard()
 {
 	pthread_mutex_unlock(&sRegistryGuard);
 }
 
 } // namespace zv_datasub
 
-ZvDataRegistry::ZvDataRegistry()
-	:
-	fEntries(kEntryListStep),
-	fLockDepth(0)
-{
-}
+ZvDataRegistry::ZvDataRegistry() : fEntries(kEntryListStep), fLockDepth(0) {}
 
 ZvDataRegistry::~ZvDataRegistry()
 {
@@ -65,8 +58,7 @@ ZvDataRegistry::~ZvDataRegistry()
 	}
 }
 
-bool
-ZvDataRegistry::DR_Lock()
+bool ZvDataRegistry::DR_Lock()
 {
 	LockRegistryGuard();
 	if (!fLock.Lock()) {
@@ -77,8 +69,7 @@ ZvDataRegistry::DR_Lock()
 	return true;
 }
 
-void
-ZvDataRegistry::DR_Unlock()
+void ZvDataRegistry::DR_Unlock()
 {
 	if (!fLock.IsLocked())
 		return;
@@ -87,8 +78,7 @@ ZvDataRegistry::DR_Unlock()
 	UnlockRegistryGuard();
 }
 
-zv_data_registry_entry*
-ZvDataRegistry::dr_FindEntry(const char* name)
+zv_data_registry_entry* ZvDataRegistry::dr_FindEntry(const char* name)
 {
 	if (name == NULL)
 		return NULL;
@@ -101,8 +91,7 @@ ZvDataRegistry::dr_FindEntry(const char* name)
 	return NULL;
 }
 
-status_t
-ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
+status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 {
 	if (subscriber == NULL)
 		return -1;
@@ -148,8 +137,7 @@ ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 	const uint32 join = flags & kJoinMask;
 	if (joinsExchange && join == 0) {
 		ZvDataSubscriber* source = entry->firstSubscriber;
-		while (source != NULL
-			&& !CanBeSource(source->fFlags.load(std::memory_order_relaxed)))
+		while (source != NULL && !CanBeSource(source->fFlags.load(std::memory_order_relaxed)))
 			source = source->fNext;
 		if (source != NULL)
 			source->ds_DoAppUpdateSub(subscriber, kTouchedAll, notify);
@@ -170,8 +158,7 @@ ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 	return 0;
 }
 
-status_t
-ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
+status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 {
 	if (subscriber == NULL)
 		return -1;
@@ -181,7 +168,8 @@ ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 	if (ZvSemaphore::Acquire(sem, -1) != 1)
 		return -1;
 
-	zv_data_registry_entry* entry = subscriber->ds_HasName() ? dr_FindEntry(subscriber->fName) : NULL;
+	zv_data_registry_entry* entry =
+	    subscriber->ds_HasName() ? dr_FindEntry(subscriber->fName) : NULL;
 
 	if (subscriber->fNext != NULL || subscriber->fPrevious != NULL) {
 		if (entry != NULL && entry->firstSubscriber == subscriber)
@@ -219,12 +207,10 @@ ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 	return 0;
 }
 
-bool
-ZvDataRegistry::DR_SubscriberSubscribed(ZvDataSubscriber* subscriber)
+bool ZvDataRegistry::DR_SubscriberSubscribed(ZvDataSubscriber* subscriber)
 {
-	if (subscriber == NULL
-		|| NeverRegistered(subscriber->fFlags.load(std::memory_order_relaxed))
-		|| !subscriber->ds_HasName())
+	if (subscriber == NULL || NeverRegistered(subscriber->fFlags.load(std::memory_order_relaxed)) ||
+	    !subscriber->ds_HasName())
 		return false;
 
 	// Unlike the other lookups, this one gives up at the first empty entry.
@@ -243,15 +229,14 @@ ZvDataRegistry::DR_SubscriberSubscribed(ZvDataSubscriber* subscriber)
 		return false;
 
 	for (ZvDataSubscriber* member = entry->firstSubscriber; member != NULL;
-		member = member->fNext) {
+	     member = member->fNext) {
 		if (member == subscriber)
 			return true;
 	}
 	return false;
 }
 
-status_t
-ZvDataRegistry::DR_UnSubscribeAllExceptServer(const char* name)
+status_t ZvDataRegistry::DR_UnSubscribeAllExceptServer(const char* name)
 {
 	zv_data_registry_entry* entry = dr_FindEntry(name);
 	if (entry == NULL)
@@ -269,14 +254,12 @@ ZvDataRegistry::DR_UnSubscribeAllExceptServer(const char* name)
 	return 0;
 }
 
-int32
-ZvDataRegistry::DR_CountAttributes()
+int32 ZvDataRegistry::DR_CountAttributes()
 {
 	return fEntries.CountItems();
 }
 
-status_t
-ZvDataRegistry::DR_AttributeAt(int32 index, char* buffer)
+status_t ZvDataRegistry::DR_AttributeAt(int32 index, char* buffer)
 {
 	if (index < 0 || index >= fEntries.CountItems() || buffer == NULL)
 		return -1;

@@ -38,8 +38,7 @@ const char* const kArchiveMessage = "DS_MESSAGE";
 
 // A zeroed 32-byte buffer holding at most 31 characters of name, or null if
 // it cannot be allocated.
-char*
-NewNameBuffer(const char* name)
+char* NewNameBuffer(const char* name)
 {
 	char* buffer = new (std::nothrow) char[kNameBufferSize];
 	if (buffer == NULL)
@@ -58,12 +57,13 @@ NewNameBuffer(const char* name)
 // with no lock: either nobody else reaches this subscriber's data (not
 // subscribed), or this thread already holds the semaphore (it is running
 // this subscriber's DS_EventReceived inside a propagation).
-class ZvDataSubscriber::Access {
+class ZvDataSubscriber::Access
+{
 public:
 	explicit Access(const ZvDataSubscriber* subscriber)
-		:
-		fSem(subscriber->ds_InEvent() ? 0 : subscriber->fSemaphore.load(std::memory_order_relaxed)),
-		fHeld(false)
+	    : fSem(subscriber->ds_InEvent() ? 0
+	                                    : subscriber->fSemaphore.load(std::memory_order_relaxed)),
+	      fHeld(false)
 	{
 		// The identifier is saved: an unsubscription may clear the
 		// subscriber's copy, but it can only do so while holding the
@@ -91,22 +91,9 @@ private:
 };
 
 ZvDataSubscriber::ZvDataSubscriber(const char* name, uint32 flags)
-	:
-	fInteger(0),
-	fFloat(0.0),
-	fString(NULL),
-	fRaw(NULL),
-	fRawSize(0),
-	fMessage(NULL),
-	fValid(false),
-	fEventThread(kNoEventThread),
-	fSemaphore(0),
-	fName(NULL),
-	fEventTarget(NULL),
-	fEventMessage(NULL),
-	fFlags(0),
-	fNext(NULL),
-	fPrevious(NULL)
+    : fInteger(0), fFloat(0.0), fString(NULL), fRaw(NULL), fRawSize(0), fMessage(NULL),
+      fValid(false), fEventThread(kNoEventThread), fSemaphore(0), fName(NULL), fEventTarget(NULL),
+      fEventMessage(NULL), fFlags(0), fNext(NULL), fPrevious(NULL)
 {
 	if (name == NULL || name[0] == '\0')
 		return;
@@ -128,38 +115,28 @@ ZvDataSubscriber::~ZvDataSubscriber()
 	delete[] fName;
 }
 
-void
-ZvDataSubscriber::DS_EventReceived(uint32)
-{
-}
+void ZvDataSubscriber::DS_EventReceived(uint32) {}
 
-void
-ZvDataSubscriber::DS_Subscribed(bool)
-{
-}
+void ZvDataSubscriber::DS_Subscribed(bool) {}
 
-bool
-ZvDataSubscriber::ds_InEvent() const
+bool ZvDataSubscriber::ds_InEvent() const
 {
 	return fEventThread.load(std::memory_order_relaxed) == find_thread(NULL);
 }
 
-bool
-ZvDataSubscriber::ds_HasName() const
+bool ZvDataSubscriber::ds_HasName() const
 {
 	return fValid && fName != NULL;
 }
 
 // #pragma mark - Name and subscription
 
-const char*
-ZvDataSubscriber::DS_AttributeName()
+const char* ZvDataSubscriber::DS_AttributeName()
 {
 	return fValid ? fName : NULL;
 }
 
-status_t
-ZvDataSubscriber::DS_SetAttributeName(const char* name)
+status_t ZvDataSubscriber::DS_SetAttributeName(const char* name)
 {
 	RegistryGuard guard;
 	// Renaming needs an existing registry, even for a subscriber that never
@@ -179,8 +156,7 @@ ZvDataSubscriber::DS_SetAttributeName(const char* name)
 	return fValid ? 0 : -1;
 }
 
-status_t
-ZvDataSubscriber::DS_Subscribe(uint32 flags, bool notify)
+status_t ZvDataSubscriber::DS_Subscribe(uint32 flags, bool notify)
 {
 	if (!fValid || ds_InEvent())
 		return -1;
@@ -209,8 +185,7 @@ ZvDataSubscriber::DS_Subscribe(uint32 flags, bool notify)
 	return -1;
 }
 
-status_t
-ZvDataSubscriber::DS_UnSubscribe()
+status_t ZvDataSubscriber::DS_UnSubscribe()
 {
 	if (!fValid || ds_InEvent())
 		return -1;
@@ -240,8 +215,7 @@ ZvDataSubscriber::DS_UnSubscribe()
 	return 0;
 }
 
-bool
-ZvDataSubscriber::DS_IsSubscribed()
+bool ZvDataSubscriber::DS_IsSubscribed()
 {
 	if (!fValid)
 		return false;
@@ -256,8 +230,7 @@ ZvDataSubscriber::DS_IsSubscribed()
 
 // #pragma mark - Storing data
 
-void
-ZvDataSubscriber::ds_StoreString(const char* string)
+void ZvDataSubscriber::ds_StoreString(const char* string)
 {
 	delete[] fString;
 	fString = NULL;
@@ -269,8 +242,7 @@ ZvDataSubscriber::ds_StoreString(const char* string)
 		memcpy(fString, string, size);
 }
 
-void
-ZvDataSubscriber::ds_StoreRaw(const void* data, int32 size)
+void ZvDataSubscriber::ds_StoreRaw(const void* data, int32 size)
 {
 	delete[] static_cast<char*>(fRaw);
 	fRaw = NULL;
@@ -285,8 +257,7 @@ ZvDataSubscriber::ds_StoreRaw(const void* data, int32 size)
 	fRawSize = size;
 }
 
-void
-ZvDataSubscriber::ds_StoreMessage(const BMessage* message)
+void ZvDataSubscriber::ds_StoreMessage(const BMessage* message)
 {
 	if (message == NULL) {
 		delete fMessage;
@@ -299,8 +270,7 @@ ZvDataSubscriber::ds_StoreMessage(const BMessage* message)
 		*fMessage = *message;
 }
 
-void
-ZvDataSubscriber::ds_Publish(const Access& access, uint32 what, bool notify)
+void ZvDataSubscriber::ds_Publish(const Access& access, uint32 what, bool notify)
 {
 	// Only the locked path publishes: on the direct path the subscriber is
 	// either alone or inside its own DS_EventReceived, where it must not
@@ -311,8 +281,7 @@ ZvDataSubscriber::ds_Publish(const Access& access, uint32 what, bool notify)
 
 // #pragma mark - Setters
 
-status_t
-ZvDataSubscriber::DS_SetIntegerData(int64 value, bool notify)
+status_t ZvDataSubscriber::DS_SetIntegerData(int64 value, bool notify)
 {
 	if (!fValid)
 		return -1;
@@ -326,8 +295,7 @@ ZvDataSubscriber::DS_SetIntegerData(int64 value, bool notify)
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::DS_SetFloatData(double value, bool notify)
+status_t ZvDataSubscriber::DS_SetFloatData(double value, bool notify)
 {
 	if (!fValid)
 		return -1;
@@ -341,8 +309,7 @@ ZvDataSubscriber::DS_SetFloatData(double value, bool notify)
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::DS_SetStringData(const char* string, bool notify)
+status_t ZvDataSubscriber::DS_SetStringData(const char* string, bool notify)
 {
 	if (!fValid || ds_InEvent())
 		return -1;
@@ -355,8 +322,7 @@ ZvDataSubscriber::DS_SetStringData(const char* string, bool notify)
 	return string != NULL ? 0 : -1;
 }
 
-status_t
-ZvDataSubscriber::DS_SetRAWData(const void* data, int32 size, bool notify)
+status_t ZvDataSubscriber::DS_SetRAWData(const void* data, int32 size, bool notify)
 {
 	if (!fValid || ds_InEvent())
 		return -1;
@@ -368,8 +334,7 @@ ZvDataSubscriber::DS_SetRAWData(const void* data, int32 size, bool notify)
 	return fRaw != NULL ? 0 : -1;
 }
 
-status_t
-ZvDataSubscriber::DS_SetMessageData(BMessage* message, bool notify)
+status_t ZvDataSubscriber::DS_SetMessageData(BMessage* message, bool notify)
 {
 	if (!fValid || ds_InEvent())
 		return -1;
@@ -383,8 +348,7 @@ ZvDataSubscriber::DS_SetMessageData(BMessage* message, bool notify)
 	return message != NULL ? 0 : -1;
 }
 
-status_t
-ZvDataSubscriber::DS_SendEvent(uint32 what)
+status_t ZvDataSubscriber::DS_SendEvent(uint32 what)
 {
 	if (!fValid || ds_InEvent() || fSemaphore.load(std::memory_order_relaxed) == 0)
 		return -1;
@@ -400,8 +364,7 @@ ZvDataSubscriber::DS_SendEvent(uint32 what)
 
 // #pragma mark - Getters
 
-status_t
-ZvDataSubscriber::DS_IntegerData(int64* value)
+status_t ZvDataSubscriber::DS_IntegerData(int64* value)
 {
 	if (!fValid || value == NULL)
 		return -1;
@@ -412,15 +375,13 @@ ZvDataSubscriber::DS_IntegerData(int64* value)
 	return 0;
 }
 
-int64
-ZvDataSubscriber::DS_IntegerData()
+int64 ZvDataSubscriber::DS_IntegerData()
 {
 	int64 value = 0;
 	return DS_IntegerData(&value) == 0 ? value : 0;
 }
 
-status_t
-ZvDataSubscriber::DS_FloatData(double* value)
+status_t ZvDataSubscriber::DS_FloatData(double* value)
 {
 	if (!fValid || value == NULL)
 		return -1;
@@ -431,15 +392,13 @@ ZvDataSubscriber::DS_FloatData(double* value)
 	return 0;
 }
 
-double
-ZvDataSubscriber::DS_FloatData()
+double ZvDataSubscriber::DS_FloatData()
 {
 	double value = 0.0;
 	return DS_FloatData(&value) == 0 ? value : 0.0;
 }
 
-status_t
-ZvDataSubscriber::DS_StringData(char* buffer, int32 length)
+status_t ZvDataSubscriber::DS_StringData(char* buffer, int32 length)
 {
 	if (!fValid)
 		return -1;
@@ -453,8 +412,7 @@ ZvDataSubscriber::DS_StringData(char* buffer, int32 length)
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::DS_StringDataSize(int32* size)
+status_t ZvDataSubscriber::DS_StringDataSize(int32* size)
 {
 	if (!fValid)
 		return -1;
@@ -470,15 +428,13 @@ ZvDataSubscriber::DS_StringDataSize(int32* size)
 	return 0;
 }
 
-int32
-ZvDataSubscriber::DS_StringDataSize()
+int32 ZvDataSubscriber::DS_StringDataSize()
 {
 	int32 size = 0;
 	return DS_StringDataSize(&size) == 0 ? size : 0;
 }
 
-status_t
-ZvDataSubscriber::DS_RAWData(void* buffer, int32 length)
+status_t ZvDataSubscriber::DS_RAWData(void* buffer, int32 length)
 {
 	if (!fValid)
 		return -1;
@@ -495,8 +451,7 @@ ZvDataSubscriber::DS_RAWData(void* buffer, int32 length)
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::DS_RAWDataSize(int32* size)
+status_t ZvDataSubscriber::DS_RAWDataSize(int32* size)
 {
 	if (!fValid)
 		return -1;
@@ -510,15 +465,13 @@ ZvDataSubscriber::DS_RAWDataSize(int32* size)
 	return 0;
 }
 
-int32
-ZvDataSubscriber::DS_RAWDataSize()
+int32 ZvDataSubscriber::DS_RAWDataSize()
 {
 	int32 size = 0;
 	return DS_RAWDataSize(&size) == 0 ? size : 0;
 }
 
-status_t
-ZvDataSubscriber::DS_MessageData(BMessage* message)
+status_t ZvDataSubscriber::DS_MessageData(BMessage* message)
 {
 	if (!fValid)
 		return -1;
@@ -532,8 +485,7 @@ ZvDataSubscriber::DS_MessageData(BMessage* message)
 
 // #pragma mark - Events
 
-status_t
-ZvDataSubscriber::DS_SetEventTarget(BHandler* target)
+status_t ZvDataSubscriber::DS_SetEventTarget(BHandler* target)
 {
 	if (!fValid)
 		return -1;
@@ -545,14 +497,12 @@ ZvDataSubscriber::DS_SetEventTarget(BHandler* target)
 	return 0;
 }
 
-BHandler*
-ZvDataSubscriber::DS_EventTarget() const
+BHandler* ZvDataSubscriber::DS_EventTarget() const
 {
 	return fValid ? fEventTarget : NULL;
 }
 
-status_t
-ZvDataSubscriber::DS_SetEventMessage(BMessage* message)
+status_t ZvDataSubscriber::DS_SetEventMessage(BMessage* message)
 {
 	if (!fValid)
 		return -1;
@@ -574,8 +524,7 @@ ZvDataSubscriber::DS_SetEventMessage(BMessage* message)
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::DS_SetEventMessage(uint32 what)
+status_t ZvDataSubscriber::DS_SetEventMessage(uint32 what)
 {
 	if (!fValid)
 		return -1;
@@ -591,16 +540,14 @@ ZvDataSubscriber::DS_SetEventMessage(uint32 what)
 	return 0;
 }
 
-BMessage*
-ZvDataSubscriber::DS_EventMessage() const
+BMessage* ZvDataSubscriber::DS_EventMessage() const
 {
 	return fValid ? fEventMessage : NULL;
 }
 
 // #pragma mark - Propagation
 
-status_t
-ZvDataSubscriber::ds_DoAppUpdate(uint32 what, bool notify)
+status_t ZvDataSubscriber::ds_DoAppUpdate(uint32 what, bool notify)
 {
 	// Older subscribers first, nearest first; then the newer ones, nearest
 	// first. The chain cannot change meanwhile: changing it needs the
@@ -612,8 +559,7 @@ ZvDataSubscriber::ds_DoAppUpdate(uint32 what, bool notify)
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 what, bool notify)
+status_t ZvDataSubscriber::ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 what, bool notify)
 {
 	if (target == NULL || !ReceivesUpdates(target->fFlags.load(std::memory_order_relaxed)))
 		return 0;
@@ -651,9 +597,8 @@ ZvDataSubscriber::ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 what, bool 
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::ds_CopyData(ZvDataSubscriber* destination, ZvDataSubscriber* source,
-	uint32 what)
+status_t ZvDataSubscriber::ds_CopyData(ZvDataSubscriber* destination, ZvDataSubscriber* source,
+                                       uint32 what)
 {
 	// Copying a subscriber onto itself would free the data it copies from.
 	if (destination == NULL || source == NULL || destination == source)
@@ -671,8 +616,7 @@ ZvDataSubscriber::ds_CopyData(ZvDataSubscriber* destination, ZvDataSubscriber* s
 	return 0;
 }
 
-ZvDataSubscriber&
-ZvDataSubscriber::operator=(ZvDataSubscriber& other)
+ZvDataSubscriber& ZvDataSubscriber::operator=(ZvDataSubscriber& other)
 {
 	ds_CopyData(this, &other, kTouchedAll);
 	return *this;
@@ -680,8 +624,7 @@ ZvDataSubscriber::operator=(ZvDataSubscriber& other)
 
 // #pragma mark - Archive
 
-status_t
-ZvDataSubscriber::DS_Archive(BMessage* archive, uint32 what)
+status_t ZvDataSubscriber::DS_Archive(BMessage* archive, uint32 what)
 {
 	if (!fValid || archive == NULL)
 		return -1;
@@ -717,8 +660,7 @@ ZvDataSubscriber::DS_Archive(BMessage* archive, uint32 what)
 	return 0;
 }
 
-status_t
-ZvDataSubscriber::DS_UnArchive(BMessage* archive, bool notify)
+status_t ZvDataSubscriber::DS_UnArchive(BMessage* archive, bool notify)
 {
 	if (!fValid || archive == NULL)
 		return -1;

@@ -29,7 +29,8 @@
 
 class ZvDataLinker;
 
-class ZV_EXPORT ZvDataLinkerSubscriberA : public ZvDataSubscriber {
+class ZV_EXPORT ZvDataLinkerSubscriberA : public ZvDataSubscriber
+{
 public:
 	ZvDataLinkerSubscriberA(const char* name, uint32 flags, ZvDataLinker* linker);
 	virtual ~ZvDataLinkerSubscriberA();
@@ -41,7 +42,8 @@ private:
 	ZvDataLinker* fLinker;
 };
 
-class ZV_EXPORT ZvDataLinkerSubscriberB : public ZvDataSubscriber {
+class ZV_EXPORT ZvDataLinkerSubscriberB : public ZvDataSubscriber
+{
 public:
 	ZvDataLinkerSubscriberB(const char* name, uint32 flags, ZvDataLinker* linker);
 	virtual ~ZvDataLinkerSubscriberB();
@@ -53,7 +55,8 @@ private:
 	ZvDataLinker* fLinker;
 };
 
-class ZV_EXPORT ZvDataLinker {
+class ZV_EXPORT ZvDataLinker
+{
 public:
 	// Creates side A on nameA, then side B on nameB; each subscribes at
 	// once. A side that fails to subscribe (an empty name, say) stays in

@@ -33,13 +33,15 @@
 
 class ZvDataSubscriber;
 
-struct zv_data_registry_entry {
+struct zv_data_registry_entry
+{
 	char name[32];
 	ZvDataSubscriber* firstSubscriber;
 	uint32 semaphore;
 };
 
-class ZV_EXPORT ZvDataRegistry {
+class ZV_EXPORT ZvDataRegistry
+{
 public:
 	ZvDataRegistry();
 	// Releases any lock levels the calling thread still holds (the last

@@ -50,7 +50,8 @@ class BHandler;
 class BMessage;
 class ZvDataRegistry;
 
-class ZV_EXPORT ZvDataSubscriber {
+class ZV_EXPORT ZvDataSubscriber
+{
 public:
 	// Copies at most 31 characters of name and subscribes with notify true.
 	// A null or empty name leaves the subscriber not valid.

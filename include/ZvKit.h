@@ -24,6 +24,9 @@
 // Looper framework.
 
 // Data subscription.
+#include <ZvDataLinker.h>
+#include <ZvDataRegistry.h>
+#include <ZvDataSubscriber.h>
 
 // Text.
 

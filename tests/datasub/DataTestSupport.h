@@ -25,7 +25,15 @@
 
 namespace zvtest {
 
-struct EventLog {
+// A four-character code, most significant byte first ("DSEV").
+constexpr uint32 Code(const char (&text)[5])
+{
+	return (uint32(uint8(text[0])) << 24) | (uint32(uint8(text[1])) << 16) |
+	       (uint32(uint8(text[2])) << 8) | uint32(uint8(text[3]));
+}
+
+struct EventLog
+{
 	std::mutex lock;
 	std::vector<std::string> entries;
 
@@ -42,16 +50,16 @@ struct EventLog {
 	}
 };
 
-class RecordingSubscriber : public ZvDataSubscriber {
+class RecordingSubscriber : public ZvDataSubscriber
+{
 public:
 	RecordingSubscriber(const char* name, uint32 flags, const char* label = "",
-		EventLog* log = nullptr)
-		:
-		ZvDataSubscriber(name, flags),
-		fLabel(label),
-		fLog(log)
+	                    EventLog* log = nullptr)
+	    : ZvDataSubscriber(name, flags), fLabel(label), fLog(log)
 	{
 	}
+
+	using ZvDataSubscriber::operator=;
 
 	~RecordingSubscriber() override
 	{
@@ -134,15 +142,15 @@ MakeUnsubscribed(const char* name, const char* label = "", EventLog* log = nullp
 // A registry left with no attributes (created by a refused subscription)
 // is deleted only by an unsubscription; one round trip of a throw-away
 // subscriber does that.
-inline void
-DestroyEmptyRegistry()
+inline void DestroyEmptyRegistry()
 {
 	if (zv_registry != nullptr && zv_registry->DR_CountAttributes() == 0) {
 		ZvDataSubscriber temporary("zvtest-registry-reset", 0);
 	}
 }
 
-class RegistryTest : public ::testing::Test {
+class RegistryTest : public ::testing::Test
+{
 protected:
 	void SetUp() override { ASSERT_EQ(zv_registry, nullptr) << "a previous test left a registry"; }
 

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+using zvtest::Code;
 using zvtest::DestroyEmptyRegistry;
 using zvtest::EventLog;
 using zvtest::MakeUnsubscribed;
@@ -24,12 +25,13 @@ using zvtest::RecordingSubscriber;
 
 namespace {
 
-class ZvDataRegistryTest : public zvtest::RegistryTest {};
+class ZvDataRegistryTest : public zvtest::RegistryTest
+{
+};
 
 // Gives s one integer, float, string, raw block and message, all derived
 // from seed, without propagating (s must not be subscribed, or be local).
-void
-FillData(ZvDataSubscriber* s, int64 seed)
+void FillData(ZvDataSubscriber* s, int64 seed)
 {
 	ASSERT_EQ(s->DS_SetIntegerData(seed, false), 0);
 	ASSERT_EQ(s->DS_SetFloatData(seed + 0.5, false), 0);
@@ -37,14 +39,13 @@ FillData(ZvDataSubscriber* s, int64 seed)
 	ASSERT_EQ(s->DS_SetStringData(text.c_str(), false), 0);
 	const int32 raw[3] = {int32(seed), int32(seed * 2), int32(seed * 3)};
 	ASSERT_EQ(s->DS_SetRAWData(raw, sizeof(raw), false), 0);
-	BMessage message('MSG0');
+	BMessage message(Code("MSG0"));
 	message.AddInt64("seed", seed);
 	ASSERT_EQ(s->DS_SetMessageData(&message, false), 0);
 }
 
 // Expects s to hold exactly the data FillData(seed) gives.
-void
-ExpectData(ZvDataSubscriber* s, int64 seed)
+void ExpectData(ZvDataSubscriber* s, int64 seed)
 {
 	EXPECT_EQ(s->DS_IntegerData(), seed);
 	EXPECT_DOUBLE_EQ(s->DS_FloatData(), seed + 0.5);
@@ -58,14 +59,13 @@ ExpectData(ZvDataSubscriber* s, int64 seed)
 	EXPECT_EQ(raw[2], int32(seed * 3));
 	BMessage message;
 	ASSERT_EQ(s->DS_MessageData(&message), 0);
-	EXPECT_EQ(message.what, uint32('MSG0'));
+	EXPECT_EQ(message.what, Code("MSG0"));
 	int64 stored = -1;
 	EXPECT_EQ(message.FindInt64("seed", &stored), B_OK);
 	EXPECT_EQ(stored, seed);
 }
 
-std::vector<std::string>
-AttributeNames()
+std::vector<std::string> AttributeNames()
 {
 	std::vector<std::string> names;
 	if (zv_registry == nullptr)
@@ -80,8 +80,7 @@ AttributeNames()
 	return names;
 }
 
-bool
-Subscribed(ZvDataSubscriber* s)
+bool Subscribed(ZvDataSubscriber* s)
 {
 	EXPECT_NE(zv_registry, nullptr);
 	EXPECT_TRUE(zv_registry->DR_Lock());
@@ -386,8 +385,9 @@ TEST_F(ZvDataRegistryTest, AttributeAtRefusesBadIndexesAndLeavesTheBufferAlone)
 	EXPECT_EQ(zv_registry->DR_AttributeAt(-1, buffer), -1);
 	EXPECT_EQ(zv_registry->DR_AttributeAt(zv_registry->DR_CountAttributes(), buffer), -1);
 	EXPECT_EQ(zv_registry->DR_AttributeAt(0, nullptr), -1);
-	for (char c : buffer)
+	for (char c : buffer) {
 		EXPECT_EQ(c, 'x');
+	}
 	ASSERT_EQ(zv_registry->DR_AttributeAt(0, buffer), 0);
 	EXPECT_STREQ(buffer, "attr-a");
 	ASSERT_EQ(zv_registry->DR_AttributeAt(1, buffer), 0);

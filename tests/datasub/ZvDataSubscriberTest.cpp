@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+using zvtest::Code;
 using zvtest::EventLog;
 using zvtest::MakeUnsubscribed;
 using zvtest::OutputCapture;
@@ -26,10 +27,11 @@ using zvtest::RecordingSubscriber;
 
 namespace {
 
-class ZvDataSubscriberTest : public zvtest::RegistryTest {};
+class ZvDataSubscriberTest : public zvtest::RegistryTest
+{
+};
 
-int32
-CountField(const BMessage& message, const char* name)
+int32 CountField(const BMessage& message, const char* name)
 {
 	type_code type = 0;
 	int32 count = 0;
@@ -56,7 +58,7 @@ TEST_F(ZvDataSubscriberTest, SubscriberWithoutNameIsNotValidAndRefusesEveryDataO
 		EXPECT_EQ(s->DS_SetFloatData(1.0, true), -1);
 		EXPECT_EQ(s->DS_SetStringData("x", true), -1);
 		EXPECT_EQ(s->DS_SetRAWData("x", 1, true), -1);
-		BMessage message('TEST');
+		BMessage message(Code("TEST"));
 		EXPECT_EQ(s->DS_SetMessageData(&message, true), -1);
 		int64 integer = 3;
 		double number = 3.0;
@@ -76,7 +78,7 @@ TEST_F(ZvDataSubscriberTest, SubscriberWithoutNameIsNotValidAndRefusesEveryDataO
 		EXPECT_EQ(s->DS_SendEvent(1), -1);
 		EXPECT_EQ(s->DS_SetEventTarget(nullptr), -1);
 		EXPECT_EQ(s->DS_EventTarget(), nullptr);
-		EXPECT_EQ(s->DS_SetEventMessage(uint32('EVNT')), -1);
+		EXPECT_EQ(s->DS_SetEventMessage(Code("EVNT")), -1);
 		EXPECT_EQ(s->DS_SetEventMessage(&message), -1);
 		EXPECT_EQ(s->DS_EventMessage(), nullptr);
 		EXPECT_EQ(s->DS_Archive(&message, 255), -1);
@@ -176,8 +178,7 @@ namespace {
 
 // The identifier of the live semaphore named name, found by walking back
 // from a fresh identifier (identifiers are handed out in increasing order).
-sem_id
-FindSemaphoreNamed(const char* name)
+sem_id FindSemaphoreNamed(const char* name)
 {
 	const sem_id probe = create_sem(0, "probe");
 	delete_sem(probe);
@@ -198,22 +199,21 @@ TEST_F(ZvDataSubscriberTest, FailedUnsubscriptionPrintsItsMessage)
 	// lives to the end of the process. The case therefore runs in a child.
 	GTEST_FLAG_SET(death_test_style, "threadsafe");
 	EXPECT_EXIT(
-		{
-			auto s = new ZvDataSubscriber("lost-semaphore", 0);
-			const sem_id sem = FindSemaphoreNamed("lost-semaphore");
-			if (sem < 0 || delete_sem(sem) != B_OK)
-				_exit(2);
-			OutputCapture capture(2);
-			const status_t result = s->DS_UnSubscribe();
-			const std::string text = capture.Finish();
-			const bool stillThere = s->DS_IsSubscribed();
-			_exit(result == -1 && stillThere
-						&& text
-							== "ZvDataSubscriber::ZvDataSubscriber(): Unsubscription failed.\n"
-					? 0
-					: 1);
-		},
-		::testing::ExitedWithCode(0), "");
+	    {
+		    auto s = new ZvDataSubscriber("lost-semaphore", 0);
+		    const sem_id sem = FindSemaphoreNamed("lost-semaphore");
+		    if (sem < 0 || delete_sem(sem) != B_OK)
+			    _exit(2);
+		    OutputCapture capture(2);
+		    const status_t result = s->DS_UnSubscribe();
+		    const std::string text = capture.Finish();
+		    const bool stillThere = s->DS_IsSubscribed();
+		    _exit(result == -1 && stillThere &&
+		                  text == "ZvDataSubscriber::ZvDataSubscriber(): Unsubscription failed.\n"
+		              ? 0
+		              : 1);
+	    },
+	    ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(ZvDataSubscriberTest, DestructorUnsubscribesAndDataOperationsWorkUnsubscribed)
@@ -262,7 +262,7 @@ TEST_F(ZvDataSubscriberTest, EachSetterPropagatesItsOwnKindOnly)
 	ASSERT_EQ(a.DS_SetStringData("three", true), 0);
 	const char raw[4] = {1, 2, 3, 4};
 	ASSERT_EQ(a.DS_SetRAWData(raw, 4, true), 0);
-	BMessage message('FIVE');
+	BMessage message(Code("FIVE"));
 	ASSERT_EQ(a.DS_SetMessageData(&message, true), 0);
 	EXPECT_EQ(b.Events(), (std::vector<uint32>{2, 4, 8, 16}));
 	EXPECT_DOUBLE_EQ(b.DS_FloatData(), 2.5);
@@ -274,7 +274,7 @@ TEST_F(ZvDataSubscriberTest, EachSetterPropagatesItsOwnKindOnly)
 	EXPECT_EQ(memcmp(got, raw, 4), 0);
 	BMessage copy;
 	ASSERT_EQ(b.DS_MessageData(&copy), 0);
-	EXPECT_EQ(copy.what, uint32('FIVE'));
+	EXPECT_EQ(copy.what, Code("FIVE"));
 	// a's integer (0) was never sent.
 	EXPECT_EQ(b.DS_IntegerData(), 1);
 }
@@ -317,7 +317,8 @@ TEST_F(ZvDataSubscriberTest, NullStringFailsButClearsTheStringEverywhere)
 	b.ClearRecords();
 	EXPECT_EQ(a.DS_SetStringData(nullptr, true), -1);
 	char buffer[16] = "untouched";
-	for (ZvDataSubscriber* s : {static_cast<ZvDataSubscriber*>(&a), static_cast<ZvDataSubscriber*>(&b), &c}) {
+	for (ZvDataSubscriber* s :
+	     {static_cast<ZvDataSubscriber*>(&a), static_cast<ZvDataSubscriber*>(&b), &c}) {
 		EXPECT_EQ(s->DS_StringData(buffer, -1), -1);
 		EXPECT_EQ(s->DS_StringDataSize(), 0);
 	}
@@ -347,7 +348,7 @@ TEST_F(ZvDataSubscriberTest, NullMessageFailsChangesNothingButStillPropagates)
 {
 	ZvDataSubscriber a("message", 0);
 	RecordingSubscriber b("message", 0);
-	BMessage message('ORIG');
+	BMessage message(Code("ORIG"));
 	message.AddString("k", "v");
 	ASSERT_EQ(a.DS_SetMessageData(&message, true), 0);
 	b.ClearRecords();
@@ -355,7 +356,7 @@ TEST_F(ZvDataSubscriberTest, NullMessageFailsChangesNothingButStillPropagates)
 	EXPECT_EQ(b.Events(), std::vector<uint32>{16});
 	BMessage out;
 	ASSERT_EQ(b.DS_MessageData(&out), 0);
-	EXPECT_EQ(out.what, uint32('ORIG'));
+	EXPECT_EQ(out.what, Code("ORIG"));
 	const char* value = nullptr;
 	EXPECT_EQ(out.FindString("k", &value), B_OK);
 	EXPECT_STREQ(value, "v");
@@ -492,7 +493,7 @@ TEST_F(ZvDataSubscriberTest, AssignmentCopiesAllKindsWithoutPropagating)
 	ASSERT_EQ(source.DS_SetFloatData(4.5, false), 0);
 	ASSERT_EQ(source.DS_SetStringData("five", false), 0);
 	ASSERT_EQ(source.DS_SetRAWData("six", 3, false), 0);
-	BMessage message('SEVN');
+	BMessage message(Code("SEVN"));
 	ASSERT_EQ(source.DS_SetMessageData(&message, false), 0);
 	ASSERT_EQ(target.DS_SetStringData("old", false), 0);
 	watcher.ClearRecords();
@@ -505,7 +506,7 @@ TEST_F(ZvDataSubscriberTest, AssignmentCopiesAllKindsWithoutPropagating)
 	EXPECT_EQ(target.DS_RAWDataSize(), 3);
 	BMessage out;
 	ASSERT_EQ(target.DS_MessageData(&out), 0);
-	EXPECT_EQ(out.what, uint32('SEVN'));
+	EXPECT_EQ(out.what, Code("SEVN"));
 	EXPECT_EQ(watcher.DS_IntegerData(), 0);
 	EXPECT_TRUE(watcher.Events().empty());
 	EXPECT_STREQ(target.DS_AttributeName(), "assign-b");
@@ -526,21 +527,20 @@ TEST_F(ZvDataSubscriberTest, AssignmentCopiesAllKindsWithoutPropagating)
 
 namespace {
 
-void
-TryEverythingInside(RecordingSubscriber* self, uint32)
+void TryEverythingInside(RecordingSubscriber* self, uint32)
 {
-	BMessage message('INSD');
+	BMessage message(Code("INSD"));
 	self->hookResults = {
-		self->DS_SetIntegerData(1000, true),
-		self->DS_SetFloatData(1000.0, true),
-		self->DS_SetStringData("inside", true),
-		self->DS_SetRAWData("in", 2, true),
-		self->DS_SetMessageData(&message, true),
-		self->DS_SendEvent(1),
-		self->DS_Subscribe(0, true),
-		self->DS_UnSubscribe(),
-		self->DS_IsSubscribed() ? 1 : 0,
-		self->DS_StringDataSize(),
+	    self->DS_SetIntegerData(1000, true),
+	    self->DS_SetFloatData(1000.0, true),
+	    self->DS_SetStringData("inside", true),
+	    self->DS_SetRAWData("in", 2, true),
+	    self->DS_SetMessageData(&message, true),
+	    self->DS_SendEvent(1),
+	    self->DS_Subscribe(0, true),
+	    self->DS_UnSubscribe(),
+	    self->DS_IsSubscribed() ? 1 : 0,
+	    self->DS_StringDataSize(),
 	};
 }
 
@@ -556,8 +556,7 @@ TEST_F(ZvDataSubscriberTest, InsideItsEventASubscriberReadsDirectlyAndRefusesCha
 	ASSERT_EQ(sender.DS_SetStringData("outside", true), 0);
 
 	// Integer and float setters give 0 without effect, the others -1.
-	EXPECT_EQ(receiver.hookResults,
-		(std::vector<status_t>{0, 0, -1, -1, -1, -1, -1, -1, 1, 7}));
+	EXPECT_EQ(receiver.hookResults, (std::vector<status_t>{0, 0, -1, -1, -1, -1, -1, -1, 1, 7}));
 	EXPECT_EQ(receiver.DS_IntegerData(), 0);
 	EXPECT_EQ(receiver.DS_FloatData(), 0.0);
 	char text[16];
@@ -598,8 +597,9 @@ TEST_F(ZvDataSubscriberTest, ArchiveWritesTheNamedKindsOnceEach)
 	ASSERT_EQ(s.DS_SetStringData("str", false), 0);
 	ASSERT_EQ(s.DS_Archive(&archive, 5), 0);
 	ASSERT_EQ(s.DS_Archive(&archive, 5), 0);
-	for (const char* field : {"DS_ATTRIBUTENAME", "DS_TOUCHEDWHAT", "DS_INTEGER", "DS_STRING"})
+	for (const char* field : {"DS_ATTRIBUTENAME", "DS_TOUCHEDWHAT", "DS_INTEGER", "DS_STRING"}) {
 		EXPECT_EQ(CountField(archive, field), 1) << field;
+	}
 	const char* text = nullptr;
 	ASSERT_EQ(archive.FindString("DS_STRING", &text), B_OK);
 	EXPECT_STREQ(text, "str");
@@ -614,11 +614,11 @@ TEST_F(ZvDataSubscriberTest, ArchiveRoundTripsAllFiveKindsWithTheirFieldTypes)
 	ASSERT_EQ(s.DS_SetStringData("text", false), 0);
 	const unsigned char block[5] = {0, 1, 2, 254, 255};
 	ASSERT_EQ(s.DS_SetRAWData(block, 5, false), 0);
-	BMessage inner('INNR');
+	BMessage inner(Code("INNR"));
 	inner.AddInt32("n", 9);
 	ASSERT_EQ(s.DS_SetMessageData(&inner, false), 0);
 
-	BMessage archive('ARCV');
+	BMessage archive(Code("ARCV"));
 	archive.AddString("DS_STRING", "stale");
 	ASSERT_EQ(s.DS_Archive(&archive, 255), 0);
 	type_code type = 0;
@@ -633,7 +633,7 @@ TEST_F(ZvDataSubscriberTest, ArchiveRoundTripsAllFiveKindsWithTheirFieldTypes)
 	ASSERT_EQ(archive.GetInfo("DS_MESSAGE", &type, &count), B_OK);
 	EXPECT_EQ(type, B_MESSAGE_TYPE);
 	EXPECT_EQ(CountField(archive, "DS_STRING"), 1);
-	EXPECT_EQ(archive.what, uint32('ARCV'));
+	EXPECT_EQ(archive.what, Code("ARCV"));
 
 	auto restored = MakeUnsubscribed("another-name");
 	ASSERT_EQ(restored->DS_UnArchive(&archive, true), 0);
@@ -650,7 +650,7 @@ TEST_F(ZvDataSubscriberTest, ArchiveRoundTripsAllFiveKindsWithTheirFieldTypes)
 	EXPECT_EQ(memcmp(got, block, 5), 0);
 	BMessage out;
 	ASSERT_EQ(restored->DS_MessageData(&out), 0);
-	EXPECT_EQ(out.what, uint32('INNR'));
+	EXPECT_EQ(out.what, Code("INNR"));
 	int32 n = 0;
 	EXPECT_EQ(out.FindInt32("n", &n), B_OK);
 	EXPECT_EQ(n, 9);
@@ -689,7 +689,7 @@ TEST_F(ZvDataSubscriberTest, UnArchiveOfNoKeysStillPropagatesMaskZero)
 	ZvDataSubscriber reader("unarchive-empty", 0);
 	RecordingSubscriber receiver("unarchive-empty", 0);
 	ASSERT_EQ(receiver.DS_SetIntegerData(3, false), 0);
-	BMessage empty('EMPT');
+	BMessage empty(Code("EMPT"));
 	empty.AddInt32("unrelated", 1);
 	ASSERT_EQ(reader.DS_UnArchive(&empty, true), 0);
 	EXPECT_EQ(receiver.Events(), std::vector<uint32>{0});
