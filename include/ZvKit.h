@@ -31,8 +31,11 @@
 // Text.
 
 // Numeric helpers.
+#include <ZvEvaluate.h>
+#include <ZvResize.h>
 
 // Graphics helpers.
 #include <ZvColor.h>
+#include <ZvTransform.h>
 
 #endif // _ZVKIT_H
