@@ -28,6 +28,9 @@
 #include <ZvMessenger.h>
 
 // Data subscription.
+#include <ZvDataLinker.h>
+#include <ZvDataRegistry.h>
+#include <ZvDataSubscriber.h>
 
 // Text.
 
