@@ -106,7 +106,6 @@ void zv_color::SetCMYKA(uint8 c, uint8 m, uint8 y, uint8 k, uint8 a)
 	CMYK2RGB();
 }
 
-#ifdef ZV_COLOR_HAS_RGB_COLOR
 zv_color::zv_color(rgb_color color)
 {
 	SetRGBA(color);
@@ -126,7 +125,6 @@ rgb_color zv_color::RGBColor() const
 	color.alpha = fA;
 	return color;
 }
-#endif
 
 void zv_color::WebSafe()
 {

@@ -18,10 +18,7 @@
 
 #include <ZvExport.h>
 
-#if __has_include(<GraphicsDefs.h>)
 #include <GraphicsDefs.h>
-#define ZV_COLOR_HAS_RGB_COLOR 1
-#endif
 
 class ZV_EXPORT zv_color
 {
@@ -34,9 +31,7 @@ public:
 	zv_color(const zv_color& other) = default;
 	zv_color(uint8 r, uint8 g, uint8 b, uint8 a);
 	zv_color(uint8 c, uint8 m, uint8 y, uint8 k, uint8 a);
-#ifdef ZV_COLOR_HAS_RGB_COLOR
 	zv_color(rgb_color color);
-#endif
 
 	zv_color& operator=(const zv_color& other) = default;
 	bool operator==(const zv_color& other) const;
@@ -46,46 +41,20 @@ public:
 	void SetARGBPixel(uint32 argb);
 	void SetRGBA(uint8 r, uint8 g, uint8 b, uint8 a);
 	void SetCMYKA(uint8 c, uint8 m, uint8 y, uint8 k, uint8 a);
-#ifdef ZV_COLOR_HAS_RGB_COLOR
 	void SetRGBA(rgb_color color);
 	rgb_color RGBColor() const;
-#endif
 
 	// Alpha 255 and red, green, blue snapped to the 216-colour web palette.
 	void WebSafe();
 
-	uint8 R() const
-	{
-		return fR;
-	}
-	uint8 G() const
-	{
-		return fG;
-	}
-	uint8 B() const
-	{
-		return fB;
-	}
-	uint8 A() const
-	{
-		return fA;
-	}
-	uint8 C() const
-	{
-		return fC;
-	}
-	uint8 M() const
-	{
-		return fM;
-	}
-	uint8 Y() const
-	{
-		return fY;
-	}
-	uint8 K() const
-	{
-		return fK;
-	}
+	uint8 R() const { return fR; }
+	uint8 G() const { return fG; }
+	uint8 B() const { return fB; }
+	uint8 A() const { return fA; }
+	uint8 C() const { return fC; }
+	uint8 M() const { return fM; }
+	uint8 Y() const { return fY; }
+	uint8 K() const { return fK; }
 
 	// Recompute one model from the other.
 	void RGB2CMYK();

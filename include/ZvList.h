@@ -112,7 +112,7 @@ private:
 	// Moves the entries into a fresh array of newCapacity slots.
 	void _Resize(int32 newCapacity)
 	{
-		T* fresh = new T[newCapacity];
+		T* fresh = new T[newCapacity]();
 		const int32 keep = MIN(newCapacity, capacity);
 		for (int32 i = 0; i < keep; i++)
 			fresh[i] = items[i];

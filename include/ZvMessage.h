@@ -88,6 +88,9 @@ class ZV_EXPORT ZvMessage
 {
 public:
 	explicit ZvMessage(uint32 what);
+	// The same for a plain int (a literal 0 or a four-character literal such
+	// as 'QUIT'), which would otherwise be ambiguous with the pointer forms.
+	explicit ZvMessage(int what);
 	// Copies what and deep copies of the items; flags start at 0.
 	ZvMessage(const ZvMessage& other);
 	explicit ZvMessage(const ZvMessage* other);

@@ -24,6 +24,8 @@ bool TypeMatches(const ZvMessageItem* item, type_code type)
 
 ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep) {}
 
+ZvMessage::ZvMessage(int what) : ZvMessage(static_cast<uint32>(what)) {}
+
 ZvMessage::ZvMessage(const ZvMessage& other) : what(other.what), fFlags(0), items(kListStep)
 {
 	for (int32 i = 0; i < other.items.CountItems(); i++)

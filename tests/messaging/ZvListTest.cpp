@@ -1,0 +1,333 @@
+// ZvList growth and shrink rules, the geometry values, MIN/MAX and the
+// four-character rendering of type codes.
+#include <ZvGeometry.h>
+#include <ZvList.h>
+#include <ZvLocker.h>
+#include <ZvMessage.h>
+#include <ZvTypeCodes.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Distinct addresses to store in a list.
+struct Slots
+{
+	int values[512] = {};
+	int* At(int i) { return &values[i]; }
+};
+
+void Fill(ZvList<int*>* list, Slots* slots, int count)
+{
+	for (int i = 0; i < count; i++)
+		list->AddItem(slots->At(i));
+}
+
+TEST(ZvListTest, NewListIsEmptyWithoutArray)
+{
+	ZvList<int*> list(16);
+	EXPECT_EQ(0, list.count);
+	EXPECT_EQ(0, list.capacity);
+	EXPECT_EQ(16, list.growStep);
+	EXPECT_EQ(16, list.blockSize);
+	EXPECT_EQ(nullptr, list.items);
+	EXPECT_EQ(nullptr, list.defaultItem);
+	EXPECT_EQ(nullptr, list.lock);
+	EXPECT_EQ(0, list.CountItems());
+}
+
+TEST(ZvListTest, DefaultStepIsSixteenAndStepIsTakenFromConstructor)
+{
+	ZvList<int*> byDefault;
+	EXPECT_EQ(16, byDefault.growStep);
+	ZvList<int*> registryStep(20);
+	EXPECT_EQ(20, registryStep.growStep);
+	EXPECT_EQ(20, registryStep.blockSize);
+}
+
+TEST(ZvListTest, FirstAddAllocatesOneStep)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	list.AddItem(slots.At(0));
+	EXPECT_EQ(1, list.count);
+	EXPECT_EQ(16, list.capacity);
+	EXPECT_NE(nullptr, list.items);
+	EXPECT_EQ(slots.At(0), list.ItemAt(0));
+}
+
+TEST(ZvListTest, SeventeenthEntryGrowsToThirtyTwoAndThirtyThirdToFortyEight)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	Fill(&list, &slots, 17);
+	EXPECT_EQ(32, list.capacity);
+	EXPECT_EQ(16, list.growStep);
+	for (int i = 17; i < 33; i++)
+		list.AddItem(slots.At(i));
+	EXPECT_EQ(33, list.count);
+	EXPECT_EQ(48, list.capacity);
+	EXPECT_EQ(24, list.growStep);
+}
+
+TEST(ZvListTest, CapacitiesGrowByHalfOnceBeyondTwiceTheBlock)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	std::vector<int32> capacities;
+	for (int i = 0; i < 163; i++) {
+		list.AddItem(slots.At(i));
+		if (capacities.empty() || capacities.back() != list.capacity)
+			capacities.push_back(list.capacity);
+	}
+	EXPECT_EQ((std::vector<int32>{16, 32, 48, 72, 108, 162, 243}), capacities);
+	for (int i = 0; i < 163; i++)
+		ASSERT_EQ(slots.At(i), list.ItemAt(i)) << i;
+}
+
+TEST(ZvListTest, BlockSizeOfTwentyGrowsByTwentyThenByHalf)
+{
+	Slots slots;
+	ZvList<int*> list(20);
+	std::vector<int32> capacities;
+	for (int i = 0; i < 100; i++) {
+		list.AddItem(slots.At(i));
+		if (capacities.empty() || capacities.back() != list.capacity)
+			capacities.push_back(list.capacity);
+	}
+	EXPECT_EQ((std::vector<int32>{20, 40, 60, 90, 135}), capacities);
+}
+
+TEST(ZvListTest, RemovingFromSeventeenInThirtyTwoShrinksToSixteen)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	Fill(&list, &slots, 17);
+	ASSERT_EQ(32, list.capacity);
+	EXPECT_EQ(slots.At(16), list.RemoveItem(16));
+	EXPECT_EQ(16, list.count);
+	EXPECT_EQ(16, list.capacity);
+	EXPECT_EQ(16, list.growStep);
+	for (int i = 0; i < 16; i++)
+		EXPECT_EQ(slots.At(i), list.ItemAt(i));
+}
+
+TEST(ZvListTest, RemovingTheOnlyEntryFreesTheArray)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	list.AddItem(slots.At(0));
+	EXPECT_EQ(slots.At(0), list.RemoveItem(0));
+	EXPECT_EQ(0, list.count);
+	EXPECT_EQ(0, list.capacity);
+	EXPECT_EQ(nullptr, list.items);
+	EXPECT_EQ(16, list.growStep);
+}
+
+TEST(ZvListTest, RemovalMovesLaterEntriesDownInOrder)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	Fill(&list, &slots, 5);
+	EXPECT_EQ(slots.At(1), list.RemoveItem(1));
+	ASSERT_EQ(4, list.count);
+	EXPECT_EQ(slots.At(0), list.ItemAt(0));
+	EXPECT_EQ(slots.At(2), list.ItemAt(1));
+	EXPECT_EQ(slots.At(3), list.ItemAt(2));
+	EXPECT_EQ(slots.At(4), list.ItemAt(3));
+	EXPECT_EQ(16, list.capacity);
+}
+
+TEST(ZvListTest, ShrinkFollowsTheStepDownToTwoSlotsThatAreNeverFreed)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	Fill(&list, &slots, 49);
+	ASSERT_EQ(72, list.capacity);
+	ASSERT_EQ(36, list.growStep);
+
+	std::vector<int32> capacities{list.capacity};
+	while (list.count > 0) {
+		list.RemoveItem(0);
+		if (capacities.back() != list.capacity)
+			capacities.push_back(list.capacity);
+		for (int32 i = 0; i < list.count; i++)
+			ASSERT_EQ(slots.At(49 - list.count + i), list.ItemAt(i));
+	}
+	// 72 -> 36 at count 36 (step 18), -> 18 at count 18 (step 16), -> 2 at
+	// count 2; then the reduced capacity is negative and count never gets
+	// below it, so the two slots stay.
+	EXPECT_EQ((std::vector<int32>{72, 36, 18, 2}), capacities);
+	EXPECT_EQ(16, list.growStep);
+	EXPECT_NE(nullptr, list.items);
+}
+
+TEST(ZvListTest, OutOfRangeIndexesReturnNullAndChangeNothing)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	Fill(&list, &slots, 3);
+	int** before = list.items;
+	EXPECT_EQ(nullptr, list.ItemAt(-1));
+	EXPECT_EQ(nullptr, list.ItemAt(3));
+	EXPECT_EQ(nullptr, list.RemoveItem(3));
+	EXPECT_EQ(nullptr, list.RemoveItem(-1));
+	EXPECT_EQ(3, list.count);
+	EXPECT_EQ(16, list.capacity);
+	EXPECT_EQ(before, list.items);
+	EXPECT_EQ(slots.At(2), list.ItemAt(2));
+}
+
+TEST(ZvListTest, MakeEmptyFreesSlotsButNotTheItems)
+{
+	ZvList<ZvMessageItem*> list(16);
+	ZvMessageItem* first = new ZvMessageItem("first", ZV_INT32_TYPE, 4, "\1\0\0\0");
+	ZvMessageItem* second = new ZvMessageItem("second", ZV_BOOL_TYPE, 1, "\1");
+	list.AddItem(first);
+	list.AddItem(second);
+	list.MakeEmpty();
+	EXPECT_EQ(0, list.count);
+	EXPECT_EQ(0, list.capacity);
+	EXPECT_EQ(nullptr, list.items);
+	EXPECT_EQ(16, list.growStep);
+	// The items are still alive and owned by the caller.
+	EXPECT_STREQ("first", first->name);
+	EXPECT_STREQ("second", second->name);
+	delete first;
+	delete second;
+}
+
+TEST(ZvListTest, MakeEmptyKeepsTheGrownStep)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	Fill(&list, &slots, 49);
+	ASSERT_EQ(36, list.growStep);
+	list.MakeEmpty();
+	EXPECT_EQ(36, list.growStep);
+	list.AddItem(slots.At(0));
+	EXPECT_EQ(36, list.capacity);
+}
+
+TEST(ZvListTest, DefaultItemIsHandedBackForBadIndexes)
+{
+	Slots slots;
+	ZvList<int*> list(16);
+	list.defaultItem = slots.At(100);
+	EXPECT_EQ(slots.At(100), list.ItemAt(0));
+	EXPECT_EQ(slots.At(100), list.RemoveItem(0));
+}
+
+TEST(ZvListTest, DestructorDeletesItsLock)
+{
+	// Leak detection (ASan) fails this test if the lock is not deleted.
+	ZvList<int*>* list = new ZvList<int*>(16);
+	list->lock = new ZvLocker();
+	delete list;
+	SUCCEED();
+}
+
+TEST(ZvListTest, ListIsPolymorphicWithVirtualMakeEmpty)
+{
+	struct CountingList : ZvList<int*>
+	{
+		int emptied = 0;
+		void MakeEmpty() override
+		{
+			emptied++;
+			ZvList<int*>::MakeEmpty();
+		}
+	};
+	CountingList list;
+	ZvList<int*>& base = list;
+	base.MakeEmpty();
+	EXPECT_EQ(1, list.emptied);
+}
+
+TEST(ZvGeometryTest, MinAndMaxGiveTheSecondArgumentOnATie)
+{
+	EXPECT_EQ(2, MIN<int32>(2, 2));
+	EXPECT_EQ(2, MAX<int32>(2, 2));
+	// Signed zeros compare equal, so they show which argument came back.
+	EXPECT_TRUE(std::signbit(MIN(0.0f, -0.0f)));
+	EXPECT_FALSE(std::signbit(MIN(-0.0f, 0.0f)));
+	EXPECT_EQ(1, MIN<int32>(1, 2));
+	EXPECT_EQ(1, MIN<int32>(2, 1));
+	EXPECT_EQ(2, MAX<int32>(1, 2));
+	EXPECT_EQ(2, MAX<int32>(2, 1));
+	EXPECT_EQ(4000000000u, MAX<uint32>(4000000000u, 1u));
+	EXPECT_EQ(1u, MIN<uint32>(4000000000u, 1u));
+}
+
+TEST(ZvGeometryTest, FloatMinWithNaNGivesTheSecondArgument)
+{
+	const float nan = std::nanf("");
+	EXPECT_EQ(1.0f, MIN(nan, 1.0f));
+	EXPECT_TRUE(std::isnan(MIN(1.0f, nan)));
+}
+
+TEST(ZvGeometryTest, PointsAndRectanglesAreBraceConstructedAndDefaultToZero)
+{
+	ZvRect<float> rect{1.0f, 2.0f, 11.0f, 22.0f};
+	EXPECT_EQ(1.0f, rect.left);
+	EXPECT_EQ(2.0f, rect.top);
+	EXPECT_EQ(11.0f, rect.right);
+	EXPECT_EQ(22.0f, rect.bottom);
+	EXPECT_EQ(10.0f, rect.Width());
+	EXPECT_EQ(20.0f, rect.Height());
+	ZvPoint<int32> point{3, 4};
+	EXPECT_EQ(3, point.x);
+	EXPECT_EQ(4, point.y);
+	ZvRect<int16> zero;
+	EXPECT_EQ(0, zero.left + zero.top + zero.right + zero.bottom);
+	ZvPoint<double> origin;
+	EXPECT_EQ(0.0, origin.x);
+	EXPECT_EQ(0.0, origin.y);
+	static_assert(sizeof(ZvRect<double>) == 32, "four doubles");
+	static_assert(sizeof(ZvPoint<int16>) == 4, "two shorts");
+}
+
+std::string Render(type_code code)
+{
+	char buffer[5];
+	return ZV_TypeCodeString(code, buffer);
+}
+
+TEST(ZvTypeCodeTest, CodesRenderAsFourCharactersMostSignificantFirst)
+{
+	EXPECT_EQ("SI08", Render(0x53493038));
+	EXPECT_EQ("SI32", Render(ZV_INT32_TYPE));
+	EXPECT_EQ("ANYT", Render(ZV_ANY_TYPE));
+	EXPECT_EQ("BMSG", Render(ZV_MESSAGE_TYPE));
+}
+
+TEST(ZvTypeCodeTest, TableValuesSpellTheirCodes)
+{
+	const struct
+	{
+		type_code code;
+		const char* text;
+	} table[] = {{ZV_ANY_TYPE, "ANYT"},     {ZV_INT8_TYPE, "SI08"},   {ZV_INT16_TYPE, "SI16"},
+	             {ZV_INT32_TYPE, "SI32"},   {ZV_INT64_TYPE, "SI64"},  {ZV_FLOAT_TYPE, "FT32"},
+	             {ZV_DOUBLE_TYPE, "FT64"},  {ZV_BOOL_TYPE, "BOOL"},   {ZV_STRING_TYPE, "CPTR"},
+	             {ZV_POINTER_TYPE, "LPTR"}, {ZV_COLOR_TYPE, "COLR"},  {ZV_RECT_TYPE, "RECT"},
+	             {ZV_POINT_TYPE, "PONT"},   {ZV_MESSAGE_TYPE, "BMSG"}};
+	for (const auto& entry : table)
+		EXPECT_EQ(entry.text, Render(entry.code));
+	EXPECT_EQ(0x53493332u, ZV_INT32_TYPE);
+}
+
+TEST(ZvTypeCodeTest, UnprintableBytesBecomeSpacesAndZeroEndsTheText)
+{
+	EXPECT_EQ("A  B", Render(0x41201F42));    // 32 and 31 are outside 33..127
+	EXPECT_EQ("A\x7F B", Render(0x417F8042)); // 127 stays, 128 becomes a space
+	EXPECT_EQ("AB", Render(0x41420043));      // a zero byte ends the text
+	EXPECT_EQ("", Render(0));
+	EXPECT_EQ("   !", Render(0x01FFFE21));
+}
+
+} // namespace

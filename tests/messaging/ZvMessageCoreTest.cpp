@@ -1,0 +1,588 @@
+// ZvMessageItem and the core of ZvMessage: lifecycle, copying, merging,
+// names and counts, and the generic data operations.
+#include <ZvMessage.h>
+
+#include "MessageTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+using zvtest::FlatBytes;
+
+uint32 FlagsOf(const ZvMessage& message)
+{
+	// No reader is exported: the flags are the second word of the flat form.
+	std::vector<uint8> bytes = FlatBytes(message);
+	uint32 flags;
+	memcpy(&flags, bytes.data() + 4, 4);
+	return flags;
+}
+
+int32 CountOf(const ZvMessage& message)
+{
+	int32 count = -1;
+	char* name;
+	type_code type;
+	if (!message.GetInfo(ZV_ANY_TYPE, 0, &name, &type, &count))
+		return 0;
+	return count;
+}
+
+// Names and types of all items, in order.
+std::string Layout(const ZvMessage& message)
+{
+	std::string text;
+	char* name;
+	type_code type;
+	int32 count;
+	char code[5];
+	for (int32 i = 0; message.GetInfo(ZV_ANY_TYPE, i, &name, &type, &count); i++)
+		text += std::string(name) + ":" + ZV_TypeCodeString(type, code) + " ";
+	return text;
+}
+
+// ZvMessageItem
+
+TEST(ZvMessageItemTest, DefaultItemIsUnnamedAndEmpty)
+{
+	ZvMessageItem item;
+	EXPECT_EQ(0u, item.type);
+	EXPECT_EQ(0, item.size);
+	EXPECT_EQ(nullptr, item.data);
+	EXPECT_STREQ("@@@Unnamed", item.name);
+}
+
+TEST(ZvMessageItemTest, ConstructorCopiesNameAndData)
+{
+	const char value[] = {1, 2, 3};
+	ZvMessageItem item("field", 0x41424344, 3, value);
+	EXPECT_EQ(0x41424344u, item.type);
+	EXPECT_EQ(3, item.size);
+	ASSERT_NE(nullptr, item.data);
+	EXPECT_NE(static_cast<const void*>(value), static_cast<void*>(item.data));
+	EXPECT_EQ(0, memcmp(value, item.data, 3));
+	EXPECT_STREQ("field", item.name);
+}
+
+TEST(ZvMessageItemTest, NullNameGivesUnnamedAndSizeBelowOneGivesNoBlock)
+{
+	ZvMessageItem item(nullptr, ZV_INT32_TYPE, 0, "abc");
+	EXPECT_STREQ("@@@Unnamed", item.name);
+	EXPECT_EQ(nullptr, item.data);
+	ZvMessageItem negative("n", ZV_INT32_TYPE, -5, "abc");
+	EXPECT_EQ(-5, negative.size);
+	EXPECT_EQ(nullptr, negative.data);
+}
+
+TEST(ZvMessageItemTest, LongNameIsCutToSixtyThreeCharacters)
+{
+	const std::string longName(70, 'z');
+	ZvMessageItem item(longName.c_str(), ZV_BOOL_TYPE, 1, "\1");
+	EXPECT_EQ(std::string(63, 'z'), std::string(item.name));
+}
+
+TEST(ZvMessageItemTest, CopyIsDeep)
+{
+	ZvMessageItem original("copy", ZV_INT16_TYPE, 2, "\x05\x06");
+	ZvMessageItem copy(&original);
+	EXPECT_EQ(original.type, copy.type);
+	EXPECT_EQ(original.size, copy.size);
+	EXPECT_STREQ(original.name, copy.name);
+	ASSERT_NE(original.data, copy.data);
+	EXPECT_EQ(0, memcmp(original.data, copy.data, 2));
+}
+
+TEST(ZvMessageItemTest, SizeIsTheFlatRecordLength)
+{
+	ZvMessageItem item("abc", ZV_INT32_TYPE, 4, "\0\0\0\0");
+	EXPECT_EQ(8 + 3 + 1 + 4, item.Size());
+	ZvMessageItem empty("", ZV_INT32_TYPE, 0, "");
+	EXPECT_EQ(9, empty.Size());
+}
+
+TEST(ZvMessageItemTest, ReplaceDataWithLargerValueGrowsTheBlock)
+{
+	ZvMessageItem item("grow", 0x52415754, 2, "ab");
+	item.ReplaceData(5, "vwxyz");
+	EXPECT_EQ(5, item.size);
+	EXPECT_EQ(0, memcmp("vwxyz", item.data, 5));
+}
+
+TEST(ZvMessageItemTest, ReplaceDataNeverShrinksAndCopiesTheStoredSize)
+{
+	ZvMessageItem item("ten", 0x52415754, 10, "0123456789");
+	const char source[] = "ABCDEFGHIJ";
+	item.ReplaceData(4, source);
+	EXPECT_EQ(10, item.size);
+	EXPECT_EQ(0, memcmp("ABCDEFGHIJ", item.data, 10));
+}
+
+// Construction, copy and assignment
+
+TEST(ZvMessageCoreTest, NewMessageHasWhatAndNoItems)
+{
+	ZvMessage message(0x74657374);
+	EXPECT_EQ(0x74657374u, message.what);
+	EXPECT_TRUE(message.IsEmpty());
+	EXPECT_EQ(0u, FlagsOf(message));
+	EXPECT_EQ(0, message.CountNames(ZV_ANY_TYPE));
+}
+
+TEST(ZvMessageCoreTest, CopyConstructorCopiesItemsButNotFlags)
+{
+	ZvMessage original(7);
+	original.SetFlags(5);
+	original.AddInt32("a", 1);
+	original.AddString("b", "two");
+	ZvMessage copy(original);
+	ZvMessage pointerCopy(&original);
+	for (const ZvMessage* m : {&copy, &pointerCopy}) {
+		EXPECT_EQ(7u, m->what);
+		EXPECT_EQ(0u, FlagsOf(*m));
+		EXPECT_EQ(Layout(original), Layout(*m));
+		int32 value;
+		EXPECT_TRUE(m->FindInt32("a", &value));
+		EXPECT_EQ(1, value);
+	}
+	// Deep: changing the copy leaves the original.
+	copy.ReplaceInt32("a", 99);
+	int32 value;
+	original.FindInt32("a", &value);
+	EXPECT_EQ(1, value);
+}
+
+TEST(ZvMessageCoreTest, AssignmentKeepsOwnFlagsAndReplacesItems)
+{
+	ZvMessage source(1);
+	source.SetFlags(5);
+	source.AddInt32("s", 1);
+	ZvMessage target(2);
+	target.SetFlags(9);
+	target.AddBool("old", true);
+	target = source;
+	EXPECT_EQ(1u, target.what);
+	EXPECT_EQ(9u, FlagsOf(target));
+	EXPECT_EQ("s:SI32 ", Layout(target));
+
+	ZvMessage viaSet(3);
+	viaSet.SetFlags(4);
+	viaSet.Set(&source);
+	EXPECT_EQ(1u, viaSet.what);
+	EXPECT_EQ(4u, FlagsOf(viaSet));
+	EXPECT_EQ("s:SI32 ", Layout(viaSet));
+}
+
+TEST(ZvMessageCoreTest, FlagsSurviveTheFlatFormOnly)
+{
+	ZvMessage message(1);
+	message.SetFlags(5);
+	ZvMessage copied(message);
+	ZvMessage assigned(2);
+	assigned = message;
+	std::vector<uint8> flat = FlatBytes(message);
+	ZvMessage restored(static_cast<const void*>(flat.data()));
+	EXPECT_EQ(0u, FlagsOf(copied));
+	EXPECT_EQ(0u, FlagsOf(assigned));
+	EXPECT_EQ(5u, FlagsOf(restored));
+}
+
+TEST(ZvMessageCoreTest, AssigningToItselfEmptiesItAndKeepsWhat)
+{
+	ZvMessage message(42);
+	message.AddInt32("a", 1);
+	message.AddInt32("b", 2);
+	ZvMessage& self = message;
+	message = self;
+	EXPECT_TRUE(message.IsEmpty());
+	EXPECT_EQ(42u, message.what);
+}
+
+TEST(ZvMessageCoreTest, MakeEmptyKeepsWhatAndFlags)
+{
+	ZvMessage message(42);
+	message.SetFlags(3);
+	for (int i = 0; i < 40; i++)
+		message.AddInt32("n", i);
+	message.MakeEmpty();
+	EXPECT_TRUE(message.IsEmpty());
+	EXPECT_EQ(42u, message.what);
+	EXPECT_EQ(3u, FlagsOf(message));
+	EXPECT_EQ(12, message.FlattenedSize());
+}
+
+// Names, counts and information
+
+TEST(ZvMessageCoreTest, CountNamesCountsDistinctNamesPerType)
+{
+	ZvMessage message(0);
+	message.AddInt32("a", 1);
+	message.AddInt32("a", 2);
+	message.AddInt32("b", 3);
+	message.AddString("a", "x");
+	message.AddString("c", "y");
+	EXPECT_EQ(3, message.CountNames(ZV_ANY_TYPE));
+	EXPECT_EQ(2, message.CountNames(ZV_INT32_TYPE));
+	EXPECT_EQ(2, message.CountNames(ZV_STRING_TYPE));
+	EXPECT_EQ(0, message.CountNames(ZV_DOUBLE_TYPE));
+}
+
+TEST(ZvMessageCoreTest, CountNamesHandlesMoreThanOneListStepOfNames)
+{
+	ZvMessage message(0);
+	for (int i = 0; i < 40; i++) {
+		const std::string name = "name" + std::to_string(i);
+		message.AddInt32(name.c_str(), i);
+		message.AddInt32(name.c_str(), i);
+	}
+	EXPECT_EQ(40, message.CountNames(ZV_INT32_TYPE));
+}
+
+TEST(ZvMessageCoreTest, GetInfoByTypeGivesTheIndexthItemOfThatTypeAndItsCount)
+{
+	ZvMessage message(0);
+	message.AddString("s0", "x");
+	message.AddInt32("i0", 0);
+	message.AddBool("b0", true);
+	message.AddInt32("i1", 1);
+	message.AddInt32("i2", 2);
+	char* name = nullptr;
+	type_code type = 0;
+	int32 count = -1;
+	ASSERT_TRUE(message.GetInfo(ZV_INT32_TYPE, 1, &name, &type, &count));
+	EXPECT_STREQ("i1", name);
+	EXPECT_EQ(ZV_INT32_TYPE, type);
+	EXPECT_EQ(3, count);
+
+	ASSERT_TRUE(message.GetInfo(ZV_ANY_TYPE, 1, &name, &type, &count));
+	EXPECT_STREQ("i0", name);
+	EXPECT_EQ(ZV_INT32_TYPE, type);
+	EXPECT_EQ(5, count);
+}
+
+TEST(ZvMessageCoreTest, GetInfoByTypePointsIntoTheItemsName)
+{
+	ZvMessage message(0);
+	message.AddInt32("field", 1);
+	char* name = nullptr;
+	ASSERT_TRUE(message.GetInfo(ZV_INT32_TYPE, 0, &name, nullptr, nullptr));
+	ZvMessageItem* item = nullptr;
+	ASSERT_TRUE(message._FindData("field", ZV_INT32_TYPE, 0, &item));
+	EXPECT_EQ(item->name, name);
+}
+
+TEST(ZvMessageCoreTest, GetInfoByTypeFailsWithCountZero)
+{
+	ZvMessage empty(0);
+	int32 count = -1;
+	EXPECT_FALSE(empty.GetInfo(ZV_INT32_TYPE, 0, nullptr, nullptr, &count));
+	EXPECT_EQ(0, count);
+
+	ZvMessage message(0);
+	message.AddInt32("a", 1);
+	count = -1;
+	EXPECT_FALSE(message.GetInfo(ZV_INT32_TYPE, 1, nullptr, nullptr, &count));
+	EXPECT_EQ(0, count);
+	count = -1;
+	EXPECT_FALSE(message.GetInfo(ZV_INT32_TYPE, -1, nullptr, nullptr, &count));
+	EXPECT_EQ(0, count);
+	count = -1;
+	EXPECT_FALSE(message.GetInfo(ZV_ANY_TYPE, 1, nullptr, nullptr, &count));
+	EXPECT_EQ(0, count);
+	count = -1;
+	EXPECT_FALSE(message.GetInfo(ZV_ANY_TYPE, -1, nullptr, nullptr, &count));
+	EXPECT_EQ(0, count);
+	EXPECT_FALSE(message.GetInfo(ZV_DOUBLE_TYPE, 0, nullptr, nullptr, nullptr));
+}
+
+TEST(ZvMessageCoreTest, GetInfoByNameGivesFirstTypeAndCountOfAllTypes)
+{
+	ZvMessage message(0);
+	message.AddBool("other", true);
+	message.AddString("n", "x");
+	message.AddInt32("n", 1);
+	message.AddInt32("n", 2);
+	type_code type = 0;
+	int32 count = -1;
+	ASSERT_TRUE(message.GetInfo("n", &type, &count));
+	EXPECT_EQ(ZV_STRING_TYPE, type);
+	EXPECT_EQ(3, count);
+
+	count = -1;
+	EXPECT_FALSE(message.GetInfo("missing", &type, &count));
+	EXPECT_EQ(0, count);
+	count = -1;
+	EXPECT_FALSE(message.GetInfo(static_cast<const char*>(nullptr), &type, &count));
+	EXPECT_EQ(0, count);
+	ZvMessage empty(0);
+	count = -1;
+	EXPECT_FALSE(empty.GetInfo("n", &type, &count));
+	EXPECT_EQ(0, count);
+}
+
+// Removal
+
+TEST(ZvMessageCoreTest, RemoveNameDeletesEveryItemOfThatNameWhateverItsType)
+{
+	ZvMessage message(0);
+	message.AddInt32("x", 1);
+	message.AddInt32("keep", 2);
+	message.AddString("x", "s");
+	message.AddBool("x", true);
+	message.AddInt32("keep", 3);
+	EXPECT_TRUE(message.RemoveName("x"));
+	EXPECT_EQ("keep:SI32 keep:SI32 ", Layout(message));
+	EXPECT_FALSE(message.RemoveName("x"));
+	EXPECT_FALSE(message.RemoveName(nullptr));
+}
+
+TEST(ZvMessageCoreTest, RemoveDataIndexCountsAcrossTypes)
+{
+	ZvMessage message(0);
+	message.AddInt32("v", 1);
+	message.AddString("v", "text");
+	EXPECT_TRUE(message.RemoveData("v", 1));
+	EXPECT_FALSE(message.HasString("v", 0));
+	EXPECT_TRUE(message.HasInt32("v", 0));
+	EXPECT_EQ("v:SI32 ", Layout(message));
+}
+
+TEST(ZvMessageCoreTest, RemoveDataRefusesNullNameNegativeIndexAndMissingItem)
+{
+	ZvMessage message(0);
+	message.AddInt32("v", 1);
+	EXPECT_FALSE(message.RemoveData(nullptr, 0));
+	EXPECT_FALSE(message.RemoveData("v", -1));
+	EXPECT_FALSE(message.RemoveData("v", 1));
+	EXPECT_FALSE(message.RemoveData("w", 0));
+	EXPECT_EQ(1, CountOf(message));
+}
+
+// Operators
+
+TEST(ZvMessageCoreTest, PlusAppendsTheOtherItemsAfterOwnAndClearsFlags)
+{
+	ZvMessage left(1);
+	left.SetFlags(8);
+	left.AddInt32("a", 1);
+	left.AddInt32("shared", 2);
+	ZvMessage right(2);
+	right.AddInt32("shared", 3);
+	right.AddBool("b", true);
+	ZvMessage sum = left + right;
+	EXPECT_EQ(1u, sum.what);
+	EXPECT_EQ(0u, FlagsOf(sum));
+	EXPECT_EQ("a:SI32 shared:SI32 shared:SI32 b:BOOL ", Layout(sum));
+	int32 value;
+	ASSERT_TRUE(sum.FindInt32("shared", 1, &value));
+	EXPECT_EQ(3, value);
+	EXPECT_EQ(2, CountOf(left));
+}
+
+TEST(ZvMessageCoreTest, PlusWithItselfHoldsEveryItemTwice)
+{
+	ZvMessage message(1);
+	message.AddInt32("a", 1);
+	message.AddString("b", "x");
+	ZvMessage twice = message + message;
+	EXPECT_EQ("a:SI32 b:CPTR a:SI32 b:CPTR ", Layout(twice));
+	EXPECT_EQ(2, CountOf(message));
+}
+
+TEST(ZvMessageCoreTest, PlusEqualsAppendsAndKeepsWhatAndFlags)
+{
+	ZvMessage left(1);
+	left.SetFlags(6);
+	left.AddInt32("a", 1);
+	ZvMessage right(2);
+	right.SetFlags(7);
+	right.AddInt32("a", 2);
+	ZvMessage& result = (left += right);
+	EXPECT_EQ(&left, &result);
+	EXPECT_EQ(1u, left.what);
+	EXPECT_EQ(6u, FlagsOf(left));
+	EXPECT_EQ("a:SI32 a:SI32 ", Layout(left));
+}
+
+TEST(ZvMessageCoreTest, MinusRemovesTheNameFromACopy)
+{
+	ZvMessage message(1);
+	message.SetFlags(2);
+	message.AddInt32("a", 1);
+	message.AddInt32("b", 2);
+	message.AddString("a", "x");
+	ZvMessage difference = message - "a";
+	EXPECT_EQ("b:SI32 ", Layout(difference));
+	EXPECT_EQ(0u, FlagsOf(difference));
+	EXPECT_EQ(3, CountOf(message));
+
+	ZvMessage& result = (message -= "a");
+	EXPECT_EQ(&message, &result);
+	EXPECT_EQ("b:SI32 ", Layout(message));
+	EXPECT_EQ(2u, FlagsOf(message));
+}
+
+// Generic data operations
+
+TEST(ZvMessageCoreTest, AddDataRefusesTheWildcardAndNullData)
+{
+	ZvMessage message(0);
+	EXPECT_FALSE(message.AddData("x", ZV_ANY_TYPE, "abcd", 4));
+	EXPECT_FALSE(message.AddData("x", ZV_INT32_TYPE, nullptr, 4));
+	EXPECT_TRUE(message.IsEmpty());
+	EXPECT_TRUE(message._AddData("x", ZV_ANY_TYPE, 4, "abcd"));
+	EXPECT_FALSE(message._AddData("x", ZV_INT32_TYPE, 4, nullptr));
+	EXPECT_EQ("x:ANYT ", Layout(message));
+}
+
+TEST(ZvMessageCoreTest, AddDataWithSizeBelowOneMakesAnItemWithoutBlock)
+{
+	ZvMessage message(0);
+	EXPECT_TRUE(message.AddData("empty", 0x52415754, "", 0));
+	const void* data = reinterpret_cast<const void*>(1);
+	int32 size = -1;
+	ASSERT_TRUE(message.FindData("empty", 0x52415754, &data, &size));
+	EXPECT_EQ(nullptr, data);
+	EXPECT_EQ(0, size);
+}
+
+TEST(ZvMessageCoreTest, FindDataHandsBackTheItemsOwnBlock)
+{
+	ZvMessage message(0);
+	message.AddData("raw", 0x52415754, "hello", 5);
+	const void* data = nullptr;
+	int32 size = 0;
+	ASSERT_TRUE(message.FindData("raw", 0x52415754, 0, &data, &size));
+	EXPECT_EQ(5, size);
+	ZvMessageItem* item = nullptr;
+	ASSERT_TRUE(message._FindData("raw", 0x52415754, 0, &item));
+	EXPECT_EQ(item->data, data);
+	// The size pointer is optional.
+	EXPECT_TRUE(message.FindData("raw", ZV_ANY_TYPE, &data, nullptr));
+}
+
+TEST(ZvMessageCoreTest, FindDataFailsOnNullOutNullNameAndMissingMatch)
+{
+	ZvMessage message(0);
+	message.AddData("raw", 0x52415754, "hello", 5);
+	const void* data = nullptr;
+	ZvMessageItem* item = nullptr;
+	EXPECT_FALSE(message.FindData("raw", 0x52415754, nullptr, nullptr));
+	EXPECT_FALSE(message.FindData(nullptr, 0x52415754, &data, nullptr));
+	EXPECT_FALSE(message.FindData("raw", ZV_INT32_TYPE, &data, nullptr));
+	EXPECT_FALSE(message.FindData("raw", 0x52415754, 1, &data, nullptr));
+	EXPECT_FALSE(message.FindData("raw", 0x52415754, -1, &data, nullptr));
+	EXPECT_FALSE(message._FindData(nullptr, 0x52415754, 0, &item));
+	EXPECT_FALSE(message._FindData("raw", 0x52415754, 0, nullptr));
+}
+
+TEST(ZvMessageCoreTest, MatchingIsCaseSensitiveWholeNameAndCountsInOrder)
+{
+	ZvMessage message(0);
+	message.AddInt32("Name", 1);
+	message.AddInt32("name", 2);
+	message.AddString("name", "between");
+	message.AddInt32("name", 3);
+	message.AddInt32("names", 4);
+	const void* data;
+	ASSERT_TRUE(message.FindData("name", ZV_INT32_TYPE, 1, &data, nullptr));
+	EXPECT_EQ(3, *static_cast<const int32*>(data));
+	ASSERT_TRUE(message.FindData("name", ZV_ANY_TYPE, 1, &data, nullptr));
+	EXPECT_STREQ("between", static_cast<const char*>(data));
+	EXPECT_FALSE(message.HasData("nam", ZV_ANY_TYPE, 0));
+	EXPECT_FALSE(message.HasData("NAME", ZV_ANY_TYPE, 0));
+	EXPECT_TRUE(message.HasData("Name", ZV_ANY_TYPE, 0));
+}
+
+TEST(ZvMessageCoreTest, SeventyCharacterNameIsStoredCutAndTheFullNameFindsNothing)
+{
+	const std::string longName(70, 'n');
+	ZvMessage message(0);
+	ASSERT_TRUE(message.AddInt32(longName.c_str(), 9));
+	int32 value = 0;
+	EXPECT_FALSE(message.FindInt32(longName.c_str(), &value));
+	EXPECT_TRUE(message.FindInt32(longName.substr(0, 63).c_str(), &value));
+	EXPECT_EQ(9, value);
+}
+
+TEST(ZvMessageCoreTest, NullNameAddsUnnamed)
+{
+	ZvMessage message(0);
+	ASSERT_TRUE(message.AddInt32(nullptr, 5));
+	int32 value = 0;
+	EXPECT_TRUE(message.FindInt32("@@@Unnamed", &value));
+	EXPECT_EQ(5, value);
+}
+
+TEST(ZvMessageCoreTest, ReplaceDataOfTenBytesWithFourKeepsTenAndCopiesTen)
+{
+	ZvMessage message(0);
+	message.AddData("raw", 0x52415754, "0123456789", 10);
+	const char source[] = "abcdefghij";
+	ASSERT_TRUE(message.ReplaceData("raw", 0x52415754, source, 4));
+	const void* data;
+	int32 size;
+	ASSERT_TRUE(message.FindData("raw", 0x52415754, &data, &size));
+	EXPECT_EQ(10, size);
+	EXPECT_EQ(0, memcmp("abcdefghij", data, 10));
+}
+
+TEST(ZvMessageCoreTest, ReplaceDataWithLargerValueGrowsTheItem)
+{
+	ZvMessage message(0);
+	message.AddData("raw", 0x52415754, "ab", 2);
+	ASSERT_TRUE(message._ReplaceData("raw", ZV_ANY_TYPE, 0, 6, "uvwxyz"));
+	const void* data;
+	int32 size;
+	ASSERT_TRUE(message.FindData("raw", 0x52415754, &data, &size));
+	EXPECT_EQ(6, size);
+	EXPECT_EQ(0, memcmp("uvwxyz", data, 6));
+}
+
+TEST(ZvMessageCoreTest, ReplaceDataRefusesNullDataNullNameAndMissingMatch)
+{
+	ZvMessage message(0);
+	message.AddData("raw", 0x52415754, "ab", 2);
+	EXPECT_FALSE(message.ReplaceData("raw", 0x52415754, nullptr, 2));
+	EXPECT_FALSE(message.ReplaceData(nullptr, 0x52415754, "cd", 2));
+	EXPECT_FALSE(message.ReplaceData("raw", 0x52415754, 1, "cd", 2));
+	EXPECT_FALSE(message._ReplaceData("raw", ZV_INT32_TYPE, 0, 2, "cd"));
+	const void* data;
+	ASSERT_TRUE(message.FindData("raw", 0x52415754, &data, nullptr));
+	EXPECT_EQ(0, memcmp("ab", data, 2));
+}
+
+TEST(ZvMessageCoreTest, HasDataIsFalseOnEmptyMessageNegativeIndexAndNullName)
+{
+	ZvMessage message(0);
+	EXPECT_FALSE(message.HasData("a", ZV_ANY_TYPE, 0));
+	message.AddInt32("a", 1);
+	EXPECT_TRUE(message.HasData("a", ZV_ANY_TYPE, 0));
+	EXPECT_TRUE(message._HasData("a", ZV_INT32_TYPE, 0));
+	EXPECT_FALSE(message.HasData("a", ZV_ANY_TYPE, -1));
+	EXPECT_FALSE(message.HasData("a", ZV_ANY_TYPE, 1));
+	EXPECT_FALSE(message._HasData(nullptr, ZV_ANY_TYPE, 0));
+}
+
+TEST(ZvMessageCoreTest, ManyItemsGrowAndShrinkTheItemList)
+{
+	ZvMessage message(0);
+	for (int i = 0; i < 500; i++)
+		message.AddInt32("n", i);
+	for (int i = 0; i < 500; i += 7) {
+		int32 value;
+		ASSERT_TRUE(message.FindInt32("n", i, &value));
+		ASSERT_EQ(i, value);
+	}
+	for (int i = 0; i < 490; i++)
+		ASSERT_TRUE(message.RemoveData("n", 0));
+	int32 value;
+	ASSERT_TRUE(message.FindInt32("n", 0, &value));
+	EXPECT_EQ(490, value);
+	EXPECT_EQ(10, CountOf(message));
+}
+
+} // namespace
