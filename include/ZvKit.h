@@ -31,5 +31,6 @@
 
 // Graphics helpers.
 #include <ZvColor.h>
+#include <ZvScreen.h>
 
 #endif // _ZVKIT_H
