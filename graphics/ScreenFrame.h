@@ -24,7 +24,7 @@ inline int32 zv_truncate_coordinate(float value)
 inline ZvRect<int32> zv_truncate_frame(const BRect& frame)
 {
 	return ZvRect<int32>{zv_truncate_coordinate(frame.left), zv_truncate_coordinate(frame.top),
-		zv_truncate_coordinate(frame.right), zv_truncate_coordinate(frame.bottom)};
+	                     zv_truncate_coordinate(frame.right), zv_truncate_coordinate(frame.bottom)};
 }
 
 #endif // _ZV_SCREEN_FRAME_H

@@ -4,15 +4,9 @@
 
 #include "ScreenFrame.h"
 
-ZvScreen::ZvScreen()
-	:
-	BScreen(B_MAIN_SCREEN_ID)
-{
-}
+ZvScreen::ZvScreen() : BScreen(B_MAIN_SCREEN_ID) {}
 
-ZvScreen::~ZvScreen()
-{
-}
+ZvScreen::~ZvScreen() {}
 
 ZvRect<int32> ZvScreen::Frame()
 {

@@ -19,7 +19,8 @@
 #include <ZvExport.h>
 #include <ZvGeometry.h>
 
-class ZV_EXPORT ZvScreen : public BScreen {
+class ZV_EXPORT ZvScreen : public BScreen
+{
 public:
 	ZvScreen();
 	~ZvScreen();

@@ -18,7 +18,8 @@
 
 namespace zvtest {
 
-class DisplayOverride {
+class DisplayOverride
+{
 public:
 	// A null `display` removes DISPLAY from the environment.
 	explicit DisplayOverride(const char* display)
@@ -70,10 +71,10 @@ inline const char* RealDisplayUnavailable()
 {
 	if (TestDisplay() == nullptr)
 		return "ZVKIT_TEST_DISPLAY is not set: no X server to test against "
-			   "(scripts/test-all.sh starts one)";
+		       "(scripts/test-all.sh starts one)";
 	if (!X11Loadable())
 		return "libX11.so.6 cannot be loaded by this build (for example i386 on a 64-bit "
-			   "host): screens are never valid here";
+		       "host): screens are never valid here";
 	return nullptr;
 }
 

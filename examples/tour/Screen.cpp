@@ -14,15 +14,15 @@ void ShowScreen()
 	ZvScreen screen;
 	if (!screen.IsValid()) {
 		std::printf("No display is reachable (DISPLAY=%s): the screen is not valid.\n",
-			display != NULL ? display : "(unset)");
+		            display != NULL ? display : "(unset)");
 	} else {
 		std::printf("Main screen of X display %s:\n", display);
 	}
 	ZvRect<int32> frame = screen.Frame();
 	std::printf("  Frame() = {%d, %d, %d, %d}, %d x %d pixels\n", static_cast<int>(frame.left),
-		static_cast<int>(frame.top), static_cast<int>(frame.right),
-		static_cast<int>(frame.bottom), static_cast<int>(frame.Width() + 1),
-		static_cast<int>(frame.Height() + 1));
+	            static_cast<int>(frame.top), static_cast<int>(frame.right),
+	            static_cast<int>(frame.bottom), static_cast<int>(frame.Width() + 1),
+	            static_cast<int>(frame.Height() + 1));
 }
 
 } // namespace

@@ -63,8 +63,8 @@ TEST(ZvScreenFrameTest, FractionsAreTruncatedTowardZeroNotRounded)
 TEST(ZvScreenFrameTest, CoordinatesOutsideTheInt32RangeSaturate)
 {
 	const float nan = std::numeric_limits<float>::quiet_NaN();
-	ExpectFrame(zv_truncate_frame(BRect(nan, 1e20f, -1e20f, 3.0f)), 0, 2147483647,
-		-2147483647 - 1, 3);
+	ExpectFrame(zv_truncate_frame(BRect(nan, 1e20f, -1e20f, 3.0f)), 0, 2147483647, -2147483647 - 1,
+	            3);
 }
 
 } // namespace

@@ -17,12 +17,14 @@ namespace {
 using namespace std::chrono_literals;
 
 // The parameter is the benaphore style flag.
-class BLockerTest : public ::testing::TestWithParam<bool> {};
+class BLockerTest : public ::testing::TestWithParam<bool>
+{
+};
 
 INSTANTIATE_TEST_SUITE_P(Styles, BLockerTest, ::testing::Values(true, false),
-	[](const ::testing::TestParamInfo<bool>& info) {
-		return info.param ? "Benaphore" : "Semaphore";
-	});
+                         [](const ::testing::TestParamInfo<bool>& info) {
+	                         return info.param ? "Benaphore" : "Semaphore";
+                         });
 
 TEST_P(BLockerTest, StartsUnlockedWithASemaphore)
 {

@@ -27,13 +27,11 @@ const uint32 kOther = 0x4F544852; // 'OTHR'
 // Records what it receives: the command, an "index" field, the thread and
 // whether the looper was locked by that thread. Counts down `latch` on every
 // message whose what is `countOn`.
-class RecordingHandler : public BHandler {
+class RecordingHandler : public BHandler
+{
 public:
 	RecordingHandler(const char* name = "recorder", uint32 countOn = kTick, int expected = 1)
-		:
-		BHandler(name),
-		fCountOn(countOn),
-		fLatch(expected)
+	    : BHandler(name), fCountOn(countOn), fLatch(expected)
 	{
 	}
 
@@ -67,14 +65,13 @@ private:
 
 // A looper that records what reaches its own MessageReceived, reports its
 // destruction, and answers QuitRequested as told.
-class TestLooper : public BLooper {
+class TestLooper : public BLooper
+{
 public:
 	TestLooper(std::atomic<bool>* deleted = NULL, thread_id* deletedIn = NULL,
-		int32 capacity = B_LOOPER_PORT_DEFAULT_CAPACITY)
-		:
-		BLooper("test looper", B_NORMAL_PRIORITY, capacity),
-		fDeleted(deleted),
-		fDeletedIn(deletedIn)
+	           int32 capacity = B_LOOPER_PORT_DEFAULT_CAPACITY)
+	    : BLooper("test looper", B_NORMAL_PRIORITY, capacity), fDeleted(deleted),
+	      fDeletedIn(deletedIn)
 	{
 	}
 
@@ -266,7 +263,8 @@ TEST(BLooperTest, QuitFromAnotherThreadWaitsUntilTheLooperIsDeletedInItsThread)
 TEST(BLooperTest, QuitFromAHandlerEndsTheLoopAfterTheCurrentMessage)
 {
 	zvtest::Watchdog watchdog(30s, "quit from inside");
-	class QuittingHandler : public BHandler {
+	class QuittingHandler : public BHandler
+	{
 	public:
 		void MessageReceived(BMessage* message) override
 		{
@@ -410,7 +408,8 @@ TEST(BLooperTest, HandlerNamesAndLockLooper)
 TEST(BLooperTest, AHandlerMayPostToItsOwnLooperWhileHandling)
 {
 	zvtest::Watchdog watchdog(30s, "post from handler");
-	class EchoHandler : public BHandler {
+	class EchoHandler : public BHandler
+	{
 	public:
 		void MessageReceived(BMessage* message) override
 		{

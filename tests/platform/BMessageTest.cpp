@@ -13,14 +13,15 @@ namespace {
 // A four-character code, most significant byte first.
 constexpr uint32 Code(const char (&text)[5])
 {
-	return static_cast<uint32>(static_cast<uint8>(text[0])) << 24
-		| static_cast<uint32>(static_cast<uint8>(text[1])) << 16
-		| static_cast<uint32>(static_cast<uint8>(text[2])) << 8 | static_cast<uint8>(text[3]);
+	return static_cast<uint32>(static_cast<uint8>(text[0])) << 24 |
+	       static_cast<uint32>(static_cast<uint8>(text[1])) << 16 |
+	       static_cast<uint32>(static_cast<uint8>(text[2])) << 8 | static_cast<uint8>(text[3]);
 }
 
 // One traits class per typed family: its type code, two distinct values and
 // the family's members.
-struct BoolFamily {
+struct BoolFamily
+{
 	typedef bool Value;
 	static constexpr type_code kType = B_BOOL_TYPE;
 	static Value First() { return true; }
@@ -39,7 +40,8 @@ struct BoolFamily {
 	static bool Has(const BMessage& m, const char* n, int32 i) { return m.HasBool(n, i); }
 };
 
-struct Int8Family {
+struct Int8Family
+{
 	typedef int8 Value;
 	static constexpr type_code kType = B_INT8_TYPE;
 	static Value First() { return -7; }
@@ -58,7 +60,8 @@ struct Int8Family {
 	static bool Has(const BMessage& m, const char* n, int32 i) { return m.HasInt8(n, i); }
 };
 
-struct Int16Family {
+struct Int16Family
+{
 	typedef int16 Value;
 	static constexpr type_code kType = B_INT16_TYPE;
 	static Value First() { return -30000; }
@@ -77,7 +80,8 @@ struct Int16Family {
 	static bool Has(const BMessage& m, const char* n, int32 i) { return m.HasInt16(n, i); }
 };
 
-struct Int32Family {
+struct Int32Family
+{
 	typedef int32 Value;
 	static constexpr type_code kType = B_INT32_TYPE;
 	static Value First() { return -2000000000; }
@@ -96,7 +100,8 @@ struct Int32Family {
 	static bool Has(const BMessage& m, const char* n, int32 i) { return m.HasInt32(n, i); }
 };
 
-struct Int64Family {
+struct Int64Family
+{
 	typedef int64 Value;
 	static constexpr type_code kType = B_INT64_TYPE;
 	static Value First() { return -9000000000000000000LL; }
@@ -115,7 +120,8 @@ struct Int64Family {
 	static bool Has(const BMessage& m, const char* n, int32 i) { return m.HasInt64(n, i); }
 };
 
-struct FloatFamily {
+struct FloatFamily
+{
 	typedef float Value;
 	static constexpr type_code kType = B_FLOAT_TYPE;
 	static Value First() { return 1.5f; }
@@ -134,16 +140,14 @@ struct FloatFamily {
 	static bool Has(const BMessage& m, const char* n, int32 i) { return m.HasFloat(n, i); }
 };
 
-struct DoubleFamily {
+struct DoubleFamily
+{
 	typedef double Value;
 	static constexpr type_code kType = B_DOUBLE_TYPE;
 	static Value First() { return 3.141592653589793; }
 	static Value Second() { return -1e300; }
 	static status_t Add(BMessage& m, const char* n, Value v) { return m.AddDouble(n, v); }
-	static status_t Find(const BMessage& m, const char* n, Value* v)
-	{
-		return m.FindDouble(n, v);
-	}
+	static status_t Find(const BMessage& m, const char* n, Value* v) { return m.FindDouble(n, v); }
 	static status_t Find(const BMessage& m, const char* n, int32 i, Value* v)
 	{
 		return m.FindDouble(n, i, v);
@@ -158,24 +162,19 @@ struct DoubleFamily {
 
 int sPointees[2];
 
-struct PointerFamily {
+struct PointerFamily
+{
 	typedef void* Value;
 	static constexpr type_code kType = B_POINTER_TYPE;
 	static Value First() { return &sPointees[0]; }
 	static Value Second() { return &sPointees[1]; }
 	static status_t Add(BMessage& m, const char* n, Value v) { return m.AddPointer(n, v); }
-	static status_t Find(const BMessage& m, const char* n, Value* v)
-	{
-		return m.FindPointer(n, v);
-	}
+	static status_t Find(const BMessage& m, const char* n, Value* v) { return m.FindPointer(n, v); }
 	static status_t Find(const BMessage& m, const char* n, int32 i, Value* v)
 	{
 		return m.FindPointer(n, i, v);
 	}
-	static status_t Replace(BMessage& m, const char* n, Value v)
-	{
-		return m.ReplacePointer(n, v);
-	}
+	static status_t Replace(BMessage& m, const char* n, Value v) { return m.ReplacePointer(n, v); }
 	static status_t Replace(BMessage& m, const char* n, int32 i, Value v)
 	{
 		return m.ReplacePointer(n, i, v);
@@ -183,12 +182,13 @@ struct PointerFamily {
 	static bool Has(const BMessage& m, const char* n, int32 i) { return m.HasPointer(n, i); }
 };
 
-template<typename Family>
-class BMessageTypedTest : public ::testing::Test {};
+template <typename Family> class BMessageTypedTest : public ::testing::Test
+{
+};
 
-typedef ::testing::Types<BoolFamily, Int8Family, Int16Family, Int32Family, Int64Family,
-	FloatFamily, DoubleFamily, PointerFamily>
-	Families;
+typedef ::testing::Types<BoolFamily, Int8Family, Int16Family, Int32Family, Int64Family, FloatFamily,
+                         DoubleFamily, PointerFamily>
+    Families;
 TYPED_TEST_SUITE(BMessageTypedTest, Families);
 
 TYPED_TEST(BMessageTypedTest, AddedValuesAreFoundByIndexInOrder)

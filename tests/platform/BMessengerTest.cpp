@@ -30,7 +30,8 @@ const uint32 kSelf = 0x53454C46;   // 'SELF'
 // Answers kAsk with kAnswer carrying the question's "value" doubled, leaves
 // kSilent unanswered, blocks on kBlock until released, and tries a
 // synchronous send to its own looper on kSelf.
-class Responder : public BHandler {
+class Responder : public BHandler
+{
 public:
 	Responder() : BHandler("responder") {}
 
@@ -42,28 +43,28 @@ public:
 			fThreads.push_back(find_thread(NULL));
 		}
 		switch (message->what) {
-			case kAsk: {
-				int32 value = 0;
-				message->FindInt32("value", &value);
-				fWasWaiting = message->IsSourceWaiting();
-				BMessage answer(kAnswer);
-				answer.AddInt32("value", value * 2);
-				fReplyStatus = message->SendReply(&answer);
-				fSecondReplyStatus = message->SendReply(kAnswer);
-				break;
-			}
-			case kBlock:
-				fBlocked.CountDown();
-				fRelease.WaitFor(20s);
-				break;
-			case kSelf: {
-				BMessenger self(this);
-				BMessage reply;
-				fSelfStatus = self.SendMessage(kAsk, &reply);
-				break;
-			}
-			default:
-				break;
+		case kAsk: {
+			int32 value = 0;
+			message->FindInt32("value", &value);
+			fWasWaiting = message->IsSourceWaiting();
+			BMessage answer(kAnswer);
+			answer.AddInt32("value", value * 2);
+			fReplyStatus = message->SendReply(&answer);
+			fSecondReplyStatus = message->SendReply(kAnswer);
+			break;
+		}
+		case kBlock:
+			fBlocked.CountDown();
+			fRelease.WaitFor(20s);
+			break;
+		case kSelf: {
+			BMessenger self(this);
+			BMessage reply;
+			fSelfStatus = self.SendMessage(kAsk, &reply);
+			break;
+		}
+		default:
+			break;
 		}
 		fReceived.CountDown();
 	}
@@ -81,7 +82,8 @@ public:
 };
 
 // A running looper with one Responder, quit at the end of the test.
-class BMessengerTest : public ::testing::Test {
+class BMessengerTest : public ::testing::Test
+{
 protected:
 	void SetUp() override
 	{
@@ -220,6 +222,8 @@ TEST_F(BMessengerTest, ASynchronousSendReturnsTheTargetsReply)
 	int32 value = 0;
 	EXPECT_EQ(B_OK, reply.FindInt32("value", &value));
 	EXPECT_EQ(42, value);
+	// The handler records its reply results after the answer was sent.
+	ASSERT_TRUE(fResponder.fReceived.WaitFor(20s));
 	EXPECT_TRUE(fResponder.fWasWaiting.load());
 	EXPECT_EQ(B_OK, fResponder.fReplyStatus.load());
 	EXPECT_EQ(B_DUPLICATE_REPLY, fResponder.fSecondReplyStatus.load());
@@ -288,7 +292,8 @@ TEST_F(BMessengerTest, AQuitRequestSentSynchronouslyRepliesTheDecision)
 TEST_F(BMessengerTest, RepliesGoToTheReplyHandlerNamedWhenPosting)
 {
 	// A second looper collects the answer.
-	class Collector : public BHandler {
+	class Collector : public BHandler
+	{
 	public:
 		void MessageReceived(BMessage* message) override
 		{
@@ -316,6 +321,7 @@ TEST_F(BMessengerTest, RepliesGoToTheReplyHandlerNamedWhenPosting)
 	EXPECT_EQ(kAnswer, collector.fWhat.load());
 	EXPECT_EQ(10, collector.fValue.load());
 	EXPECT_EQ(otherThread, collector.fThread.load());
+	ASSERT_TRUE(fResponder.fReceived.WaitFor(20s));
 	EXPECT_FALSE(fResponder.fWasWaiting.load());
 	EXPECT_EQ(B_OK, fResponder.fReplyStatus.load());
 
@@ -379,8 +385,8 @@ TEST(BMessengerConcurrencyTest, ManySendersGetTheirOwnAnswers)
 				question.AddInt32("value", value);
 				BMessage reply;
 				int32 answer = -1;
-				if (messenger.SendMessage(&question, &reply) != B_OK
-					|| reply.FindInt32("value", &answer) != B_OK || answer != value * 2)
+				if (messenger.SendMessage(&question, &reply) != B_OK ||
+				    reply.FindInt32("value", &answer) != B_OK || answer != value * 2)
 					wrong++;
 			}
 		});
