@@ -22,15 +22,28 @@
 #include <ZvTypeCodes.h>
 
 // Looper framework.
+#include <ZvHandler.h>
+#include <ZvLooper.h>
+#include <ZvMessageQueue.h>
+#include <ZvMessenger.h>
 
 // Data subscription.
+#include <ZvDataLinker.h>
+#include <ZvDataRegistry.h>
+#include <ZvDataSubscriber.h>
 
 // Text.
+#include <UTFString.h>
+#include <ZvRString.h>
+#include <ZvUTF8.h>
 
 // Numeric helpers.
+#include <ZvEvaluate.h>
+#include <ZvResize.h>
 
 // Graphics helpers.
 #include <ZvColor.h>
 #include <ZvScreen.h>
+#include <ZvTransform.h>
 
 #endif // _ZVKIT_H
