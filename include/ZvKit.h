@@ -22,8 +22,15 @@
 #include <ZvTypeCodes.h>
 
 // Looper framework.
+#include <ZvHandler.h>
+#include <ZvLooper.h>
+#include <ZvMessageQueue.h>
+#include <ZvMessenger.h>
 
 // Data subscription.
+#include <ZvDataLinker.h>
+#include <ZvDataRegistry.h>
+#include <ZvDataSubscriber.h>
 
 // Text.
 
