@@ -33,6 +33,9 @@
 #include <ZvDataSubscriber.h>
 
 // Text.
+#include <UTFString.h>
+#include <ZvRString.h>
+#include <ZvUTF8.h>
 
 // Numeric helpers.
 #include <ZvEvaluate.h>
