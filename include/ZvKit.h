@@ -22,6 +22,10 @@
 #include <ZvTypeCodes.h>
 
 // Looper framework.
+#include <ZvHandler.h>
+#include <ZvLooper.h>
+#include <ZvMessageQueue.h>
+#include <ZvMessenger.h>
 
 // Data subscription.
 #include <ZvDataLinker.h>
@@ -29,6 +33,9 @@
 #include <ZvDataSubscriber.h>
 
 // Text.
+#include <UTFString.h>
+#include <ZvRString.h>
+#include <ZvUTF8.h>
 
 // Numeric helpers.
 #include <ZvEvaluate.h>

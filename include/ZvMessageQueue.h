@@ -1,0 +1,64 @@
+// ZvMessageQueue.h: a looper's inbox.
+//
+// A first-in first-out queue of ZvMessage pointers, guarded by its own
+// recursive lock (the ZvLocker base), with a soft bound on its length kept
+// by a semaphore named "_item_limit" (count 1 at the start):
+//
+//  - AddMessage blocks only while the queue holds more than the limit; the
+//    first adder that finds it over the limit passes on the semaphore's
+//    initial unit;
+//  - each RemoveMessage that leaves the queue at or above the limit lets one
+//    blocked adder through, which then appends whatever the count.
+//
+// Ownership: the queue owns the messages it holds; RemoveMessage hands the
+// oldest one to the caller. Messages still queued when the queue is destroyed
+// are deleted with it.
+//
+// Thread safety: any number of threads may add and remove at once.
+// CountItems and IsEmpty read without locking (a snapshot). Destroying the
+// queue while a thread is still inside AddMessage is the caller's error.
+#ifndef _ZV_MESSAGE_QUEUE_H
+#define _ZV_MESSAGE_QUEUE_H
+
+#include <SupportDefs.h>
+
+#include <ZvExport.h>
+#include <ZvList.h>
+#include <ZvLocker.h>
+
+#include <atomic>
+
+class ZvMessage;
+
+class ZV_EXPORT ZvMessageQueue : public ZvLocker
+{
+public:
+	explicit ZvMessageQueue(int32 limit);
+	// Kills the lock, deletes "_item_limit", then deletes the messages still
+	// queued, oldest first.
+	virtual ~ZvMessageQueue();
+
+	// Appends message and takes ownership of it. When the queue's lock
+	// cannot be taken the message is neither queued nor deleted (it stays
+	// the caller's).
+	void AddMessage(ZvMessage* message);
+	// As AddMessage, and tells whether the message was queued: on false the
+	// caller still owns it and must delete it.
+	bool TryAddMessage(ZvMessage* message);
+	// The oldest message, now owned by the caller; null when the queue is
+	// empty or its lock could not be taken.
+	ZvMessage* RemoveMessage();
+
+	int32 CountItems() const;
+	bool IsEmpty() const;
+
+private:
+	ZvList<ZvMessage*> fMessages;
+	uint32 fLimitSem;
+	int32 fLimit;
+	// Mirror of fMessages.count, written under the queue's lock, so that
+	// CountItems and IsEmpty can be read from any thread without a lock.
+	std::atomic<int32> fCount;
+};
+
+#endif // _ZV_MESSAGE_QUEUE_H

@@ -1,0 +1,393 @@
+// ZvLooper: a message loop in a thread of its own, which deletes the looper
+// when the loop ends.
+
+#include <ZvLooper.h>
+
+#include <ZvMessage.h>
+#include <ZvMessageQueue.h>
+#include <ZvSemaphore.h>
+
+#include <memory>
+#include <unordered_map>
+
+// How Quit stays clear of a looper that its own thread has deleted.
+//
+// Quit runs in another thread and, in this order, deletes "fLooperAccess",
+// kills the looper's lock, clears running and waits for the looper's thread.
+// The moment "fLooperAccess" is gone the loop may end and the thread delete
+// the looper, while Quit still has steps 2 to 4 to do; and a looper that
+// ended through a "QUIT" message may be gone before Quit is even called
+// (a caller's error, which Quit survives as long as no other looper was
+// built at the same address since).
+//
+// Every looper therefore has a life record, kept in a process-wide table of
+// live loopers keyed by the looper's address:
+//
+//  - the table holds the record from the constructor until the looper's
+//    death begins (in LooperCaller, before the delete, and in the
+//    destructor for a looper that was never run);
+//  - the record's guard is held by Quit across its steps 1 to 3 and by the
+//    "QUIT" path of DispatchMessage across the same steps; the death of the
+//    looper takes the guard to mark the record dead, so it waits for those
+//    steps to finish and they never overlap the delete;
+//  - the record also keeps the thread identifier, so step 4 reads nothing
+//    from the looper: Quit copies what it needs under the guard and waits
+//    outside it (the thread is deleting the looper meanwhile).
+//
+// Quit looks its looper up by address and reads nothing from the object
+// itself before it holds the guard of a live record: entered on a live
+// looper, it is safe whenever the thread ends. The record is shared (the
+// table and each Quit in flight hold a reference), so it outlives the
+// looper as long as needed. Two threads may quit the same looper: the
+// second finds the record dead, or the semaphore and lock already gone.
+struct zv_looper_life
+{
+	// Serialises the ending steps (Quit, the "QUIT" path) against the
+	// looper's death, and two endings against each other, so that the
+	// looper's lock and semaphore are never deleted twice.
+	std::mutex guard;
+	bool alive = true;
+	uint32 thread = 0;
+};
+
+namespace {
+
+const uint32 kQuitRequested = ZV_QUIT_REQUESTED;
+const char* const kPreferredHandlerField = "_preferredhandler";
+const int32 kHandlerListStep = 16;
+
+struct LooperTable
+{
+	std::mutex lock;
+	std::unordered_map<const ZvLooper*, std::shared_ptr<zv_looper_life>> live;
+};
+
+// Never destroyed: looper threads may still end (and unregister) while the
+// process runs its static destructors.
+LooperTable& Table()
+{
+	static LooperTable* table = new LooperTable;
+	return *table;
+}
+
+zv_looper_life* Register(const ZvLooper* looper)
+{
+	std::shared_ptr<zv_looper_life> record = std::make_shared<zv_looper_life>();
+	LooperTable& table = Table();
+	std::lock_guard<std::mutex> hold(table.lock);
+	table.live[looper] = record;
+	return record.get();
+}
+
+std::shared_ptr<zv_looper_life> Find(const ZvLooper* looper)
+{
+	LooperTable& table = Table();
+	std::lock_guard<std::mutex> hold(table.lock);
+	auto found = table.live.find(looper);
+	if (found == table.live.end())
+		return nullptr;
+	return found->second;
+}
+
+std::shared_ptr<zv_looper_life> Take(const ZvLooper* looper)
+{
+	LooperTable& table = Table();
+	std::lock_guard<std::mutex> hold(table.lock);
+	auto found = table.live.find(looper);
+	if (found == table.live.end())
+		return nullptr;
+	std::shared_ptr<zv_looper_life> record = std::move(found->second);
+	table.live.erase(found);
+	return record;
+}
+
+int32 LooperEntry(void* data)
+{
+	return ZvLooper::LooperCaller(static_cast<ZvLooper*>(data));
+}
+
+} // namespace
+
+ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
+    : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
+      fPriority(priority), fPreferredHandler(nullptr), fCurrentMessage(nullptr), fQueue(nullptr),
+      fHandlers(kHandlerListStep), fLooperAccess(0), fThread(0), fRecord(nullptr)
+{
+	fQueue = new ZvMessageQueue(fQueueCapacity);
+	fPreferredHandler = this;
+	AddHandler(this);
+	fLooperAccess.store(ZvSemaphore::Create(0, "fLooperAccess"), std::memory_order_release);
+	fRecord = Register(this);
+}
+
+ZvLooper::~ZvLooper()
+{
+	_Unregister();
+	delete fQueue;
+	fQueue = nullptr;
+	// Only a looper that was never run (or never quit) still has its
+	// semaphore here; delete it rather than leave it in the kernel's table.
+	const uint32 access = fLooperAccess.exchange(0, std::memory_order_acq_rel);
+	if (access != 0)
+		ZvSemaphore::Delete(access);
+}
+
+bool ZvLooper::Run()
+{
+	// A second thread would delete the looper a second time.
+	if (fThread.load(std::memory_order_acquire) != 0 || fRecord == nullptr)
+		return false;
+
+	const int32 thread = ZvThread::Create(&LooperEntry, this, fPriority, nullptr);
+	fThread.store(static_cast<uint32>(thread), std::memory_order_release);
+	{
+		std::lock_guard<std::mutex> hold(fRecord->guard);
+		fRecord->thread = static_cast<uint32>(thread);
+	}
+	fRunning.store(true, std::memory_order_relaxed);
+	// From the resume on, the thread may end and delete this looper at any
+	// time (a "QUIT" message may already be queued): only the local copy of
+	// the identifier is used.
+	return ZvThread::Resume(static_cast<uint32>(thread));
+}
+
+bool ZvLooper::Quit()
+{
+	std::shared_ptr<zv_looper_life> record = Find(this);
+	if (record == nullptr)
+		return false;
+
+	uint32 thread;
+	{
+		// While the guard is held the looper cannot be deleted: its death
+		// waits for the guard before the delete (see the comment at the top).
+		std::lock_guard<std::mutex> hold(record->guard);
+		if (record->alive)
+			_EndLoop();
+		thread = record->thread;
+	}
+
+	// From here on the looper may be gone; only the copies are used.
+	if (thread == ZvThread::CurrentID())
+		return false;
+	return ZvThread::Wait(thread, nullptr);
+}
+
+bool ZvLooper::QuitRequested()
+{
+	return true;
+}
+
+bool ZvLooper::PostMessage(uint32 what, const ZvHandler* handler)
+{
+	_Post(new ZvMessage(what), handler);
+	return true;
+}
+
+bool ZvLooper::PostMessage(const ZvMessage* message, const ZvHandler* handler)
+{
+	if (message != nullptr)
+		_Post(new ZvMessage(message), handler);
+	return true;
+}
+
+bool ZvLooper::AddHandler(ZvHandler* handler)
+{
+	if (!Lock())
+		return false;
+
+	bool added = false;
+	if (handler != nullptr && _IndexOf(handler) < 0) {
+		handler->SetLooper(this);
+		std::lock_guard<std::mutex> hold(fHandlersGuard);
+		fHandlers.AddItem(handler);
+		added = true;
+	}
+
+	Unlock();
+	return added;
+}
+
+bool ZvLooper::RemoveHandler(ZvHandler* handler)
+{
+	if (!Lock())
+		return false;
+
+	bool removed = false;
+	if (handler != nullptr && _IndexOf(handler) >= 0) {
+		handler->SetLooper(nullptr);
+		std::lock_guard<std::mutex> hold(fHandlersGuard);
+		fHandlers.RemoveItem(_IndexOf(handler));
+		removed = true;
+	}
+
+	Unlock();
+	return removed;
+}
+
+ZvHandler* ZvLooper::HandlerAt(int32 index) const
+{
+	std::lock_guard<std::mutex> hold(fHandlersGuard);
+	return fHandlers.ItemAt(index);
+}
+
+int32 ZvLooper::CountHandlers() const
+{
+	std::lock_guard<std::mutex> hold(fHandlersGuard);
+	return fHandlers.CountItems();
+}
+
+int32 ZvLooper::IndexOfHandler(ZvHandler* handler) const
+{
+	std::lock_guard<std::mutex> hold(fHandlersGuard);
+	return _IndexOf(handler);
+}
+
+void ZvLooper::SetPreferredHandler(ZvHandler* handler)
+{
+	if (!Lock())
+		return;
+	fPreferredHandler = handler;
+	Unlock();
+}
+
+ZvHandler* ZvLooper::PreferredHandler()
+{
+	if (!Lock())
+		return nullptr;
+	ZvHandler* handler = fPreferredHandler;
+	Unlock();
+	return handler;
+}
+
+ZvMessage* ZvLooper::CurrentMessage() const
+{
+	return fCurrentMessage.load(std::memory_order_acquire);
+}
+
+void ZvLooper::DispatchMessage(ZvMessage* message, ZvHandler* target)
+{
+	if (message == nullptr || target == nullptr)
+		return;
+
+	if (message->what == kQuitRequested && target == static_cast<ZvHandler*>(this)) {
+		if (!QuitRequested())
+			return;
+		// The loop thread already holds the lock; this recursive lock is
+		// never released, because _EndLoop kills the lock itself.
+		if (!Lock())
+			return;
+		// Serialised with a Quit from another thread (see the top).
+		std::unique_lock<std::mutex> hold;
+		if (fRecord != nullptr)
+			hold = std::unique_lock<std::mutex>(fRecord->guard);
+		_EndLoop();
+		return;
+	}
+
+	target->MessageReceived(message);
+}
+
+bool ZvLooper::ProcessNextMessage()
+{
+	ZvMessage* message = fQueue->RemoveMessage();
+	fCurrentMessage.store(message, std::memory_order_release);
+	if (message == nullptr)
+		return false;
+
+	void* recorded = nullptr;
+	ZvHandler* target = nullptr;
+	if (message->FindPointer(kPreferredHandlerField, &recorded))
+		target = static_cast<ZvHandler*>(recorded);
+	if (target == nullptr)
+		target = fPreferredHandler;
+	if (target == nullptr)
+		target = this;
+
+	// The handler list is searched before the target's link is read: a
+	// handler that was removed and then deleted is not in the list, so its
+	// stale address is only compared, never dereferenced.
+	if (IndexOfHandler(target) >= 0 && target->Looper() == this)
+		DispatchMessage(message, target);
+
+	// Cleared so that CurrentMessage never hands out a deleted message.
+	fCurrentMessage.store(nullptr, std::memory_order_release);
+	delete message;
+	return true;
+}
+
+int32 ZvLooper::Looper()
+{
+	for (;;) {
+		// One unit per posted message; 0 means the semaphore was deleted by
+		// Quit or by a "QUIT" message: the loop ends. 2 (the very long
+		// time-out expired) counts as a wake-up.
+		if (ZvSemaphore::Acquire(fLooperAccess.load(std::memory_order_acquire), -1) == 0)
+			return 0;
+		// The lock fails once it was killed; the message then stays queued
+		// and is deleted with the queue.
+		if (Lock()) {
+			ProcessNextMessage();
+			Unlock();
+		}
+	}
+}
+
+int32 ZvLooper::LooperCaller(ZvLooper* looper)
+{
+	if (looper == nullptr)
+		return 0;
+	looper->Looper();
+	// Out of the table (Quit no longer finds it) and marked dead once a Quit
+	// in flight has finished with it; only then is it deleted.
+	looper->_Unregister();
+	delete looper;
+	return 0;
+}
+
+void ZvLooper::_Post(ZvMessage* message, const ZvHandler* handler)
+{
+	if (handler != nullptr)
+		message->AddPointer(kPreferredHandlerField, handler);
+	// Posting takes only the queue's lock, never the looper's, so a handler
+	// may post to its own looper from MessageReceived.
+	if (!fQueue->TryAddMessage(message))
+		delete message;
+	// After Quit this is semaphore 0 and the release fails; the message then
+	// stays queued and is deleted with the queue.
+	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
+}
+
+int32 ZvLooper::_IndexOf(const ZvHandler* handler) const
+{
+	const int32 count = fHandlers.CountItems();
+	for (int32 index = 0; index < count; index++) {
+		if (fHandlers.ItemAt(index) == handler)
+			return index;
+	}
+	return -1;
+}
+
+void ZvLooper::_EndLoop()
+{
+	// The exchange makes the deletion happen once, whoever ends the loop
+	// first; the loop thread then reads 0 and its wait fails.
+	const uint32 access = fLooperAccess.exchange(0, std::memory_order_acq_rel);
+	if (access != 0)
+		ZvSemaphore::Delete(access);
+	// A message being processed finishes; its unlock then fails quietly.
+	Kill();
+	fRunning.store(false, std::memory_order_relaxed);
+}
+
+void ZvLooper::_Unregister()
+{
+	if (fRecord == nullptr)
+		return;
+	std::shared_ptr<zv_looper_life> record = Take(this);
+	if (record != nullptr) {
+		std::lock_guard<std::mutex> hold(record->guard);
+		record->alive = false;
+	}
+	fRecord = nullptr;
+}

@@ -1,0 +1,775 @@
+// Tests of ZvLooper: handler list, posting, target selection, dispatch, the
+// "QUIT" path, Run and Quit.
+//
+// Loopers that are never run are driven by hand (Lock, ProcessNextMessage,
+// Unlock: TestLooper::Drain), which makes target selection deterministic;
+// running loopers are sequenced with latches.
+
+#include <ZvHandler.h>
+#include <ZvLooper.h>
+#include <ZvMessage.h>
+#include <ZvSemaphore.h>
+#include <ZvThread.h>
+
+#include <OS.h>
+
+#include "LooperTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <thread>
+
+// Counting allocation functions for the whole test executable. Each thread
+// counts the blocks it allocated and freed, so that a test can check that
+// a message the looper dropped was really deleted (its blocks freed) in the
+// thread that drives the looper. Every form is replaced, so that news and
+// deletes are counted alike whichever form the code uses.
+namespace {
+
+thread_local int64_t tLiveBlocks = 0;
+
+void* CountedAllocate(std::size_t size)
+{
+	void* block = std::malloc(size == 0 ? 1 : size);
+	if (block == nullptr)
+		throw std::bad_alloc();
+	tLiveBlocks++;
+	return block;
+}
+
+void CountedFree(void* block) noexcept
+{
+	if (block == nullptr)
+		return;
+	tLiveBlocks--;
+	std::free(block);
+}
+
+} // namespace
+
+int64_t looper_test::LiveBlocksOfThisThread()
+{
+	return tLiveBlocks;
+}
+
+void* operator new(std::size_t size)
+{
+	return CountedAllocate(size);
+}
+
+void* operator new[](std::size_t size)
+{
+	return CountedAllocate(size);
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+	void* block = std::malloc(size == 0 ? 1 : size);
+	if (block != nullptr)
+		tLiveBlocks++;
+	return block;
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept
+{
+	return operator new(size, tag);
+}
+
+void operator delete(void* block) noexcept
+{
+	CountedFree(block);
+}
+
+void operator delete[](void* block) noexcept
+{
+	CountedFree(block);
+}
+
+void operator delete(void* block, std::size_t) noexcept
+{
+	CountedFree(block);
+}
+
+void operator delete[](void* block, std::size_t) noexcept
+{
+	CountedFree(block);
+}
+
+void operator delete(void* block, const std::nothrow_t&) noexcept
+{
+	CountedFree(block);
+}
+
+void operator delete[](void* block, const std::nothrow_t&) noexcept
+{
+	CountedFree(block);
+}
+
+namespace {
+
+using namespace std::chrono_literals;
+using looper_test::LiveBlocksOfThisThread;
+using looper_test::PreferredField;
+using looper_test::RecordingHandler;
+using looper_test::TestLooper;
+
+// Remembers, for each dispatch, the message's address, its target and its
+// "_preferredhandler" field, then dispatches as the base class does.
+class InspectingLooper : public TestLooper
+{
+public:
+	void DispatchMessage(ZvMessage* message, ZvHandler* target) override
+	{
+		lastMessage = message;
+		lastTarget = target;
+		void* recorded = nullptr;
+		hadField = message->FindPointer(PreferredField(), &recorded);
+		field = recorded;
+		dispatched++;
+		ZvLooper::DispatchMessage(message, target);
+	}
+
+	ZvMessage* lastMessage = nullptr;
+	ZvHandler* lastTarget = nullptr;
+	bool hadField = false;
+	void* field = nullptr;
+	int dispatched = 0;
+};
+
+ZvLooper* LinkOf(ZvLooper& looper)
+{
+	return static_cast<ZvHandler&>(looper).Looper();
+}
+
+} // namespace
+
+// Construction and the handler list.
+
+TEST(ZvLooperTest, ANewLooperIsItsOwnFirstHandlerAndPreferredHandler)
+{
+	TestLooper looper;
+	EXPECT_EQ(looper.CountHandlers(), 1);
+	EXPECT_EQ(looper.IndexOfHandler(&looper), 0);
+	EXPECT_EQ(looper.HandlerAt(0), &looper);
+	EXPECT_EQ(LinkOf(looper), &looper);
+	EXPECT_EQ(looper.PreferredHandler(), &looper);
+	EXPECT_EQ(looper.CurrentMessage(), nullptr);
+	EXPECT_STREQ(looper.Name(), "test looper");
+}
+
+TEST(ZvLooperTest, HandlerAtOutsideTheListReturnsNull)
+{
+	TestLooper looper;
+	EXPECT_EQ(looper.HandlerAt(-1), nullptr);
+	EXPECT_EQ(looper.HandlerAt(looper.CountHandlers()), nullptr);
+}
+
+TEST(ZvLooperTest, AddHandlerOfTheSameHandlerTwiceFailsTheSecondTime)
+{
+	TestLooper looper;
+	ZvHandler handler("h");
+	EXPECT_TRUE(looper.AddHandler(&handler));
+	EXPECT_FALSE(looper.AddHandler(&handler));
+	EXPECT_EQ(looper.CountHandlers(), 2);
+	EXPECT_EQ(handler.Looper(), &looper);
+	EXPECT_EQ(looper.IndexOfHandler(&handler), 1);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, AddHandlerOfNullFails)
+{
+	TestLooper looper;
+	EXPECT_FALSE(looper.AddHandler(nullptr));
+	EXPECT_EQ(looper.CountHandlers(), 1);
+}
+
+TEST(ZvLooperTest, AddingTheLooperToItselfAgainFails)
+{
+	TestLooper looper;
+	EXPECT_FALSE(looper.AddHandler(&looper));
+}
+
+TEST(ZvLooperTest, RemoveHandlerDetachesItAndKeepsTheOthersInOrder)
+{
+	TestLooper looper;
+	ZvHandler a("a"), b("b"), c("c");
+	looper.AddHandler(&a);
+	looper.AddHandler(&b);
+	looper.AddHandler(&c);
+	EXPECT_TRUE(looper.RemoveHandler(&b));
+	EXPECT_EQ(b.Looper(), nullptr);
+	EXPECT_EQ(looper.CountHandlers(), 3);
+	EXPECT_EQ(looper.HandlerAt(0), &looper);
+	EXPECT_EQ(looper.HandlerAt(1), &a);
+	EXPECT_EQ(looper.HandlerAt(2), &c);
+	EXPECT_EQ(looper.IndexOfHandler(&b), -1);
+	EXPECT_FALSE(looper.RemoveHandler(&b));
+	looper.RemoveHandler(&a);
+	looper.RemoveHandler(&c);
+}
+
+TEST(ZvLooperTest, RemoveHandlerOfANullOrForeignHandlerFails)
+{
+	TestLooper looper;
+	ZvHandler handler("h");
+	EXPECT_FALSE(looper.RemoveHandler(nullptr));
+	EXPECT_FALSE(looper.RemoveHandler(&handler));
+}
+
+TEST(ZvLooperTest, AddHandlerToASecondLooperMovesTheLinkButNotTheFirstList)
+{
+	TestLooper first, second;
+	ZvHandler handler("h");
+	first.AddHandler(&handler);
+	EXPECT_TRUE(second.AddHandler(&handler));
+	EXPECT_EQ(handler.Looper(), &second);
+	EXPECT_EQ(first.IndexOfHandler(&handler), 1);
+	EXPECT_EQ(second.IndexOfHandler(&handler), 1);
+	second.RemoveHandler(&handler);
+	first.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, RemovingThePreferredHandlerLeavesItPreferred)
+{
+	TestLooper looper;
+	ZvHandler handler("h");
+	looper.AddHandler(&handler);
+	looper.SetPreferredHandler(&handler);
+	looper.RemoveHandler(&handler);
+	EXPECT_EQ(looper.PreferredHandler(), &handler);
+}
+
+TEST(ZvLooperTest, SetPreferredHandlerStoresAnyHandlerOrNull)
+{
+	TestLooper looper;
+	ZvHandler handler("h");
+	looper.SetPreferredHandler(&handler);
+	EXPECT_EQ(looper.PreferredHandler(), &handler);
+	looper.SetPreferredHandler(nullptr);
+	EXPECT_EQ(looper.PreferredHandler(), nullptr);
+}
+
+TEST(ZvLooperTest, WithItsLockGoneTheLockingCallsFail)
+{
+	TestLooper looper;
+	ZvHandler handler("h");
+	looper.Kill();
+	EXPECT_EQ(looper.PreferredHandler(), nullptr);
+	EXPECT_FALSE(looper.AddHandler(&handler));
+	EXPECT_EQ(handler.Looper(), nullptr);
+	EXPECT_FALSE(looper.RemoveHandler(&looper));
+	looper.SetPreferredHandler(&handler);
+	EXPECT_EQ(looper.CountHandlers(), 1);
+}
+
+TEST(ZvLooperTest, QuitRequestedIsAlwaysTrue)
+{
+	TestLooper looper;
+	EXPECT_TRUE(looper.QuitRequested());
+}
+
+// Posting and target selection, on loopers that are never run.
+
+TEST(ZvLooperTest, ProcessNextMessageOnAnEmptyQueueReturnsFalse)
+{
+	TestLooper looper;
+	ASSERT_TRUE(looper.Lock());
+	EXPECT_FALSE(looper.ProcessNextMessage());
+	EXPECT_EQ(looper.CurrentMessage(), nullptr);
+	looper.Unlock();
+}
+
+TEST(ZvLooperTest, PostMessageOfAWhatMakesAMessageWithThatWhatAndNoTargetField)
+{
+	InspectingLooper looper;
+	EXPECT_TRUE(looper.PostMessage(1234, nullptr));
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_FALSE(looper.hadField);
+	ASSERT_EQ(looper.OwnWhats().size(), 1u);
+	EXPECT_EQ(looper.OwnWhats()[0], 1234u);
+}
+
+TEST(ZvLooperTest, PostMessageCopiesTheMessageAndRecordsTheHandlerInTheCopyOnly)
+{
+	InspectingLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	ZvMessage message(77);
+	message.AddInt32("n", 5);
+	EXPECT_TRUE(looper.PostMessage(&message, &handler));
+	EXPECT_FALSE(message.HasPointer(PreferredField(), 0));
+	message.ReplaceInt32("n", 6);
+
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_NE(looper.lastMessage, &message);
+	EXPECT_TRUE(looper.hadField);
+	EXPECT_EQ(looper.field, static_cast<void*>(&handler));
+	EXPECT_EQ(looper.lastTarget, &handler);
+	ASSERT_EQ(handler.Received(), 1);
+	EXPECT_EQ(handler.Whats()[0], 77u);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, ThePostedCopyKeepsTheFieldsAsTheyWereAtThePost)
+{
+	// A looper whose own MessageReceived reads the field of the copy.
+	class FieldReader : public TestLooper
+	{
+	public:
+		void MessageReceived(ZvMessage* message) override { message->FindInt32("n", &value); }
+		int32 value = 0;
+	} looper;
+	ZvMessage message(1);
+	message.AddInt32("n", 5);
+	looper.PostMessage(&message, nullptr);
+	message.ReplaceInt32("n", 6);
+	looper.Drain();
+	EXPECT_EQ(looper.value, 5);
+}
+
+TEST(ZvLooperTest, PostMessageOfNullReturnsTrueAndPostsNothing)
+{
+	TestLooper looper;
+	EXPECT_TRUE(looper.PostMessage(nullptr, nullptr));
+	EXPECT_EQ(looper.Drain(), 0);
+}
+
+TEST(ZvLooperTest, MessagesAreProcessedInTheOrderPosted)
+{
+	TestLooper looper;
+	for (uint32 what = 1; what <= 50; what++)
+		looper.PostMessage(what, nullptr);
+	EXPECT_EQ(looper.Drain(), 50);
+	ASSERT_EQ(looper.OwnWhats().size(), 50u);
+	for (uint32 what = 1; what <= 50; what++)
+		EXPECT_EQ(looper.OwnWhats()[what - 1], what);
+}
+
+TEST(ZvLooperTest, AMessageForAnAttachedHandlerIsDeliveredAndThenDeleted)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	ZvMessage message(5);
+	message.AddInt32("a", 1);
+	const int64_t before = LiveBlocksOfThisThread();
+	looper.PostMessage(&message, &handler);
+	EXPECT_GT(LiveBlocksOfThisThread(), before);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 1);
+	EXPECT_EQ(LiveBlocksOfThisThread(), before);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, AMessageForAHandlerOfAnotherLooperIsDeletedWithoutDelivery)
+{
+	TestLooper looper, other;
+	RecordingHandler handler;
+	other.AddHandler(&handler);
+	ZvMessage message(5);
+	message.AddInt32("a", 1);
+	const int64_t before = LiveBlocksOfThisThread();
+	looper.PostMessage(&message, &handler);
+	EXPECT_GT(LiveBlocksOfThisThread(), before);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 0);
+	EXPECT_EQ(looper.OwnReceived(), 0);
+	EXPECT_EQ(LiveBlocksOfThisThread(), before);
+	other.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, AMessageForARemovedHandlerIsDeletedWithoutDelivery)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	const int64_t before = LiveBlocksOfThisThread();
+	looper.PostMessage(5, &handler);
+	looper.RemoveHandler(&handler);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 0);
+	EXPECT_EQ(looper.OwnReceived(), 0);
+	EXPECT_EQ(LiveBlocksOfThisThread(), before);
+}
+
+TEST(ZvLooperTest, AMessageForANeverAttachedHandlerIsDeletedWithoutDelivery)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	const int64_t before = LiveBlocksOfThisThread();
+	looper.PostMessage(5, &handler);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 0);
+	EXPECT_EQ(LiveBlocksOfThisThread(), before);
+}
+
+TEST(ZvLooperTest, AMessageForAHandlerMovedToAnotherLooperIsDropped)
+{
+	TestLooper looper, other;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	other.AddHandler(&handler);
+	looper.PostMessage(5, &handler);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 0);
+	other.RemoveHandler(&handler);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, AMessageWithoutHandlerGoesToThePreferredHandler)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	looper.SetPreferredHandler(&handler);
+	looper.PostMessage(8, nullptr);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 1);
+	EXPECT_EQ(looper.OwnReceived(), 0);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, AMessageWithoutHandlerWhileThePreferredHandlerIsNullGoesToTheLooper)
+{
+	TestLooper looper;
+	looper.SetPreferredHandler(nullptr);
+	looper.PostMessage(8, nullptr);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(looper.OwnReceived(), 1);
+}
+
+TEST(ZvLooperTest, AMessageWithoutHandlerForADetachedPreferredHandlerIsDropped)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	looper.SetPreferredHandler(&handler);
+	looper.RemoveHandler(&handler);
+	const int64_t before = LiveBlocksOfThisThread();
+	looper.PostMessage(8, nullptr);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 0);
+	EXPECT_EQ(looper.OwnReceived(), 0);
+	EXPECT_EQ(LiveBlocksOfThisThread(), before);
+}
+
+TEST(ZvLooperTest, ANullPreferredHandlerFieldFallsBackToThePreferredHandler)
+{
+	TestLooper looper;
+	ZvMessage message(3);
+	message.AddPointer(PreferredField(), nullptr);
+	looper.PostMessage(&message, nullptr);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(looper.OwnReceived(), 1);
+}
+
+TEST(ZvLooperTest, CurrentMessageIsTheDispatchedMessageDuringDispatchOnly)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	looper.PostMessage(4, &handler);
+	looper.Drain();
+	EXPECT_TRUE(handler.CurrentMessageMatched());
+	EXPECT_TRUE(handler.WasLockedDuringReceive());
+	EXPECT_EQ(looper.CurrentMessage(), nullptr);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, DispatchMessageIsVirtualAndSeesTheChosenTarget)
+{
+	InspectingLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	looper.SetPreferredHandler(&handler);
+	looper.PostMessage(4, nullptr);
+	looper.Drain();
+	EXPECT_EQ(looper.dispatched, 1);
+	EXPECT_EQ(looper.lastTarget, &handler);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, DispatchMessageWithNullArgumentsDoesNothing)
+{
+	TestLooper looper;
+	ZvMessage message(1);
+	looper.DispatchMessage(nullptr, &looper);
+	looper.DispatchMessage(&message, nullptr);
+	EXPECT_EQ(looper.OwnReceived(), 0);
+	EXPECT_EQ(looper.LockWithTimeout(0), 1);
+	looper.Unlock();
+}
+
+TEST(ZvLooperTest, AQuitMessageAimedAtAnotherHandlerIsDeliveredLikeAnyOther)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	looper.PostMessage(ZV_QUIT_REQUESTED, &handler);
+	looper.PostMessage(9, nullptr);
+	EXPECT_EQ(looper.Drain(), 2);
+	ASSERT_EQ(handler.Received(), 1);
+	EXPECT_EQ(handler.Whats()[0], ZV_QUIT_REQUESTED);
+	EXPECT_EQ(looper.OwnReceived(), 1);
+	EXPECT_EQ(looper.LockWithTimeout(0), 1);
+	looper.Unlock();
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, AQuitMessageWithoutHandlerGoesToAnotherPreferredHandler)
+{
+	TestLooper looper;
+	RecordingHandler handler;
+	looper.AddHandler(&handler);
+	looper.SetPreferredHandler(&handler);
+	looper.PostMessage(ZV_QUIT_REQUESTED, nullptr);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(handler.Received(), 1);
+	EXPECT_EQ(looper.LockWithTimeout(0), 1);
+	looper.Unlock();
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperTest, AQuitMessageForTheLooperKillsItsLockAndIsNotDelivered)
+{
+	TestLooper looper;
+	looper.PostMessage(ZV_QUIT_REQUESTED, nullptr);
+	looper.PostMessage(9, nullptr);
+	EXPECT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(looper.OwnReceived(), 0);
+	// Any other thread now fails to lock: the lock's semaphore is gone.
+	int32 lockResult = -1;
+	bool lockedElsewhere = true;
+	std::thread other([&] {
+		lockResult = looper.LockWithTimeout(0);
+		lockedElsewhere = looper.Lock();
+	});
+	other.join();
+	EXPECT_EQ(lockResult, 0);
+	EXPECT_FALSE(lockedElsewhere);
+	// The message after the "QUIT" stays queued; it goes with the looper.
+}
+
+TEST(ZvLooperTest, ANeverRunLooperDeletedByItsOwnerFreesEverythingItHeld)
+{
+	// Warm the process-wide table of loopers up, so that its buckets exist.
+	delete new TestLooper();
+	const int64_t before = LiveBlocksOfThisThread();
+	TestLooper* looper = new TestLooper();
+	ZvHandler handler("h");
+	looper->AddHandler(&handler);
+	for (uint32 what = 0; what < 40; what++)
+		looper->PostMessage(what, &handler);
+	delete looper;
+	// Each message took several blocks. The kernel's semaphore table keeps
+	// its free list in blocks of its own, which the looper's three
+	// semaphores may make it take or give back: one block either way.
+	EXPECT_NEAR(LiveBlocksOfThisThread(), before, 1);
+}
+
+TEST(ZvLooperTest, QuitOnANeverRunLooperEndsItAndReturnsFalse)
+{
+	TestLooper looper;
+	looper.PostMessage(1, nullptr);
+	EXPECT_FALSE(looper.Quit());
+	EXPECT_EQ(looper.LockWithTimeout(0), 0);
+}
+
+// Running loopers.
+
+TEST(ZvLooperTest, RunStartsAThreadNamedZvThreadThatDispatchesWithTheLooperLocked)
+{
+	zvtest::Watchdog watchdog(30s, "run");
+	std::atomic<int32> destroyed{0};
+	TestLooper* looper = new TestLooper(&destroyed);
+	RecordingHandler handler;
+	zvtest::Latch arrived(1), release(1);
+	handler.HoldOn(&arrived, &release);
+	looper->AddHandler(&handler);
+	looper->PostMessage(11, &handler);
+	ASSERT_TRUE(looper->Run());
+	ASSERT_TRUE(arrived.WaitFor(20s));
+
+	thread_info info;
+	ASSERT_EQ(get_thread_info(static_cast<thread_id>(handler.Thread()), &info), B_OK);
+	EXPECT_STREQ(info.name, "ZvThread");
+	EXPECT_EQ(info.priority, B_NORMAL_PRIORITY);
+	EXPECT_NE(handler.Thread(), ZvThread::CurrentID());
+	EXPECT_TRUE(handler.WasLockedDuringReceive());
+	EXPECT_TRUE(handler.CurrentMessageMatched());
+	EXPECT_TRUE(looper->IsLocked());
+
+	release.CountDown();
+	EXPECT_TRUE(looper->Quit());
+	EXPECT_EQ(destroyed.load(), 1);
+}
+
+TEST(ZvLooperTest, RunUsesTheLoopersPriority)
+{
+	zvtest::Watchdog watchdog(30s, "priority");
+	TestLooper* looper = new TestLooper(nullptr, nullptr, 100, ZV_LOW_PRIORITY);
+	RecordingHandler handler;
+	zvtest::Latch arrived(1), release(1);
+	handler.HoldOn(&arrived, &release);
+	looper->AddHandler(&handler);
+	looper->PostMessage(11, &handler);
+	ASSERT_TRUE(looper->Run());
+	ASSERT_TRUE(arrived.WaitFor(20s));
+	thread_info info;
+	ASSERT_EQ(get_thread_info(static_cast<thread_id>(handler.Thread()), &info), B_OK);
+	EXPECT_EQ(info.priority, B_LOW_PRIORITY);
+	release.CountDown();
+	EXPECT_TRUE(looper->Quit());
+}
+
+TEST(ZvLooperTest, RunningALooperTwiceIsRefused)
+{
+	zvtest::Watchdog watchdog(30s, "run twice");
+	TestLooper* looper = new TestLooper();
+	ASSERT_TRUE(looper->Run());
+	EXPECT_FALSE(looper->Run());
+	EXPECT_TRUE(looper->Quit());
+}
+
+TEST(ZvLooperTest, QuitEndsTheLoopWaitsForTheThreadAndTheLooperIsDeleted)
+{
+	zvtest::Watchdog watchdog(30s, "quit");
+	std::atomic<int32> destroyed{0};
+	TestLooper* looper = new TestLooper(&destroyed);
+	RecordingHandler handler;
+	looper->AddHandler(&handler);
+	ASSERT_TRUE(looper->Run());
+	looper->PostMessage(1, &handler);
+	EXPECT_TRUE(looper->Quit());
+	EXPECT_EQ(destroyed.load(), 1);
+	EXPECT_LE(handler.Received(), 1);
+}
+
+TEST(ZvLooperTest, AQuitMessageForTheLooperEndsTheLoopAndTheThreadDeletesTheLooper)
+{
+	zvtest::Watchdog watchdog(30s, "quit message");
+	std::atomic<int32> destroyed{0};
+	zvtest::Latch gone(1);
+	TestLooper* looper = new TestLooper(&destroyed, &gone);
+	RecordingHandler handler;
+	looper->AddHandler(&handler);
+	looper->PostMessage(1, &handler);
+	looper->PostMessage(ZV_QUIT_REQUESTED, nullptr);
+	// Still queued behind the "QUIT": deleted with the looper, undelivered.
+	looper->PostMessage(2, &handler);
+	ASSERT_TRUE(looper->Run());
+	ASSERT_TRUE(gone.WaitFor(20s));
+	EXPECT_EQ(destroyed.load(), 1);
+	ASSERT_EQ(handler.Received(), 1);
+	EXPECT_EQ(handler.Whats()[0], 1u);
+}
+
+TEST(ZvLooperTest, QuitWhileAQuitMessageIsBeingDispatchedEndsTheLooperOnce)
+{
+	zvtest::Watchdog watchdog(30s, "quit during quit message");
+
+	// Holds the "QUIT" message at the door of DispatchMessage until told.
+	class HeldQuit : public TestLooper
+	{
+	public:
+		HeldQuit(std::atomic<int32>* destroyed, zvtest::Latch* atDoor, zvtest::Latch* go)
+		    : TestLooper(destroyed), fAtDoor(atDoor), fGo(go)
+		{
+		}
+
+		void DispatchMessage(ZvMessage* message, ZvHandler* target) override
+		{
+			if (message->what == ZV_QUIT_REQUESTED) {
+				fAtDoor->CountDown();
+				fGo->WaitFor(20s);
+			}
+			ZvLooper::DispatchMessage(message, target);
+		}
+
+	private:
+		zvtest::Latch* fAtDoor;
+		zvtest::Latch* fGo;
+	};
+
+	std::atomic<int32> destroyed{0};
+	zvtest::Latch atDoor(1), go(1);
+	HeldQuit* looper = new HeldQuit(&destroyed, &atDoor, &go);
+	looper->PostMessage(ZV_QUIT_REQUESTED, nullptr);
+	ASSERT_TRUE(looper->Run());
+	ASSERT_TRUE(atDoor.WaitFor(20s));
+
+	// The looper cannot end while its thread waits at the door, so Quit is
+	// entered on a live looper. It kills the lock (held by the looper's
+	// thread, so until then a poll times out) and waits for the thread.
+	std::atomic<int> quitResult{-1};
+	std::thread quitter([&] { quitResult.store(looper->Quit() ? 1 : 0); });
+	while (looper->LockWithTimeout(0) == 2)
+		std::this_thread::yield();
+
+	// The "QUIT" path now runs on a looper that Quit already ended: it
+	// deletes nothing twice, and the thread deletes the looper once.
+	go.CountDown();
+	quitter.join();
+	EXPECT_EQ(quitResult.load(), 1);
+	EXPECT_EQ(destroyed.load(), 1);
+}
+
+TEST(ZvLooperTest, AQuitMessageWithAnotherPreferredHandlerDoesNotEndARunningLooper)
+{
+	zvtest::Watchdog watchdog(30s, "quit to handler");
+	std::atomic<int32> destroyed{0};
+	TestLooper* looper = new TestLooper(&destroyed);
+	RecordingHandler handler;
+	zvtest::Latch arrived(2), release(0);
+	handler.HoldOn(&arrived, &release);
+	looper->AddHandler(&handler);
+	looper->SetPreferredHandler(&handler);
+	ASSERT_TRUE(looper->Run());
+	looper->PostMessage(ZV_QUIT_REQUESTED, nullptr);
+	looper->PostMessage(2, nullptr);
+	ASSERT_TRUE(arrived.WaitFor(20s));
+	EXPECT_EQ(destroyed.load(), 0);
+	EXPECT_EQ(handler.Whats(), (std::vector<uint32>{ZV_QUIT_REQUESTED, 2u}));
+	EXPECT_TRUE(looper->Quit());
+	EXPECT_EQ(destroyed.load(), 1);
+}
+
+TEST(ZvLooperTest, QuitFromTheLoopersOwnThreadEndsTheLoopAndReturnsFalse)
+{
+	zvtest::Watchdog watchdog(30s, "quit from inside");
+	zvtest::Latch gone(1);
+	std::atomic<int> result{-1};
+
+	class SelfQuitter : public ZvHandler
+	{
+	public:
+		explicit SelfQuitter(std::atomic<int>* result) : ZvHandler("quitter"), fResult(result) {}
+		void MessageReceived(ZvMessage*) override
+		{
+			ZvLooper* looper = Looper();
+			fResult->store(looper->Quit() ? 1 : 0);
+		}
+
+	private:
+		std::atomic<int>* fResult;
+	} quitter(&result);
+
+	TestLooper* looper = new TestLooper(nullptr, &gone);
+	looper->AddHandler(&quitter);
+	looper->PostMessage(1, &quitter);
+	looper->PostMessage(2, &quitter);
+	ASSERT_TRUE(looper->Run());
+	ASSERT_TRUE(gone.WaitFor(20s));
+	EXPECT_EQ(result.load(), 0);
+}
+
+TEST(ZvLooperTest, LooperCallerOfNullReturnsZero)
+{
+	EXPECT_EQ(ZvLooper::LooperCaller(nullptr), 0);
+}

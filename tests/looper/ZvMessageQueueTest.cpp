@@ -1,0 +1,289 @@
+// Tests of ZvMessageQueue: order, ownership and the soft bound kept by the
+// "_item_limit" semaphore.
+
+#include <ZvMessage.h>
+#include <ZvMessageQueue.h>
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::atomic<int32> sDeleted{0};
+
+// A message that counts its destructions.
+class CountedMessage : public ZvMessage
+{
+public:
+	explicit CountedMessage(uint32 what) : ZvMessage(what) {}
+	~CountedMessage() override { sDeleted.fetch_add(1); }
+};
+
+// Adds a message in a thread of its own and tells whether that add returned
+// within the given time, i.e. did not block on the bound.
+class BackgroundAdd
+{
+public:
+	BackgroundAdd(ZvMessageQueue& queue, ZvMessage* message)
+	    : fDone(1), fThread([this, &queue, message] {
+		      queue.AddMessage(message);
+		      fDone.CountDown();
+	      })
+	{
+	}
+
+	~BackgroundAdd() { fThread.join(); }
+
+	bool FinishesWithin(std::chrono::milliseconds limit) { return fDone.WaitFor(limit); }
+
+private:
+	zvtest::Latch fDone;
+	std::thread fThread;
+};
+
+class ZvMessageQueueTest : public ::testing::Test
+{
+protected:
+	void SetUp() override { sDeleted.store(0); }
+};
+
+// Adds count messages numbered from first in the calling thread.
+void AddNumbered(ZvMessageQueue& queue, uint32 first, int count)
+{
+	for (int i = 0; i < count; i++)
+		queue.AddMessage(new ZvMessage(first + static_cast<uint32>(i)));
+}
+
+// Removes one message, checks its what and deletes it.
+void ExpectNext(ZvMessageQueue& queue, uint32 what)
+{
+	std::unique_ptr<ZvMessage> message(queue.RemoveMessage());
+	ASSERT_NE(message, nullptr);
+	EXPECT_EQ(message->what, what);
+}
+
+} // namespace
+
+TEST_F(ZvMessageQueueTest, NewQueueIsEmpty)
+{
+	ZvMessageQueue queue(10);
+	EXPECT_TRUE(queue.IsEmpty());
+	EXPECT_EQ(queue.CountItems(), 0);
+}
+
+TEST_F(ZvMessageQueueTest, MessagesComeOutOldestFirst)
+{
+	ZvMessageQueue queue(100);
+	AddNumbered(queue, 1, 40);
+	EXPECT_EQ(queue.CountItems(), 40);
+	EXPECT_FALSE(queue.IsEmpty());
+	for (uint32 what = 1; what <= 40; what++)
+		ExpectNext(queue, what);
+	EXPECT_TRUE(queue.IsEmpty());
+}
+
+TEST_F(ZvMessageQueueTest, RemoveMessageOnAnEmptyQueueReturnsNull)
+{
+	ZvMessageQueue queue(10);
+	EXPECT_EQ(queue.RemoveMessage(), nullptr);
+	EXPECT_EQ(queue.CountItems(), 0);
+}
+
+TEST_F(ZvMessageQueueTest, RemovedMessageBelongsToTheCaller)
+{
+	{
+		ZvMessageQueue queue(10);
+		queue.AddMessage(new CountedMessage(1));
+		ZvMessage* message = queue.RemoveMessage();
+		ASSERT_NE(message, nullptr);
+		EXPECT_EQ(sDeleted.load(), 0);
+		delete message;
+	}
+	EXPECT_EQ(sDeleted.load(), 1);
+}
+
+TEST_F(ZvMessageQueueTest, MessagesStillQueuedAreDeletedWithTheQueue)
+{
+	{
+		ZvMessageQueue queue(2);
+		for (uint32 what = 0; what < 4; what++)
+			queue.AddMessage(new CountedMessage(what));
+		ASSERT_EQ(queue.CountItems(), 4);
+		EXPECT_EQ(sDeleted.load(), 0);
+	}
+	EXPECT_EQ(sDeleted.load(), 4);
+}
+
+TEST_F(ZvMessageQueueTest, WithLimitTwoTheFirstFourAddsDoNotBlockAndTheFifthWaitsForARemove)
+{
+	zvtest::Watchdog watchdog(20s, "limit-2 sequence");
+	ZvMessageQueue queue(2);
+	// Three adds find the count at or below 2; the fourth finds 3 > 2 and
+	// passes on "_item_limit"'s initial unit. All run in this thread, so a
+	// block here would trip the watchdog.
+	AddNumbered(queue, 1, 4);
+	ASSERT_EQ(queue.CountItems(), 4);
+
+	BackgroundAdd fifth(queue, new ZvMessage(5));
+	EXPECT_FALSE(fifth.FinishesWithin(200ms)) << "the fifth add should wait";
+	EXPECT_EQ(queue.CountItems(), 4);
+
+	// This remove leaves 3 >= 2 queued: it releases one unit and the fifth
+	// add appends.
+	ExpectNext(queue, 1);
+	EXPECT_TRUE(fifth.FinishesWithin(10s));
+	EXPECT_EQ(queue.CountItems(), 4);
+	for (uint32 what = 2; what <= 5; what++)
+		ExpectNext(queue, what);
+}
+
+TEST_F(ZvMessageQueueTest, ARemoveThatLeavesLessThanTheLimitReleasesNothing)
+{
+	zvtest::Watchdog watchdog(20s, "remove below the limit");
+	ZvMessageQueue queue(2);
+	// Two adds and two removes: the removes leave 1 and 0, below the limit,
+	// so "_item_limit" keeps its single initial unit.
+	AddNumbered(queue, 1, 2);
+	ExpectNext(queue, 1);
+	ExpectNext(queue, 2);
+	// Three free adds, one on the initial unit, then the next one waits.
+	AddNumbered(queue, 3, 4);
+	BackgroundAdd blocked(queue, new ZvMessage(7));
+	EXPECT_FALSE(blocked.FinishesWithin(200ms));
+	ExpectNext(queue, 3);
+	EXPECT_TRUE(blocked.FinishesWithin(10s));
+}
+
+TEST_F(ZvMessageQueueTest, UnitsReleasedWhileNobodyWaitsLetLaterAddsPassTheBound)
+{
+	zvtest::Watchdog watchdog(20s, "accumulated units");
+	ZvMessageQueue queue(2);
+	AddNumbered(queue, 1, 3);
+	// Leaves 2 >= 2: one more unit, with nobody waiting (two in all).
+	ExpectNext(queue, 1);
+	// 2 is not over the bound: free. Then 3 > 2 and 4 > 2 each take a unit.
+	AddNumbered(queue, 4, 3);
+	ASSERT_EQ(queue.CountItems(), 5);
+	BackgroundAdd blocked(queue, new ZvMessage(9));
+	EXPECT_FALSE(blocked.FinishesWithin(200ms));
+	ExpectNext(queue, 2);
+	EXPECT_TRUE(blocked.FinishesWithin(10s));
+	EXPECT_EQ(queue.CountItems(), 5);
+}
+
+TEST_F(ZvMessageQueueTest, RemoveOnAnEmptyQueueWithLimitZeroReleasesAUnit)
+{
+	zvtest::Watchdog watchdog(20s, "limit 0");
+	ZvMessageQueue queue(0);
+	// Count 0 >= 0 after the (empty) removal: one unit is released, so two
+	// units are free now.
+	EXPECT_EQ(queue.RemoveMessage(), nullptr);
+	// 0 > 0 is false: free. Then 1 > 0 and 2 > 0 take the two units.
+	AddNumbered(queue, 1, 3);
+	BackgroundAdd blocked(queue, new ZvMessage(4));
+	EXPECT_FALSE(blocked.FinishesWithin(200ms));
+	ExpectNext(queue, 1);
+	EXPECT_TRUE(blocked.FinishesWithin(10s));
+}
+
+TEST_F(ZvMessageQueueTest, RemoveOnAnEmptyQueueWithAPositiveLimitReleasesNothing)
+{
+	zvtest::Watchdog watchdog(20s, "limit 1");
+	ZvMessageQueue queue(1);
+	EXPECT_EQ(queue.RemoveMessage(), nullptr);
+	// 0 and 1 are not over 1: free; 2 > 1 takes the only unit.
+	AddNumbered(queue, 1, 3);
+	BackgroundAdd blocked(queue, new ZvMessage(4));
+	EXPECT_FALSE(blocked.FinishesWithin(200ms));
+	ExpectNext(queue, 1);
+	EXPECT_TRUE(blocked.FinishesWithin(10s));
+}
+
+TEST_F(ZvMessageQueueTest, NegativeLimitBehavesAsZero)
+{
+	zvtest::Watchdog watchdog(20s, "negative limit");
+	ZvMessageQueue queue(-3);
+	EXPECT_EQ(queue.RemoveMessage(), nullptr);
+	EXPECT_EQ(queue.RemoveMessage(), nullptr);
+	// Every add finds the count over -3; the initial unit and the two
+	// released by the empty removals let three through.
+	AddNumbered(queue, 1, 3);
+	BackgroundAdd blocked(queue, new ZvMessage(4));
+	EXPECT_FALSE(blocked.FinishesWithin(200ms));
+	ExpectNext(queue, 1);
+	EXPECT_TRUE(blocked.FinishesWithin(10s));
+}
+
+TEST_F(ZvMessageQueueTest, AddingToAQueueWhoseLockIsGoneNeitherQueuesNorDeletes)
+{
+	ZvMessageQueue queue(10);
+	queue.Kill();
+	CountedMessage* message = new CountedMessage(1);
+	queue.AddMessage(message);
+	EXPECT_EQ(queue.CountItems(), 0);
+	EXPECT_EQ(sDeleted.load(), 0);
+	EXPECT_FALSE(queue.TryAddMessage(message));
+	EXPECT_EQ(queue.RemoveMessage(), nullptr);
+	delete message;
+	EXPECT_EQ(sDeleted.load(), 1);
+}
+
+TEST_F(ZvMessageQueueTest, TryAddMessageReportsAQueuedMessage)
+{
+	ZvMessageQueue queue(10);
+	EXPECT_TRUE(queue.TryAddMessage(new ZvMessage(1)));
+	EXPECT_EQ(queue.CountItems(), 1);
+	ExpectNext(queue, 1);
+}
+
+TEST_F(ZvMessageQueueTest, ConcurrentAddersAndOneRemoverLoseNothingAndKeepEachAddersOrder)
+{
+	zvtest::Watchdog watchdog(60s, "queue adders");
+	constexpr int kAdders = 4;
+	constexpr int kEach = 2500;
+	// A bound the adders never reach: several adders blocked on the bound at
+	// once are covered by the looper's tests with a single producer.
+	ZvMessageQueue queue(kAdders * kEach + 1);
+	std::vector<std::thread> adders;
+	for (int adder = 0; adder < kAdders; adder++) {
+		adders.emplace_back([&queue, adder] {
+			for (int i = 0; i < kEach; i++) {
+				ZvMessage* message = new ZvMessage(static_cast<uint32>(adder));
+				message->AddInt32("seq", i);
+				queue.AddMessage(message);
+			}
+		});
+	}
+
+	std::vector<int32> next(kAdders, 0);
+	int taken = 0;
+	bool inOrder = true;
+	while (taken < kAdders * kEach) {
+		std::unique_ptr<ZvMessage> message(queue.RemoveMessage());
+		if (message == nullptr) {
+			std::this_thread::yield();
+			continue;
+		}
+		int32 seq = -1;
+		ASSERT_TRUE(message->FindInt32("seq", &seq));
+		ASSERT_LT(message->what, static_cast<uint32>(kAdders));
+		inOrder = inOrder && seq == next[message->what];
+		next[message->what] = seq + 1;
+		taken++;
+	}
+	for (std::thread& adder : adders)
+		adder.join();
+	EXPECT_TRUE(inOrder);
+	EXPECT_TRUE(queue.IsEmpty());
+	for (int adder = 0; adder < kAdders; adder++)
+		EXPECT_EQ(next[adder], kEach);
+}

@@ -1,0 +1,744 @@
+// UTFString.cpp: UTF-8 characters and character-indexed strings.
+//
+// Every edit builds a new buffer from byte ranges of the old one and then
+// installs it, so an argument may alias the string being changed. Character
+// positions are turned into byte offsets by stepping from the start of the
+// buffer within its measured byte length, which keeps every read inside the
+// text even where a truncated sequence meets the terminator.
+#include <UTFString.h>
+
+#include "Utf8Scan.h"
+
+#include <ctype.h>
+#include <string.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+using zvtext::CharSize;
+using zvtext::CountChars;
+using zvtext::WalkChars;
+
+namespace {
+
+// A growing byte array released to its new owner as a terminated array-new
+// buffer.
+class ByteBuilder
+{
+public:
+	explicit ByteBuilder(size_t capacity)
+	    : fData(new char[capacity + 1]), fSize(0), fCapacity(capacity)
+	{
+	}
+
+	~ByteBuilder() { delete[] fData; }
+
+	ByteBuilder(const ByteBuilder&) = delete;
+	ByteBuilder& operator=(const ByteBuilder&) = delete;
+
+	void Append(const char* bytes, size_t count)
+	{
+		if (count == 0)
+			return;
+		if (fSize + count > fCapacity) {
+			const size_t capacity = std::max(fSize + count, fCapacity * 2);
+			char* data = new char[capacity + 1];
+			memcpy(data, fData, fSize);
+			delete[] fData;
+			fData = data;
+			fCapacity = capacity;
+		}
+		memcpy(fData + fSize, bytes, count);
+		fSize += count;
+	}
+
+	size_t Size() const { return fSize; }
+
+	char* Release()
+	{
+		fData[fSize] = '\0';
+		char* data = fData;
+		fData = NULL;
+		return data;
+	}
+
+private:
+	char* fData;
+	size_t fSize;
+	size_t fCapacity;
+};
+
+inline size_t SafeLength(const char* s)
+{
+	return s != NULL ? strlen(s) : 0;
+}
+
+// Whether the character walk of [text, text + n) ends exactly at its end, so
+// bytes appended later start a character of their own. It does when none of
+// the last three bytes is a lead that reaches past the end.
+inline bool EndsOnBoundary(const char* text, size_t n)
+{
+	for (size_t k = 1; k <= 3 && k <= n; k++) {
+		if (CharSize(text + n - k) > k)
+			return false;
+	}
+	return true;
+}
+
+} // namespace
+
+// #pragma mark - UTFChar
+
+UTFChar::UTFChar()
+{
+	ClearBuf();
+}
+
+UTFChar::UTFChar(const char* s)
+{
+	CopyFrom(s);
+}
+
+UTFChar::UTFChar(const UTFChar& other)
+{
+	ClearBuf();
+	strcpy(fBytes, other.fBytes);
+}
+
+UTFChar::~UTFChar() {}
+
+UTFChar& UTFChar::operator=(const char* s)
+{
+	CopyFrom(s);
+	return *this;
+}
+
+UTFChar& UTFChar::operator=(const UTFChar& other)
+{
+	if (*this == other)
+		return *this;
+	ClearBuf();
+	strcpy(fBytes, other.fBytes);
+	return *this;
+}
+
+void UTFChar::CopyFrom(const char* s)
+{
+	// s may point into this character's own bytes: read it first.
+	char bytes[5] = {0, 0, 0, 0, 0};
+	if (s != NULL) {
+		const uint32 size = CharSize(s);
+		for (uint32 i = 0; i < size && s[i] != '\0'; i++)
+			bytes[i] = s[i];
+	}
+	memcpy(fBytes, bytes, sizeof(fBytes));
+}
+
+void UTFChar::ClearBuf()
+{
+	memset(fBytes, 0, sizeof(fBytes));
+}
+
+bool UTFChar::IsAlphaNum() const
+{
+	const uint8 first = static_cast<uint8>(fBytes[0]);
+	if (first >= 0x80)
+		return true;
+	return isalnum(first) != 0;
+}
+
+bool UTFChar::IsAscii() const
+{
+	return static_cast<uint8>(fBytes[0]) < 0x80;
+}
+
+bool UTFChar::IsNull() const
+{
+	return fBytes[0] == '\0';
+}
+
+bool UTFChar::operator==(const char* s) const
+{
+	return s != NULL && strcmp(fBytes, s) == 0;
+}
+
+bool UTFChar::operator==(const UTFChar& other) const
+{
+	return strcmp(fBytes, other.fBytes) == 0;
+}
+
+int32 UTFChar::ByteLength() const
+{
+	return static_cast<int32>(CharSize(fBytes));
+}
+
+// #pragma mark - UTFString
+
+UTFString::UTFString() : fBuffer(NULL), fLength(0), fLengthExact(true)
+{
+	AssignBytes("", 0);
+}
+
+UTFString::UTFString(const char* s) : fBuffer(NULL), fLength(0), fLengthExact(true)
+{
+	CopyString(s);
+}
+
+UTFString::UTFString(const UTFChar& c) : fBuffer(NULL), fLength(0), fLengthExact(true)
+{
+	CopyString(c.Buffer());
+}
+
+UTFString::UTFString(const UTFString& other) : fBuffer(NULL), fLength(0), fLengthExact(true)
+{
+	CopyString(other.fBuffer);
+}
+
+UTFString::~UTFString()
+{
+	ClearBuffer();
+}
+
+UTFString& UTFString::operator=(const char* s)
+{
+	if (s == NULL) {
+		ClearBuffer();
+		CalcLength();
+	} else {
+		AssignBytes(s, strlen(s));
+	}
+	return *this;
+}
+
+UTFString& UTFString::operator=(const UTFString& other)
+{
+	if (fBuffer == other.fBuffer)
+		return *this;
+	return *this = other.fBuffer;
+}
+
+void UTFString::Adopt(char* buffer, size_t byteLength)
+{
+	delete[] fBuffer;
+	fBuffer = buffer;
+	fLength = static_cast<uint32>(CountChars(buffer, byteLength));
+	fLengthExact = true;
+}
+
+void UTFString::AssignBytes(const char* bytes, size_t byteLength)
+{
+	// Copy before releasing: bytes may lie in the current buffer.
+	char* buffer = new char[byteLength + 1];
+	memcpy(buffer, bytes, byteLength);
+	buffer[byteLength] = '\0';
+	Adopt(buffer, byteLength);
+}
+
+size_t UTFString::ByteOffsetOf(uint32 index) const
+{
+	return WalkChars(fBuffer, strlen(fBuffer), index);
+}
+
+void UTFString::CalcLength()
+{
+	fLength = fBuffer != NULL ? static_cast<uint32>(CountChars(fBuffer, strlen(fBuffer))) : 0;
+	fLengthExact = true;
+}
+
+void UTFString::ClearBuffer()
+{
+	delete[] fBuffer;
+	fBuffer = NULL;
+}
+
+void UTFString::StrCat(const char* s)
+{
+	if (s == NULL)
+		return;
+	const size_t ownLength = SafeLength(fBuffer);
+	const size_t addedLength = strlen(s);
+	char* buffer = new char[ownLength + addedLength + 1];
+	if (ownLength != 0)
+		memcpy(buffer, fBuffer, ownLength);
+	// s may lie in the current buffer, which is released only afterwards.
+	memcpy(buffer + ownLength, s, addedLength);
+	buffer[ownLength + addedLength] = '\0';
+	delete[] fBuffer;
+	fBuffer = buffer;
+	fLengthExact = false;
+}
+
+void UTFString::CopyString(const char* s)
+{
+	if (s != NULL)
+		AssignBytes(s, strlen(s));
+	else
+		CalcLength();
+}
+
+uint32 UTFString::ByteLength() const
+{
+	return static_cast<uint32>(SafeLength(fBuffer));
+}
+
+bool UTFString::operator==(const char* s) const
+{
+	return fBuffer != NULL && s != NULL && strcmp(fBuffer, s) == 0;
+}
+
+bool UTFString::operator==(const UTFString& other) const
+{
+	return fBuffer != NULL && other.fBuffer != NULL && strcmp(fBuffer, other.fBuffer) == 0;
+}
+
+UTFString& UTFString::operator+=(const char* s)
+{
+	if (fBuffer == NULL)
+		return *this = s;
+	if (s == NULL)
+		return *this;
+	const size_t ownLength = strlen(fBuffer);
+	const size_t addedLength = strlen(s);
+	// When the own text ends on a character boundary the appended bytes only
+	// add their own characters; otherwise the whole text is counted again.
+	const bool additive = fLengthExact && EndsOnBoundary(fBuffer, ownLength);
+	const uint32 added = additive ? static_cast<uint32>(CountChars(s, addedLength)) : 0;
+	StrCat(s);
+	if (additive)
+		fLength += added;
+	else
+		CalcLength();
+	return *this;
+}
+
+UTFString& UTFString::operator+=(const UTFString& other)
+{
+	if (fBuffer == NULL)
+		return *this = other;
+	if (other.fBuffer == NULL)
+		return *this;
+	return *this += other.fBuffer;
+}
+
+UTFString operator+(const UTFString& a, const UTFString& b)
+{
+	UTFString result(a);
+	result += b;
+	return result;
+}
+
+void UTFString::Split(uint32 index, UTFString& left, UTFString& right) const
+{
+	if (fBuffer == NULL)
+		return;
+	const size_t total = strlen(fBuffer);
+	const size_t offset = WalkChars(fBuffer, total, std::min(index, fLength));
+	// Both parts are made before either output is touched: left or right
+	// may be this string.
+	UTFString head(NULL);
+	UTFString tail(NULL);
+	head.AssignBytes(fBuffer, offset);
+	tail.AssignBytes(fBuffer + offset, total - offset);
+	std::swap(left.fBuffer, head.fBuffer);
+	left.fLength = head.fLength;
+	left.fLengthExact = true;
+	std::swap(right.fBuffer, tail.fBuffer);
+	right.fLength = tail.fLength;
+	right.fLengthExact = true;
+}
+
+UTFString UTFString::Left(uint32 n) const
+{
+	UTFString result;
+	if (fBuffer != NULL)
+		result.AssignBytes(fBuffer, ByteOffsetOf(std::min(n, fLength)));
+	return result;
+}
+
+UTFString UTFString::Right(uint32 n) const
+{
+	// The count is capped at length - 1 (wrapping on an empty string), so
+	// the first character is never part of the result.
+	const uint32 count = std::min(n, fLength - 1);
+	return StringAt(static_cast<int32>(fLength - count));
+}
+
+UTFString UTFString::StringAt(int32 i) const
+{
+	UTFString result;
+	if (fBuffer != NULL) {
+		const size_t total = strlen(fBuffer);
+		const size_t offset = WalkChars(fBuffer, total, std::min(static_cast<uint32>(i), fLength));
+		result.AssignBytes(fBuffer + offset, total - offset);
+	}
+	return result;
+}
+
+UTFString UTFString::Mid(uint32 start, uint32 count) const
+{
+	UTFString result;
+	if (fBuffer == NULL)
+		return result;
+	const uint32 last = fLength - 1;
+	const uint32 first = std::min(start, last);
+	uint32 end = start + count;
+	if (end >= fLength)
+		end = last;
+	if (first > end)
+		return result;
+	const size_t total = strlen(fBuffer);
+	const size_t from = WalkChars(fBuffer, total, std::min(first, fLength));
+	const size_t to = from + WalkChars(fBuffer + from, total - from, end - first);
+	result.AssignBytes(fBuffer + from, to - from);
+	return result;
+}
+
+void UTFString::Insert(uint32 from, uint32 to, const UTFString& s)
+{
+	if (fBuffer == NULL) {
+		*this = s;
+		return;
+	}
+	const size_t total = strlen(fBuffer);
+	const size_t head = WalkChars(fBuffer, total, std::min(from, fLength));
+	// to below from wraps to a large count and so reaches the end.
+	const size_t tail = head + WalkChars(fBuffer + head, total - head, to - from);
+	const size_t inserted = SafeLength(s.fBuffer);
+	ByteBuilder text(head + inserted + (total - tail));
+	text.Append(fBuffer, head);
+	text.Append(s.fBuffer, inserted);
+	text.Append(fBuffer + tail, total - tail);
+	const size_t size = text.Size();
+	Adopt(text.Release(), size);
+}
+
+UTFString UTFString::Remove(uint32 from, uint32 to)
+{
+	UTFString rest;
+	if (fBuffer == NULL || to < from)
+		return rest;
+	const size_t total = strlen(fBuffer);
+	size_t before;
+	const size_t tail = WalkChars(fBuffer, total, std::min(to, fLength), &before);
+	const size_t head = WalkChars(fBuffer, tail, std::min(from, static_cast<uint32>(before)));
+	rest.AssignBytes(fBuffer + tail, total - tail);
+	ByteBuilder text(head + (total - tail));
+	text.Append(fBuffer, head);
+	text.Append(fBuffer + tail, total - tail);
+	const size_t size = text.Size();
+	Adopt(text.Release(), size);
+	return rest;
+}
+
+bool UTFString::Split(const UTFString& sep, UTFString& left, UTFString& right) const
+{
+	if (fBuffer == NULL)
+		return false;
+	const int32 position = InStr(sep);
+	if (position == -1) {
+		left = *this;
+		return false;
+	}
+	UTFString head;
+	UTFString remainder;
+	Split(static_cast<uint32>(position), head, remainder);
+	UTFString after;
+	if (remainder.Length() >= sep.Length()) {
+		UTFString separator;
+		remainder.Split(sep.Length(), separator, after);
+	}
+	left = head;
+	right = after;
+	return true;
+}
+
+bool UTFString::SplitChar(const UTFString& set, UTFString& left, UTFString& right) const
+{
+	if (fBuffer == NULL)
+		return false;
+	const size_t total = strlen(fBuffer);
+	const size_t setTotal = SafeLength(set.fBuffer);
+	size_t offset = 0;
+	for (uint32 index = 0; index < fLength && offset < total; index++) {
+		const UTFChar own(fBuffer + offset);
+		size_t setOffset = 0;
+		for (uint32 k = 0; k < set.fLength && setOffset < setTotal; k++) {
+			if (own == UTFChar(set.fBuffer + setOffset)) {
+				Split(index, left, right);
+				return true;
+			}
+			setOffset = std::min(setOffset + CharSize(set.fBuffer + setOffset), setTotal);
+		}
+		offset += CharSize(fBuffer + offset);
+	}
+	left = *this;
+	return false;
+}
+
+int32 UTFString::InStr(const UTFString& s) const
+{
+	if (fBuffer == NULL || s.fBuffer == NULL)
+		return -1;
+	const char* match = strstr(fBuffer, s.fBuffer);
+	if (match == NULL)
+		return -1;
+	// The characters whose first byte lies before the match.
+	return static_cast<int32>(CountChars(fBuffer, match - fBuffer));
+}
+
+int32 UTFString::InStr(int32 start, const UTFString& s) const
+{
+	if (fBuffer == NULL || s.fBuffer == NULL || start < 0 || static_cast<uint32>(start) >= fLength)
+		return -1;
+	const char* from = fBuffer + WalkChars(fBuffer, strlen(fBuffer), start);
+	const char* match = strstr(from, s.fBuffer);
+	if (match == NULL)
+		return -1;
+	return start + static_cast<int32>(CountChars(from, match - from));
+}
+
+namespace {
+
+template <int (*kMap)(int)> void MapAsciiLetters(char* buffer, uint32 length)
+{
+	if (buffer == NULL)
+		return;
+	const size_t total = strlen(buffer);
+	size_t offset = 0;
+	for (uint32 i = 0; i < length && offset < total; i++) {
+		const uint8 first = static_cast<uint8>(buffer[offset]);
+		if (first < 0x80) {
+			// Only an ASCII result is taken, so no locale can turn a letter
+			// into a byte that would break the UTF-8 text.
+			const int mapped = kMap(first);
+			if (mapped >= 0 && mapped < 0x80)
+				buffer[offset] = static_cast<char>(mapped);
+		}
+		offset += CharSize(first);
+	}
+}
+
+} // namespace
+
+void UTFString::ToUpper()
+{
+	MapAsciiLetters<toupper>(fBuffer, fLength);
+}
+
+void UTFString::ToLower()
+{
+	MapAsciiLetters<tolower>(fBuffer, fLength);
+}
+
+UTFChar UTFString::GetChar(uint32 index) const
+{
+	if (fBuffer == NULL)
+		return UTFChar();
+	return UTFChar(fBuffer + ByteOffsetOf(index));
+}
+
+char UTFString::GetChar8(uint32 index) const
+{
+	if (fBuffer == NULL)
+		return 0;
+	return fBuffer[ByteOffsetOf(index)];
+}
+
+void UTFString::SetChar(const UTFChar& c, uint32 index)
+{
+	Insert(index, index + 1, UTFString(c));
+}
+
+// #pragma mark - Replace
+//
+// Each pass replaces the match at character p by the new text and resumes
+// the search at p plus the length of the old text in the changed string.
+// Everything before the match stays as it is in later passes, so the result
+// can be built from left to right instead of rebuilding the string each pass.
+
+void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
+{
+	if (fBuffer == NULL || oldText.fBuffer == NULL)
+		return;
+	// Private copies: either argument may be this string.
+	const UTFString pattern(oldText);
+	const UTFString replacement(newText);
+
+	if (pattern.fLength == 0) {
+		// An empty pattern matches at 0 on every pass, and each pass puts the
+		// new text in front of all characters but the first. With an empty
+		// new text this empties the string; otherwise it never ends.
+		if (replacement.fLength == 0)
+			AssignBytes("", 0);
+		return;
+	}
+
+	bool ownWellFormed;
+	bool patternWellFormed;
+	bool replacementWellFormed = true;
+	CountChars(fBuffer, strlen(fBuffer), &ownWellFormed);
+	CountChars(pattern.fBuffer, strlen(pattern.fBuffer), &patternWellFormed);
+	if (replacement.fBuffer != NULL)
+		CountChars(replacement.fBuffer, strlen(replacement.fBuffer), &replacementWellFormed);
+	if (ownWellFormed && patternWellFormed && replacementWellFormed)
+		ReplaceWellFormed(pattern, replacement);
+	else
+		ReplaceSlowly(pattern, replacement);
+}
+
+// In well-formed text a match of a well-formed pattern starts on a character
+// and covers exactly the pattern's characters, and lengths add up under
+// concatenation. After a pass the text still to be searched is the part of
+// the new text beyond the pattern's length (Q), followed by the rest of the
+// original. If Q holds the pattern, every later pass finds a match inside Q
+// again and the loop never ends; otherwise each pass consumes original text.
+bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& replacement)
+{
+	const char* const text = fBuffer;
+	const size_t total = strlen(text);
+	const char* const end = text + total;
+	const char* const old = pattern.fBuffer;
+	const size_t oldBytes = strlen(old);
+	const uint32 oldChars = pattern.fLength;
+	const char* const with = replacement.fBuffer != NULL ? replacement.fBuffer : "";
+	const size_t withBytes = strlen(with);
+	const uint32 withChars = replacement.fLength;
+
+	if (strstr(text, old) == NULL)
+		return false;
+
+	// The search resumes inside the new text when it has at least as many
+	// characters as the pattern, and beyond it (skipping original
+	// characters) otherwise.
+	const bool resumesInside = withChars >= oldChars;
+	size_t keptBytes = withBytes;
+	const char* rescan = with + withBytes;
+	size_t rescanBytes = 0;
+	if (resumesInside) {
+		keptBytes = WalkChars(with, withBytes, oldChars);
+		rescan = with + keptBytes;
+		rescanBytes = withBytes - keptBytes;
+		if (rescanBytes >= oldBytes && memmem(rescan, rescanBytes, old, oldBytes) != NULL)
+			return false;
+	}
+
+	ByteBuilder out(total);
+	const char* rest = text;
+	bool rescanPending = false;
+	std::string window;
+	for (;;) {
+		// A match that starts inside the pending part of the new text runs
+		// on into the original (the part itself holds no match).
+		size_t matchInRescan = rescanBytes;
+		if (rescanPending && rescanBytes != 0) {
+			window.assign(rescan, rescanBytes);
+			window.append(rest, std::min(oldBytes - 1, static_cast<size_t>(end - rest)));
+			const void* hit = memmem(window.data(), window.size(), old, oldBytes);
+			if (hit != NULL)
+				matchInRescan = static_cast<const char*>(hit) - window.data();
+		}
+		if (matchInRescan < rescanBytes) {
+			out.Append(rescan, matchInRescan);
+			rest += matchInRescan + oldBytes - rescanBytes;
+		} else {
+			const char* match = strstr(rest, old);
+			if (match == NULL)
+				break;
+			if (rescanPending)
+				out.Append(rescan, rescanBytes);
+			out.Append(rest, match - rest);
+			rest = match + oldBytes;
+		}
+		out.Append(with, keptBytes);
+		if (resumesInside) {
+			rescanPending = true;
+		} else {
+			// The resume index lies beyond the new text: the characters
+			// skipped there are kept but not searched.
+			size_t skipped;
+			const size_t bytes = WalkChars(rest, end - rest, oldChars - withChars, &skipped);
+			out.Append(rest, bytes);
+			rest += bytes;
+			if (skipped < oldChars - withChars)
+				break;
+		}
+	}
+	if (rescanPending)
+		out.Append(rescan, rescanBytes);
+	out.Append(rest, end - rest);
+	const size_t size = out.Size();
+	Adopt(out.Release(), size);
+	return true;
+}
+
+// Any text: each pass is carried out as the string operations define it,
+// on the part of the string after the last match only. "done" holds the
+// bytes before the match (its characters end exactly at its end), "work" the
+// rest. The number of passes is bounded by the original byte length plus
+// one, which no ending loop on well-formed text exceeds; a loop that goes on
+// beyond it leaves the string unchanged.
+bool UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replacement)
+{
+	const char* const old = pattern.fBuffer;
+	const uint32 oldChars = pattern.fLength;
+	const std::string with(replacement.fBuffer != NULL ? replacement.fBuffer : "");
+	const size_t total = strlen(fBuffer);
+
+	const char* first = strstr(fBuffer, old);
+	if (first == NULL)
+		return false;
+	std::string done;
+	uint32 doneChars = 0;
+	std::string work(fBuffer, total);
+	uint32 position = static_cast<uint32>(CountChars(fBuffer, first - fBuffer));
+
+	for (size_t passes = 1;; passes++) {
+		if (passes > total + 1)
+			return false;
+		const uint32 length = doneChars + static_cast<uint32>(CountChars(work.data(), work.size()));
+
+		// Left(position)
+		const uint32 leftChars = std::min(position, length);
+		bool leftCut;
+		const size_t leftInWork =
+		    WalkChars(work.data(), work.size(), leftChars - doneChars, NULL, &leftCut);
+
+		// Right(length - (oldChars + position)), in unsigned arithmetic.
+		const uint32 rightCount = std::min(length - (oldChars + position), length - 1);
+		const uint32 rightStart = std::min(length - rightCount, length);
+		std::string right;
+		if (rightStart >= doneChars) {
+			right = work.substr(WalkChars(work.data(), work.size(), rightStart - doneChars));
+		} else {
+			right = done.substr(WalkChars(done.data(), done.size(), rightStart)) + work;
+		}
+
+		if (leftCut) {
+			// The left part ends inside a cut character, which the new text
+			// will continue: keep everything in the working part.
+			work = done + work.substr(0, leftInWork) + with + right;
+			done.clear();
+			doneChars = 0;
+		} else {
+			done.append(work, 0, leftInWork);
+			doneChars = leftChars;
+			work = with + right;
+		}
+
+		// InStr(position + oldChars, old) on the new string.
+		const uint32 resume = position + oldChars;
+		const uint32 newLength =
+		    doneChars + static_cast<uint32>(CountChars(work.data(), work.size()));
+		if (static_cast<int32>(resume) < 0 || resume >= newLength)
+			break;
+		const char* from = work.c_str() + WalkChars(work.data(), work.size(), resume - doneChars);
+		const char* match = strstr(from, old);
+		if (match == NULL)
+			break;
+		position = resume + static_cast<uint32>(CountChars(from, match - from));
+	}
+	const std::string result = done + work;
+	AssignBytes(result.data(), result.size());
+	return true;
+}
