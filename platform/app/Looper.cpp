@@ -22,9 +22,7 @@ using BPrivate::MessageDelivery;
 // #pragma mark - LooperPort
 
 LooperPort::LooperPort(int32 capacity)
-	:
-	fCapacity(capacity > 0 ? static_cast<size_t>(capacity) : 1),
-	fClosed(false)
+    : fCapacity(capacity > 0 ? static_cast<size_t>(capacity) : 1), fClosed(false)
 {
 }
 
@@ -72,7 +70,8 @@ void LooperPort::Close(std::vector<BMessage*>* leftovers)
 
 namespace {
 
-struct RegistryTable {
+struct RegistryTable
+{
 	std::mutex lock;
 	std::map<int32, LooperRegistry::Target> loopers;
 	int32 nextId = 1;
@@ -163,7 +162,8 @@ bool LooperRegistry::FindHandler(int32 id, int32 token, BLooper** looper, BHandl
 
 // #pragma mark - BLooper
 
-struct BLooper::Private {
+struct BLooper::Private
+{
 	std::shared_ptr<LooperPort> port;
 	// Guards `handlers` and the handlers' looper links, so that messengers
 	// can resolve tokens from any thread. Changes also need the looper lock.
@@ -187,17 +187,9 @@ const std::shared_ptr<LooperPort>& LooperAccess::Port(const BLooper* looper)
 }
 
 BLooper::BLooper(const char* name, int32 priority, int32 portCapacity)
-	:
-	BHandler(name),
-	fLock(name != NULL ? name : "BLooper"),
-	fPrivate(new Private),
-	fId(-1),
-	fPriority(priority),
-	fThread(-1),
-	fRunCalled(false),
-	fTerminating(false),
-	fPreferred(NULL),
-	fCurrentMessage(NULL)
+    : BHandler(name), fLock(name != NULL ? name : "BLooper"), fPrivate(new Private), fId(-1),
+      fPriority(priority), fThread(-1), fRunCalled(false), fTerminating(false), fPreferred(NULL),
+      fCurrentMessage(NULL)
 {
 	fPrivate->port = std::make_shared<LooperPort>(portCapacity);
 	// As on the platform, the constructing thread holds the lock until Run.

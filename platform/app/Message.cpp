@@ -19,7 +19,8 @@ using BPrivate::MessageDelivery;
 
 namespace {
 
-struct Field {
+struct Field
+{
 	std::string name;
 	type_code type;
 	bool fixedSize;
@@ -34,7 +35,8 @@ const uint32 kFlatMagic = 0x504D5347;
 
 } // namespace
 
-struct BMessage::Fields {
+struct BMessage::Fields
+{
 	std::vector<Field> list;
 
 	Field* Find(const char* name)
@@ -49,7 +51,9 @@ struct BMessage::Fields {
 	const Field* Find(const char* name) const { return const_cast<Fields*>(this)->Find(name); }
 };
 
-struct BMessage::Delivery : MessageDelivery {};
+struct BMessage::Delivery : MessageDelivery
+{
+};
 
 // #pragma mark - Field lookup shared by every typed member
 
@@ -57,9 +61,9 @@ namespace {
 
 // The item `index` of field `name` of type `type` (B_ANY_TYPE matches every
 // type), or the status that explains why there is none.
-template<typename FieldT, typename FieldsT>
+template <typename FieldT, typename FieldsT>
 status_t LocateItem(FieldsT* fields, const char* name, type_code type, int32 index,
-	FieldT** fieldOut)
+                    FieldT** fieldOut)
 {
 	if (name == nullptr)
 		return B_BAD_VALUE;
@@ -84,27 +88,12 @@ bool SizeIsStorable(ssize_t numBytes)
 
 // #pragma mark - Construction
 
-BMessage::BMessage()
-	:
-	what(0),
-	fFields(new Fields),
-	fDelivery(nullptr)
-{
-}
+BMessage::BMessage() : what(0), fFields(new Fields), fDelivery(nullptr) {}
 
-BMessage::BMessage(uint32 command)
-	:
-	what(command),
-	fFields(new Fields),
-	fDelivery(nullptr)
-{
-}
+BMessage::BMessage(uint32 command) : what(command), fFields(new Fields), fDelivery(nullptr) {}
 
 BMessage::BMessage(const BMessage& other)
-	:
-	what(other.what),
-	fFields(new Fields(*other.fFields)),
-	fDelivery(nullptr)
+    : what(other.what), fFields(new Fields(*other.fFields)), fDelivery(nullptr)
 {
 }
 
@@ -130,7 +119,7 @@ BMessage& BMessage::operator=(const BMessage& other)
 // #pragma mark - Information
 
 status_t BMessage::GetInfo(type_code typeRequested, int32 index, char** nameFound,
-	type_code* typeFound, int32* countFound) const
+                           type_code* typeFound, int32* countFound) const
 {
 	if (index < 0 || static_cast<size_t>(index) >= fFields->list.size())
 		return B_BAD_INDEX;
@@ -232,7 +221,7 @@ status_t BMessage::MakeEmpty()
 // #pragma mark - Raw data
 
 status_t BMessage::AddData(const char* name, type_code type, const void* data, ssize_t numBytes,
-	bool isFixedSize, int32 count)
+                           bool isFixedSize, int32 count)
 {
 	if (name == nullptr || data == nullptr || type == B_ANY_TYPE || !SizeIsStorable(numBytes))
 		return B_BAD_VALUE;
@@ -243,8 +232,7 @@ status_t BMessage::AddData(const char* name, type_code type, const void* data, s
 		if (field->fixedSize && field->itemSize != static_cast<size_t>(numBytes))
 			return B_BAD_VALUE;
 	} else {
-		fFields->list.push_back(
-			Field{name, type, isFixedSize, static_cast<size_t>(numBytes), {}});
+		fFields->list.push_back(Field{name, type, isFixedSize, static_cast<size_t>(numBytes), {}});
 		field = &fFields->list.back();
 		if (count > 1)
 			field->items.reserve(static_cast<size_t>(count));
@@ -255,7 +243,7 @@ status_t BMessage::AddData(const char* name, type_code type, const void* data, s
 }
 
 status_t BMessage::FindData(const char* name, type_code type, int32 index, const void** data,
-	ssize_t* numBytes) const
+                            ssize_t* numBytes) const
 {
 	if (data == nullptr)
 		return B_BAD_VALUE;
@@ -271,13 +259,13 @@ status_t BMessage::FindData(const char* name, type_code type, int32 index, const
 }
 
 status_t BMessage::FindData(const char* name, type_code type, const void** data,
-	ssize_t* numBytes) const
+                            ssize_t* numBytes) const
 {
 	return FindData(name, type, 0, data, numBytes);
 }
 
 status_t BMessage::ReplaceData(const char* name, type_code type, int32 index, const void* data,
-	ssize_t numBytes)
+                               ssize_t numBytes)
 {
 	if (data == nullptr || !SizeIsStorable(numBytes))
 		return B_BAD_VALUE;
@@ -292,8 +280,7 @@ status_t BMessage::ReplaceData(const char* name, type_code type, int32 index, co
 	return B_OK;
 }
 
-status_t BMessage::ReplaceData(const char* name, type_code type, const void* data,
-	ssize_t numBytes)
+status_t BMessage::ReplaceData(const char* name, type_code type, const void* data, ssize_t numBytes)
 {
 	return ReplaceData(name, type, 0, data, numBytes);
 }
@@ -309,15 +296,14 @@ bool BMessage::HasData(const char* name, type_code type, int32 index) const
 namespace {
 
 // Fixed-size values of the typed families, stored by their bytes.
-template<typename T>
+template <typename T>
 status_t AddValue(BMessage* message, const char* name, type_code type, T value)
 {
 	return message->AddData(name, type, &value, sizeof(T), true);
 }
 
-template<typename T>
-status_t FindValue(const BMessage* message, const char* name, type_code type, int32 index,
-	T* value)
+template <typename T>
+status_t FindValue(const BMessage* message, const char* name, type_code type, int32 index, T* value)
 {
 	if (value == nullptr)
 		return B_BAD_VALUE;
@@ -332,7 +318,7 @@ status_t FindValue(const BMessage* message, const char* name, type_code type, in
 	return B_OK;
 }
 
-template<typename T>
+template <typename T>
 status_t ReplaceValue(BMessage* message, const char* name, type_code type, int32 index, T value)
 {
 	return message->ReplaceData(name, type, index, &value, sizeof(T));
@@ -518,7 +504,7 @@ status_t BMessage::FindMessage(const char* name, int32 index, BMessage* message)
 	if (status != B_OK)
 		return status;
 	if (!MessageAccess::Unflatten(message, static_cast<const uint8*>(data),
-			static_cast<size_t>(size)))
+	                              static_cast<size_t>(size)))
 		return B_BAD_DATA;
 	return B_OK;
 }
@@ -626,8 +612,7 @@ status_t BMessage::ReplaceMessage(const char* name, int32 index, const BMessage*
 		return B_BAD_VALUE;
 	std::vector<uint8> flat;
 	MessageAccess::Flatten(message, &flat);
-	return ReplaceData(name, B_MESSAGE_TYPE, index, flat.data(),
-		static_cast<ssize_t>(flat.size()));
+	return ReplaceData(name, B_MESSAGE_TYPE, index, flat.data(), static_cast<ssize_t>(flat.size()));
 }
 
 bool BMessage::HasBool(const char* name, int32 index) const
@@ -713,7 +698,7 @@ status_t BMessage::SendReply(BMessage* reply, BHandler* replyTo, bigtime_t timeo
 	if (fDelivery->replyLooper < 0)
 		return B_BAD_REPLY;
 	status_t status = BPrivate::DeliverTo(fDelivery->replyLooper, fDelivery->replyToken, reply,
-		replyTo, nullptr, timeout);
+	                                      replyTo, nullptr, timeout);
 	if (status == B_OK)
 		fDelivery->replied = true;
 	return status;
@@ -769,7 +754,8 @@ void PutUint32(std::vector<uint8>* out, uint32 value)
 	out->insert(out->end(), bytes, bytes + sizeof(value));
 }
 
-class FlatReader {
+class FlatReader
+{
 public:
 	FlatReader(const uint8* data, size_t size) : fData(data), fLeft(size) {}
 
@@ -830,8 +816,8 @@ bool MessageAccess::Unflatten(BMessage* message, const uint8* data, size_t size)
 	uint32 what = 0;
 	uint32 fieldCount = 0;
 	BMessage::Fields fields;
-	bool ok = reader.Uint32(&magic) && magic == kFlatMagic && reader.Uint32(&what)
-		&& reader.Uint32(&fieldCount);
+	bool ok = reader.Uint32(&magic) && magic == kFlatMagic && reader.Uint32(&what) &&
+	          reader.Uint32(&fieldCount);
 	for (uint32 i = 0; ok && i < fieldCount; i++) {
 		Field field{};
 		uint8 fixed = 0;
