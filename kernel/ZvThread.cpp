@@ -1,6 +1,8 @@
 // ZvThread.cpp: static wrappers over the kernel's threads.
 #include <ZvThread.h>
 
+#include "WrapperCalls.h"
+
 #include <OS.h>
 
 #include <cstdio>
@@ -76,5 +78,5 @@ bool ZvThread::Terminate(uint32 thread)
 
 uint32 ZvThread::CurrentID()
 {
-	return static_cast<uint32>(find_thread(nullptr));
+	return zvkit_private::CurrentThread();
 }

@@ -677,16 +677,13 @@ void exit_thread(status_t status)
 	pthread_exit(nullptr);
 }
 
-thread_id find_thread(const char* name)
-{
-	if (name == nullptr) {
-		// The host's thread id does not change, so it is read once per
-		// thread (a forked child reads it again).
-		if (tTid == 0)
-			tTid = HostThreadId();
-		return tTid;
-	}
+namespace zvplatform {
+namespace {
 
+// find_thread by name: kept out of line so that find_thread(NULL) stays a
+// few instructions.
+__attribute__((noinline)) thread_id FindThreadByName(const char* name)
+{
 	char wanted[B_OS_NAME_LENGTH];
 	CopyName(wanted, sizeof(wanted), name);
 	{
@@ -712,6 +709,21 @@ thread_id find_thread(const char* name)
 	}
 	closedir(tasks);
 	return found;
+}
+
+} // namespace
+} // namespace zvplatform
+
+thread_id find_thread(const char* name)
+{
+	if (name == nullptr) {
+		// The host's thread id does not change, so it is read once per
+		// thread (a forked child reads it again).
+		if (__builtin_expect(tTid == 0, 0))
+			tTid = HostThreadId();
+		return tTid;
+	}
+	return FindThreadByName(name);
 }
 
 status_t get_thread_info(thread_id id, thread_info* info)
