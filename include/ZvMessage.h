@@ -82,6 +82,10 @@ public:
 	int32 size;
 	uint8* data;
 	char name[64];
+
+private:
+	// Takes a copy of length bytes as the item's value.
+	void _AdoptBlock(const uint8* source, int32 length);
 };
 
 class ZV_EXPORT ZvMessage
