@@ -564,3 +564,21 @@ TEST(OSSemaphore, CanInterruptLetsASignalEndTheWait)
 	delete_sem(sem);
 	sigaction(SIGUSR1, &old, nullptr);
 }
+
+TEST(OSSemaphore, TableRunsOutWithNoMoreSemsAndRecovers)
+{
+	std::vector<sem_id> sems;
+	sem_id sem;
+	while ((sem = create_sem(0, "filler")) > 0) {
+		sems.push_back(sem);
+		ASSERT_LE(sems.size(), 65536u);
+	}
+	EXPECT_EQ(sem, B_NO_MORE_SEMS);
+	EXPECT_GT(sems.size(), 60000u);
+	for (sem_id filler : sems)
+		ASSERT_EQ(delete_sem(filler), B_OK);
+	sem = create_sem(1, "after");
+	ASSERT_GT(sem, 0);
+	EXPECT_EQ(acquire_sem(sem), B_OK);
+	delete_sem(sem);
+}
