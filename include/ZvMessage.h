@@ -82,6 +82,10 @@ public:
 	int32 size;
 	uint8* data;
 	char name[64];
+
+private:
+	// Takes a copy of length bytes as the item's value.
+	void _AdoptBlock(const uint8* source, int32 length);
 };
 
 class ZV_EXPORT ZvMessage
@@ -93,6 +97,7 @@ public:
 	explicit ZvMessage(int what);
 	// Copies what and deep copies of the items; flags start at 0.
 	ZvMessage(const ZvMessage& other);
+	// A null other gives an empty message with what 0.
 	explicit ZvMessage(const ZvMessage* other);
 	// An empty message, then Unflatten(flat).
 	explicit ZvMessage(const void* flat);
@@ -104,6 +109,7 @@ public:
 	// Empties this message, takes other's what and deep copies of its items;
 	// flags keep their value. Assigning a message to itself empties it.
 	ZvMessage& operator=(const ZvMessage& other);
+	// As operator= on *other; a null other changes nothing.
 	void Set(const ZvMessage* other);
 	void SetFlags(uint32 flags);
 

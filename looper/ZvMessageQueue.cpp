@@ -5,6 +5,8 @@
 #include <ZvMessage.h>
 #include <ZvSemaphore.h>
 
+#include "Spin.h"
+
 namespace {
 
 const int32 kQueueListStep = 16;
@@ -36,7 +38,7 @@ void ZvMessageQueue::AddMessage(ZvMessage* message)
 
 bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 {
-	if (!Lock())
+	if (!zvlooper::LockSoon(*this))
 		return false;
 
 	if (fMessages.CountItems() > fLimit) {
@@ -60,7 +62,7 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 
 ZvMessage* ZvMessageQueue::RemoveMessage()
 {
-	if (!Lock())
+	if (!zvlooper::LockSoon(*this))
 		return nullptr;
 
 	ZvMessage* message = fMessages.RemoveItem(0);

@@ -422,18 +422,22 @@ void BLooper::Quit()
 	}
 
 	const thread_id thread = fThread;
+	// The looper's thread must be able to lock the looper to finish, so this
+	// thread gives up every lock it holds on it. How many those are is read
+	// before the quit order goes out: once the order is queued, a looper
+	// that this thread does not hold may be deleted at any moment, and
+	// after the last Unlock nothing of `this` is touched either.
+	int32 held = fLock.LockingThread() == self ? fLock.CountLocks() : 0;
 	// The quit order bypasses the queue's capacity; if the port is already
-	// closed the looper is being deleted anyway.
+	// closed the looper is being deleted anyway. The port is held by a
+	// reference of this call: the looper (and its reference) may be gone
+	// before Push has returned.
+	std::shared_ptr<LooperPort> port = fPrivate->port;
 	BMessage* order = MessageAccess::MakeQuitOrder();
-	if (fPrivate->port->Push(order, 0, true) != B_OK)
+	if (port->Push(order, 0, true) != B_OK)
 		delete order;
-	// The looper's thread must be able to lock the looper to finish: give
-	// up every lock this thread holds on it. `this` may be deleted as soon
-	// as the last one is released, so nothing is touched after that.
-	if (fLock.LockingThread() == self) {
-		for (int32 count = fLock.CountLocks(); count > 0; count--)
-			fLock.Unlock();
-	}
+	for (; held > 0; held--)
+		fLock.Unlock();
 	status_t exitValue = B_OK;
 	wait_for_thread(thread, &exitValue);
 }

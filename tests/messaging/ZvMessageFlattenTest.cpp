@@ -233,6 +233,30 @@ TEST(ZvMessageFlattenTest, TrustingUnflattenReadsAZeroSizedRecord)
 	EXPECT_EQ(flat, FlatBytes(restored));
 }
 
+TEST(ZvMessageFlattenTest, UnflattenIntoAMessageWithMoreOrFewerItemsLeavesOnlyTheBlocks)
+{
+	ZvMessage small(1);
+	small.AddString("s", "short");
+	small.AddInt32("n", 3);
+	ZvMessage big(2);
+	for (int i = 0; i < 40; i++)
+		big.AddString("s", std::string(i, 'x').c_str());
+	const std::vector<uint8> smallFlat = FlatBytes(small);
+	const std::vector<uint8> bigFlat = FlatBytes(big);
+
+	ZvMessage target(0);
+	for (int round = 0; round < 3; round++) {
+		ASSERT_TRUE(target.Unflatten(bigFlat.data(), bigFlat.size()));
+		EXPECT_EQ(bigFlat, FlatBytes(target));
+		ASSERT_TRUE(target.Unflatten(smallFlat.data()));
+		EXPECT_EQ(smallFlat, FlatBytes(target));
+		const char* text = nullptr;
+		ASSERT_TRUE(target.FindString("s", &text));
+		EXPECT_STREQ("short", text);
+		EXPECT_FALSE(target.HasString("s", 1));
+	}
+}
+
 // The bounded Unflatten
 
 TEST(ZvMessageBoundedUnflattenTest, AcceptsEveryWellFormedBlockAndIgnoresTrailingBytes)

@@ -471,4 +471,85 @@ TEST(BLooperTest, ConcurrentPostersKeepTheirOwnOrder)
 	}
 }
 
+TEST(BLooperTest, AQuitRequestAimedAtAHandlerIsAnOrdinaryMessage)
+{
+	zvtest::Watchdog watchdog(30s, "quit request to a handler");
+	std::atomic<bool> deleted{false};
+	RecordingHandler handler("recorder", B_QUIT_REQUESTED, 1);
+	TestLooper* looper = new TestLooper(&deleted);
+	looper->AddHandler(&handler);
+	looper->Run();
+	ASSERT_EQ(B_OK, looper->PostMessage(B_QUIT_REQUESTED, &handler));
+	ASSERT_TRUE(handler.Wait());
+	EXPECT_EQ(0, looper->fQuitAsked.load());
+	EXPECT_FALSE(deleted.load());
+	ASSERT_TRUE(looper->Lock());
+	looper->Quit();
+	EXPECT_TRUE(deleted.load());
+}
+
+TEST(BLooperTest, QuitFromOutsideWaitsForTheMessageBeingHandled)
+{
+	zvtest::Watchdog watchdog(30s, "quit while busy");
+	class BusyHandler : public BHandler
+	{
+	public:
+		void MessageReceived(BMessage*) override
+		{
+			fStarted.CountDown();
+			fRelease.WaitFor(20s);
+			fFinished = true;
+		}
+		zvtest::Latch fStarted{1};
+		zvtest::Latch fRelease{1};
+		std::atomic<bool> fFinished{false};
+	};
+	std::atomic<bool> deleted{false};
+	BusyHandler handler;
+	TestLooper* looper = new TestLooper(&deleted);
+	looper->AddHandler(&handler);
+	looper->Run();
+	ASSERT_EQ(B_OK, looper->PostMessage(kTick, &handler));
+	ASSERT_TRUE(handler.fStarted.WaitFor(20s));
+
+	zvtest::Latch quitting(1);
+	std::thread quitter([&] {
+		quitting.CountDown();
+		looper->Quit();
+	});
+	ASSERT_TRUE(quitting.WaitFor(20s));
+	// The looper cannot be gone while its handler is still running.
+	EXPECT_FALSE(deleted.load());
+	handler.fRelease.CountDown();
+	quitter.join();
+	EXPECT_TRUE(handler.fFinished.load());
+	EXPECT_TRUE(deleted.load());
+}
+
+TEST(BLooperTest, AHandlerDestroyedWhileItsLooperRunsLeavesIt)
+{
+	zvtest::Watchdog watchdog(30s, "handler destroyed while running");
+	RecordingHandler witness("witness", kStop, 1);
+	BLooper* looper = new BLooper;
+	looper->AddHandler(&witness);
+	looper->Run();
+	BMessenger messenger;
+	{
+		RecordingHandler temporary("temporary");
+		ASSERT_TRUE(looper->Lock());
+		looper->AddHandler(&temporary);
+		looper->Unlock();
+		messenger = BMessenger(&temporary);
+		EXPECT_EQ(&temporary, messenger.Target(NULL));
+	}
+	EXPECT_EQ(NULL, messenger.Target(NULL));
+	// Messages for the destroyed handler are dropped.
+	EXPECT_EQ(B_OK, messenger.SendMessage(kTick));
+	ASSERT_EQ(B_OK, looper->PostMessage(kStop, &witness));
+	ASSERT_TRUE(witness.Wait());
+	ASSERT_TRUE(looper->Lock());
+	EXPECT_EQ(2, looper->CountHandlers());
+	looper->Quit();
+}
+
 } // namespace

@@ -338,6 +338,21 @@ TEST_F(BMessengerTest, ARepliedMessageWithNowhereToGoIsRefused)
 	EXPECT_EQ(B_BAD_REPLY, fResponder.fReplyStatus.load());
 }
 
+TEST_F(BMessengerTest, ALooperMessengerReachesThePreferredHandler)
+{
+	ASSERT_TRUE(fLooper->Lock());
+	fLooper->SetPreferredHandler(&fResponder);
+	fLooper->Unlock();
+	BMessenger messenger(NULL, fLooper);
+	BMessage question(kAsk);
+	question.AddInt32("value", 4);
+	BMessage reply;
+	ASSERT_EQ(B_OK, messenger.SendMessage(&question, &reply));
+	int32 value = 0;
+	EXPECT_EQ(B_OK, reply.FindInt32("value", &value));
+	EXPECT_EQ(8, value);
+}
+
 TEST(BMessengerAbandonTest, AnAbandonedReplyChannelIsReleasedWithItsMessage)
 {
 	zvtest::Watchdog watchdog(30s, "abandoned reply");
