@@ -145,6 +145,8 @@ private:
 	void ds_StoreRaw(const void* data, int32 size);
 	void ds_StoreMessage(const BMessage* message);
 	void ds_Publish(const Access& access, uint32 what, bool notify);
+	// ds_DoAppUpdateSub for a propagating thread that knows its identifier.
+	void ds_Deliver(ZvDataSubscriber* target, uint32 what, bool notify, thread_id self);
 
 	int64 fInteger;
 	double fFloat;

@@ -97,6 +97,7 @@ public:
 	explicit ZvMessage(int what);
 	// Copies what and deep copies of the items; flags start at 0.
 	ZvMessage(const ZvMessage& other);
+	// A null other gives an empty message with what 0.
 	explicit ZvMessage(const ZvMessage* other);
 	// An empty message, then Unflatten(flat).
 	explicit ZvMessage(const void* flat);
@@ -108,6 +109,7 @@ public:
 	// Empties this message, takes other's what and deep copies of its items;
 	// flags keep their value. Assigning a message to itself empties it.
 	ZvMessage& operator=(const ZvMessage& other);
+	// As operator= on *other; a null other changes nothing.
 	void Set(const ZvMessage* other);
 	void SetFlags(uint32 flags);
 

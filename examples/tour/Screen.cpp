@@ -13,7 +13,8 @@ void ShowScreen()
 	const char* display = std::getenv("DISPLAY");
 	ZvScreen screen;
 	if (!screen.IsValid()) {
-		std::printf("No display is reachable (DISPLAY=%s): the screen is not valid.\n",
+		std::printf("The main screen is not valid: no display is reachable through DISPLAY=%s\n"
+		            "(or libX11 cannot be loaded by this build).\n",
 		            display != NULL ? display : "(unset)");
 	} else {
 		std::printf("Main screen of X display %s:\n", display);

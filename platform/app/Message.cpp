@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 using BPrivate::MessageAccess;
@@ -816,6 +817,7 @@ bool MessageAccess::Unflatten(BMessage* message, const uint8* data, size_t size)
 	uint32 what = 0;
 	uint32 fieldCount = 0;
 	BMessage::Fields fields;
+	std::unordered_set<std::string> names;
 	bool ok = reader.Uint32(&magic) && magic == kFlatMagic && reader.Uint32(&what) &&
 	          reader.Uint32(&fieldCount);
 	for (uint32 i = 0; ok && i < fieldCount; i++) {
@@ -825,15 +827,24 @@ bool MessageAccess::Unflatten(BMessage* message, const uint8* data, size_t size)
 		uint32 itemCount = 0;
 		ok = reader.Uint32(&field.type) && reader.Bytes(&fixed, 1) && reader.Uint32(&nameLength);
 		const uint8* name = ok ? reader.Take(nameLength) : nullptr;
-		ok = name != nullptr && reader.Uint32(&itemCount) && itemCount > 0;
+		// Only what AddData could have stored is accepted: a known type, a
+		// fixed-size flag of 0 or 1, a name without zeros that no earlier
+		// field uses, and items of one size in a fixed-size field.
+		ok = name != nullptr && fixed <= 1 && field.type != B_ANY_TYPE &&
+		     std::memchr(name, '\0', nameLength) == nullptr && reader.Uint32(&itemCount) &&
+		     itemCount > 0;
+		if (ok) {
+			field.name.assign(reinterpret_cast<const char*>(name), nameLength);
+			ok = names.insert(field.name).second;
+		}
 		if (!ok)
 			break;
-		field.name.assign(reinterpret_cast<const char*>(name), nameLength);
 		field.fixedSize = fixed != 0;
 		for (uint32 j = 0; ok && j < itemCount; j++) {
 			uint32 itemSize = 0;
 			const uint8* item = reader.Uint32(&itemSize) ? reader.Take(itemSize) : nullptr;
-			ok = item != nullptr && itemSize > 0;
+			ok = item != nullptr && itemSize > 0 && itemSize <= 0x7FFFFFFF &&
+			     (!field.fixedSize || j == 0 || itemSize == field.items.front().size());
 			if (ok)
 				field.items.emplace_back(item, item + itemSize);
 		}

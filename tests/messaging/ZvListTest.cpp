@@ -221,6 +221,19 @@ TEST(ZvListTest, DefaultItemIsHandedBackForBadIndexes)
 	EXPECT_EQ(slots.At(100), list.RemoveItem(0));
 }
 
+TEST(ZvListTest, ListWithAStepBelowOneStaysEmpty)
+{
+	Slots slots;
+	for (int32 step : {0, -16}) {
+		ZvList<int*> list(step);
+		list.AddItem(slots.At(0));
+		EXPECT_EQ(0, list.count) << step;
+		EXPECT_EQ(0, list.capacity);
+		EXPECT_EQ(nullptr, list.items);
+		EXPECT_EQ(nullptr, list.ItemAt(0));
+	}
+}
+
 TEST(ZvListTest, DestructorDeletesItsLock)
 {
 	// Leak detection (ASan) fails this test if the lock is not deleted.

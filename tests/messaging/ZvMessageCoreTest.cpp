@@ -200,6 +200,20 @@ TEST(ZvMessageCoreTest, FlagsSurviveTheFlatFormOnly)
 	EXPECT_EQ(5u, FlagsOf(restored));
 }
 
+TEST(ZvMessageCoreTest, NullMessageCopiesToAnEmptyMessageAndSetFromNullChangesNothing)
+{
+	ZvMessage copy(static_cast<const ZvMessage*>(nullptr));
+	EXPECT_EQ(0u, copy.what);
+	EXPECT_TRUE(copy.IsEmpty());
+	ZvMessage message(3);
+	message.SetFlags(4);
+	message.AddInt32("kept", 1);
+	message.Set(nullptr);
+	EXPECT_EQ(3u, message.what);
+	EXPECT_EQ(4u, FlagsOf(message));
+	EXPECT_TRUE(message.HasInt32("kept", 0));
+}
+
 TEST(ZvMessageCoreTest, AssigningToItselfEmptiesItAndKeepsWhat)
 {
 	ZvMessage message(42);

@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -471,6 +472,33 @@ TEST(BMessageNestedTest, ForgedMessageBytesAreRefusedAndLeaveTheMessageEmpty)
 	EXPECT_EQ(B_BAD_DATA, outer.FindMessage("m", &found));
 	EXPECT_TRUE(found.IsEmpty());
 	EXPECT_EQ(0u, found.what);
+}
+
+TEST(BMessageNestedTest, EveryTruncationOrExtensionOfANestedMessageIsRefused)
+{
+	BMessage inner(Code("INNR"));
+	ASSERT_EQ(B_OK, inner.AddInt32("a", 42));
+	ASSERT_EQ(B_OK, inner.AddString("b", "text"));
+	BMessage holder;
+	ASSERT_EQ(B_OK, holder.AddMessage("m", &inner));
+	const void* data = NULL;
+	ssize_t size = 0;
+	ASSERT_EQ(B_OK, holder.FindData("m", B_MESSAGE_TYPE, &data, &size));
+	const uint8* bytes = static_cast<const uint8*>(data);
+	std::vector<uint8> copy(bytes, bytes + size);
+
+	for (ssize_t length = 1; length < size; length++) {
+		BMessage outer;
+		ASSERT_EQ(B_OK, outer.AddData("m", B_MESSAGE_TYPE, copy.data(), length, false));
+		BMessage found;
+		EXPECT_EQ(B_BAD_DATA, outer.FindMessage("m", &found)) << length;
+		EXPECT_TRUE(found.IsEmpty());
+	}
+	copy.push_back(0);
+	BMessage outer;
+	ASSERT_EQ(B_OK, outer.AddData("m", B_MESSAGE_TYPE, copy.data(), size + 1, false));
+	BMessage found;
+	EXPECT_EQ(B_BAD_DATA, outer.FindMessage("m", &found));
 }
 
 // #pragma mark - The message as a whole

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
@@ -520,4 +522,63 @@ TEST(OSSemaphore, AtomicAddReturnsThePreviousValue)
 	EXPECT_EQ(value, -1);
 	EXPECT_EQ(atomic_and(&value, 6), -1);
 	EXPECT_EQ(value, 6);
+}
+
+namespace {
+
+void IgnoreSignal(int) {}
+
+} // namespace
+
+TEST(OSSemaphore, CanInterruptLetsASignalEndTheWait)
+{
+	zvtest::Watchdog watchdog(30s);
+	// A handler installed without SA_RESTART, as for any interrupting signal.
+	struct sigaction action;
+	struct sigaction old;
+	memset(&action, 0, sizeof(action));
+	action.sa_handler = &IgnoreSignal;
+	sigemptyset(&action.sa_mask);
+	ASSERT_EQ(sigaction(SIGUSR1, &action, &old), 0);
+
+	const sem_id sem = create_sem(0, "interruptible");
+	std::atomic<status_t> interruptible{1};
+	std::atomic<status_t> plain{1};
+	std::thread first([&] { interruptible = acquire_sem_etc(sem, 1, B_CAN_INTERRUPT, 0); });
+	ASSERT_TRUE(CountBecomes(sem, -1));
+	std::thread second([&] { plain = acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 60000000); });
+	ASSERT_TRUE(CountBecomes(sem, -2));
+
+	pthread_kill(first.native_handle(), SIGUSR1);
+	first.join();
+	EXPECT_EQ(interruptible.load(), B_INTERRUPTED);
+	EXPECT_EQ(CountOf(sem), -1);
+
+	// Without the flag a signal does not end the wait.
+	pthread_kill(second.native_handle(), SIGUSR1);
+	snooze(20000);
+	EXPECT_EQ(plain.load(), 1);
+	EXPECT_EQ(release_sem(sem), B_OK);
+	second.join();
+	EXPECT_EQ(plain.load(), B_OK);
+	delete_sem(sem);
+	sigaction(SIGUSR1, &old, nullptr);
+}
+
+TEST(OSSemaphore, TableRunsOutWithNoMoreSemsAndRecovers)
+{
+	std::vector<sem_id> sems;
+	sem_id sem;
+	while ((sem = create_sem(0, "filler")) > 0) {
+		sems.push_back(sem);
+		ASSERT_LE(sems.size(), 65536u);
+	}
+	EXPECT_EQ(sem, B_NO_MORE_SEMS);
+	EXPECT_GT(sems.size(), 60000u);
+	for (sem_id filler : sems)
+		ASSERT_EQ(delete_sem(filler), B_OK);
+	sem = create_sem(1, "after");
+	ASSERT_GT(sem, 0);
+	EXPECT_EQ(acquire_sem(sem), B_OK);
+	delete_sem(sem);
 }

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
@@ -649,4 +650,28 @@ TEST(OSTime, SnoozeUntilAnAbsoluteTime)
 	const bigtime_t until = system_time() + 15000;
 	EXPECT_EQ(snooze_until(until, 0), B_OK);
 	EXPECT_GE(system_time(), until);
+}
+
+TEST(OSThread, ForkedChildIsANewTeamWithItsOwnThreadId)
+{
+	const thread_id parentThread = find_thread(nullptr);
+	fflush(stdout);
+	const pid_t child = fork();
+	if (child == 0) {
+		// Only calls that are safe after fork: no allocation, no locks.
+		int failures = 0;
+		const thread_id mine = find_thread(nullptr);
+		if (mine != static_cast<thread_id>(syscall(SYS_gettid)) || mine == parentThread)
+			failures |= 1;
+		thread_info info;
+		if (get_thread_info(mine, &info) != B_OK || info.team != getpid())
+			failures |= 2;
+		_exit(failures);
+	}
+	ASSERT_GT(child, 0);
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	ASSERT_TRUE(WIFEXITED(status));
+	EXPECT_EQ(WEXITSTATUS(status), 0);
+	EXPECT_EQ(find_thread(nullptr), parentThread);
 }
