@@ -7,8 +7,6 @@
 #include <ZvMessageQueue.h>
 #include <ZvSemaphore.h>
 
-#include "Spin.h"
-
 #include <memory>
 #include <unordered_map>
 
@@ -324,7 +322,7 @@ int32 ZvLooper::Looper()
 		// One unit per posted message; 0 means the semaphore was deleted by
 		// Quit or by a "QUIT" message: the loop ends. 2 (the very long
 		// time-out expired) counts as a wake-up.
-		if (zvlooper::AcquireSoon(fLooperAccess.load(std::memory_order_acquire)) == 0)
+		if (ZvSemaphore::Acquire(fLooperAccess.load(std::memory_order_acquire), -1) == 0)
 			return 0;
 		// The lock fails once it was killed; the message then stays queued
 		// and is deleted with the queue.

@@ -5,8 +5,6 @@
 #include <ZvMessage.h>
 #include <ZvSemaphore.h>
 
-#include "Spin.h"
-
 namespace {
 
 const int32 kQueueListStep = 16;
@@ -38,7 +36,7 @@ void ZvMessageQueue::AddMessage(ZvMessage* message)
 
 bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 {
-	if (!zvlooper::LockSoon(*this))
+	if (!Lock())
 		return false;
 
 	if (fMessages.CountItems() > fLimit) {
@@ -62,7 +60,7 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 
 ZvMessage* ZvMessageQueue::RemoveMessage()
 {
-	if (!zvlooper::LockSoon(*this))
+	if (!Lock())
 		return nullptr;
 
 	ZvMessage* message = fMessages.RemoveItem(0);
