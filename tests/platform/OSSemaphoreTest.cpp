@@ -171,7 +171,7 @@ TEST(OSSemaphore, RelativeTimeoutZeroOnUnavailableSemaphoreTimesOutAtOnce)
 	const sem_id sem = create_sem(0, "poll");
 	const bigtime_t start = system_time();
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0), B_TIMED_OUT);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 	EXPECT_EQ(CountOf(sem), 0);
 	ASSERT_EQ(release_sem(sem), B_OK);
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0), B_OK);
@@ -199,7 +199,7 @@ TEST(OSSemaphore, AbsoluteTimeoutIsOnTheSystemTimeClock)
 	// A deadline in the past does not wait.
 	const bigtime_t start = system_time();
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_ABSOLUTE_TIMEOUT, start - 1000000), B_TIMED_OUT);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 	// And an available semaphore is taken whatever the deadline.
 	release_sem(sem);
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_ABSOLUTE_TIMEOUT, 0), B_OK);
