@@ -30,17 +30,11 @@
 #include <OS.h>
 
 #include <atomic>
-#include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <string>
 
 #include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
 namespace zvplatform {
 namespace {
@@ -152,26 +146,7 @@ void Unregister(SemSlot* slot, sem_id id)
 // A team exists when it is a live process (not merely a thread id).
 bool TeamExists(team_id team)
 {
-	if (team <= 0)
-		return false;
-	if (team == CurrentTeam())
-		return true;
-	if (kill(team, 0) != 0 && errno != EPERM)
-		return false;
-	const std::string path = "/proc/" + std::to_string(team) + "/status";
-	FILE* file = fopen(path.c_str(), "re");
-	if (file == nullptr)
-		return false;
-	char line[256];
-	team_id group = -1;
-	while (fgets(line, sizeof(line), file) != nullptr) {
-		if (strncmp(line, "Tgid:", 5) == 0) {
-			group = static_cast<team_id>(strtol(line + 5, nullptr, 10));
-			break;
-		}
-	}
-	fclose(file);
-	return group == team;
+	return team > 0 && (team == CurrentTeam() || TeamOfThread(team) == team);
 }
 
 status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout);

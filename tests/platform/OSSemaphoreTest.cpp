@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
@@ -580,5 +581,23 @@ TEST(OSSemaphore, TableRunsOutWithNoMoreSemsAndRecovers)
 	sem = create_sem(1, "after");
 	ASSERT_GT(sem, 0);
 	EXPECT_EQ(acquire_sem(sem), B_OK);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, SetSemOwnerRefusesAnEndedButUnreapedProcess)
+{
+	const sem_id sem = create_sem(1, "kept");
+	fflush(stdout);
+	const pid_t child = fork();
+	if (child == 0)
+		_exit(0);
+	ASSERT_GT(child, 0);
+	// Wait until the child has ended, leaving it a zombie (not reaped).
+	siginfo_t info;
+	ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+	EXPECT_EQ(set_sem_owner(sem, child), B_BAD_TEAM_ID);
+	int status;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(set_sem_owner(sem, child), B_BAD_TEAM_ID);
 	delete_sem(sem);
 }
