@@ -601,3 +601,42 @@ TEST(OSSemaphore, SetSemOwnerRefusesAnEndedButUnreapedProcess)
 	EXPECT_EQ(set_sem_owner(sem, child), B_BAD_TEAM_ID);
 	delete_sem(sem);
 }
+
+TEST(OSSemaphore, WaitersKilledDuringReleasesLeaveNoUnitUnclaimed)
+{
+	zvtest::Watchdog watchdog(120s);
+	// Each release wakes one sleeper. A sleeper that is killed as it wakes
+	// must pass the wake-up on: otherwise a live waiter would sleep on
+	// beside a free unit, and its wait below would never end.
+	for (int round = 0; round < 30; round++) {
+		const sem_id sem = create_sem(0, "contested");
+		std::vector<thread_id> waiters;
+		for (int i = 0; i < 8; i++) {
+			waiters.push_back(spawn_thread(
+			    [](void* data) -> int32 {
+				    return acquire_sem(static_cast<sem_id>(reinterpret_cast<intptr_t>(data)));
+			    },
+			    "contender", B_NORMAL_PRIORITY, reinterpret_cast<void*>(intptr_t{sem})));
+			ASSERT_EQ(resume_thread(waiters.back()), B_OK);
+		}
+		ASSERT_TRUE(CountBecomes(sem, -8));
+		std::thread releaser([sem] {
+			for (int i = 0; i < 8; i++)
+				release_sem(sem);
+		});
+		for (int i = 0; i < 8; i += 2)
+			kill_thread(waiters[i]);
+		releaser.join();
+		int acquired = 0;
+		for (thread_id waiter : waiters) {
+			status_t value = -1;
+			ASSERT_EQ(wait_for_thread(waiter, &value), B_OK);
+			ASSERT_TRUE(value == B_OK || value == B_INTERRUPTED) << value;
+			if (value == B_OK)
+				acquired++;
+		}
+		EXPECT_GE(acquired, 4);
+		EXPECT_EQ(CountOf(sem), 8 - acquired);
+		delete_sem(sem);
+	}
+}
