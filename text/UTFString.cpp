@@ -86,6 +86,28 @@ inline bool EndsOnBoundary(const char* text, size_t n)
 	return true;
 }
 
+// First occurrence of pattern in [from, end), or NULL. The range is searched
+// in windows that grow from a few hundred bytes, so a search that finds its
+// match early touches (and has checked, under a memory checker) little more
+// than the bytes up to it, and a loop of searches stays linear.
+const char* FindBytes(const char* from, const char* end, const char* pattern, size_t patternBytes)
+{
+	size_t window = std::max<size_t>(256, 2 * patternBytes);
+	while (static_cast<size_t>(end - from) >= patternBytes) {
+		const size_t span = std::min(window, static_cast<size_t>(end - from));
+		const void* hit = memmem(from, span, pattern, patternBytes);
+		if (hit != NULL)
+			return static_cast<const char*>(hit);
+		if (span == static_cast<size_t>(end - from))
+			return NULL;
+		// The next window overlaps this one by one byte less than the
+		// pattern, so no occurrence straddling the border is missed.
+		from += span - (patternBytes - 1);
+		window = std::min<size_t>(window * 2, 1 << 16);
+	}
+	return NULL;
+}
+
 } // namespace
 
 // #pragma mark - UTFChar
@@ -642,7 +664,7 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 			out.Append(rescan, matchInRescan);
 			rest += matchInRescan + oldBytes - rescanBytes;
 		} else {
-			const char* match = strstr(rest, old);
+			const char* match = FindBytes(rest, end, old, oldBytes);
 			if (match == NULL)
 				break;
 			if (rescanPending)

@@ -20,6 +20,7 @@ namespace textmodel {
 inline std::vector<size_t> Starts(const std::string& text)
 {
 	std::vector<size_t> starts;
+	starts.reserve(text.size());
 	for (size_t i = 0; i < text.size();) {
 		starts.push_back(i);
 		i += kx_utf8_size(text.c_str() + i);
