@@ -405,10 +405,14 @@ status_t ZvDataSubscriber::DS_StringData(char* buffer, int32 length)
 	Access access(this);
 	if (access.Failed() || fString == NULL || buffer == NULL)
 		return -1;
+	const size_t stringLength = strlen(fString);
 	if (length < 0)
-		length = static_cast<int32>(strlen(fString));
-	strncpy(buffer, fString, length);
-	buffer[length] = '\0';
+		length = static_cast<int32>(stringLength);
+	// As strncpy: at most length characters, zeros up to length, then the
+	// terminator at buffer[length].
+	const size_t copied = stringLength < size_t(length) ? stringLength : size_t(length);
+	memcpy(buffer, fString, copied);
+	memset(buffer + copied, 0, size_t(length) - copied + 1);
 	return 0;
 }
 
@@ -694,7 +698,7 @@ status_t ZvDataSubscriber::DS_UnArchive(BMessage* archive, bool notify)
 	const void* data = NULL;
 	ssize_t size = 0;
 	if (in->FindData(kArchiveRaw, B_RAW_TYPE, 0, &data, &size) == B_OK) {
-		if (size >= 1 && data != NULL && static_cast<int64>(size) <= INT32_MAX)
+		if (size >= 1 && data != NULL && static_cast<ssize_t>(static_cast<int32>(size)) == size)
 			ds_StoreRaw(data, static_cast<int32>(size));
 		mask |= kTouchedRaw;
 	}

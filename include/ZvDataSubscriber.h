@@ -55,6 +55,14 @@ class ZV_EXPORT ZvDataSubscriber
 public:
 	// Copies at most 31 characters of name and subscribes with notify true.
 	// A null or empty name leaves the subscriber not valid.
+	//
+	// Derived classes: the subscription happens here, before a derived
+	// constructor runs, so an initial pull reaches the object as a plain
+	// ZvDataSubscriber, and propagations from other threads can reach it
+	// while the derived part is being built. Construct derived subscribers
+	// of an attribute that other threads are changing only when their hooks
+	// can cope with that, and call DS_UnSubscribe first in a derived
+	// destructor, while the derived hooks still exist.
 	ZvDataSubscriber(const char* name, uint32 flags);
 	// Unsubscribes (DS_Subscribed(false) then reaches this class only, as
 	// the derived part is gone) and frees what the subscriber owns.

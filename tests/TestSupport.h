@@ -22,13 +22,11 @@
 
 namespace zvtest {
 
-class OutputCapture {
+class OutputCapture
+{
 public:
 	// fd is 1 (standard output) or 2 (standard error).
-	explicit OutputCapture(int fd = 1)
-		:
-		fFd(fd),
-		fStream(fd == 2 ? stderr : stdout)
+	explicit OutputCapture(int fd = 1) : fFd(fd), fStream(fd == 2 ? stderr : stdout)
 	{
 		std::fflush(fStream);
 		fFile = std::tmpfile();
@@ -67,19 +65,19 @@ private:
 	std::string fText;
 };
 
-class Watchdog {
+class Watchdog
+{
 public:
 	explicit Watchdog(std::chrono::seconds limit, const char* what = "test")
-		:
-		fThread([this, limit, what] {
-			std::unique_lock<std::mutex> lock(fMutex);
-			if (!fDone.wait_for(lock, limit, [this] { return fFinished; })) {
-				std::fprintf(stderr, "watchdog: %s did not finish within %lld s (deadlock?)\n",
-					what, static_cast<long long>(limit.count()));
-				std::fflush(stderr);
-				std::abort();
-			}
-		})
+	    : fThread([this, limit, what] {
+		      std::unique_lock<std::mutex> lock(fMutex);
+		      if (!fDone.wait_for(lock, limit, [this] { return fFinished; })) {
+			      std::fprintf(stderr, "watchdog: %s did not finish within %lld s (deadlock?)\n",
+			                   what, static_cast<long long>(limit.count()));
+			      std::fflush(stderr);
+			      std::abort();
+		      }
+	      })
 	{
 	}
 
@@ -103,7 +101,8 @@ private:
 	std::thread fThread;
 };
 
-class Latch {
+class Latch
+{
 public:
 	explicit Latch(int count) : fCount(count) {}
 

@@ -7,6 +7,7 @@
 #include <OS.h>
 
 #include <atomic>
+#include <cstring>
 
 namespace zvplatform {
 
@@ -44,6 +45,17 @@ bool CurrentThreadKilled();
 // Ends the calling thread, which kill_thread has marked, with the exit value
 // B_INTERRUPTED. Unwinds its stack (destructors run) like pthread_exit.
 [[noreturn]] void ExitKilledThread();
+
+// Copies name (an empty one when null) into target, truncated to size - 1
+// characters and always terminated.
+inline void CopyName(char* target, size_t size, const char* name)
+{
+	if (name == nullptr)
+		name = "";
+	size_t length = strnlen(name, size - 1);
+	memcpy(target, name, length);
+	target[length] = '\0';
+}
 
 // The calling process's id, cached (refreshed in a forked child).
 team_id CurrentTeam();

@@ -149,14 +149,6 @@ void Unregister(SemSlot* slot, sem_id id)
 		FreeSlot(static_cast<uint32>(id) & 0xFFFF);
 }
 
-void CopyName(char* target, const char* name)
-{
-	if (name == nullptr)
-		name = "";
-	strncpy(target, name, B_OS_NAME_LENGTH - 1);
-	target[B_OS_NAME_LENGTH - 1] = '\0';
-}
-
 // A team exists when it is a live process (not merely a thread id).
 bool TeamExists(team_id team)
 {
@@ -218,7 +210,7 @@ sem_id create_sem(int32 count, const char* name)
 	if (generation > kGenerationMask)
 		generation = 1;
 	slot->team = CurrentTeam();
-	CopyName(slot->name, name);
+	CopyName(slot->name, sizeof(slot->name), name);
 	slot->demand.store(0, std::memory_order_relaxed);
 	slot->bigWaiters.store(0, std::memory_order_relaxed);
 	// Publishing the new tag makes the semaphore usable.

@@ -97,10 +97,15 @@ struct ThreadControl
 	int32 joiners = 0;
 };
 
+// A thread spawned by this process that has ended. Its exit value is kept
+// for one wait_for_thread that comes after the end; the record also tells
+// the kit that the host thread, which may linger for a moment in /proc, is
+// no longer one it can act on.
 struct DeadThread
 {
 	thread_id id;
 	status_t exitValue;
+	bool collected;
 };
 
 std::mutex gThreadLock;
@@ -117,14 +122,6 @@ thread_local thread_id tTid __attribute__((tls_model("initial-exec"))) = 0;
 thread_id HostThreadId()
 {
 	return static_cast<thread_id>(syscall(SYS_gettid));
-}
-
-void CopyName(char* target, const char* name)
-{
-	if (name == nullptr)
-		name = "";
-	strncpy(target, name, B_OS_NAME_LENGTH - 1);
-	target[B_OS_NAME_LENGTH - 1] = '\0';
 }
 
 // The platform priority to the host's nice value of the thread (SCHED_OTHER).
@@ -164,8 +161,7 @@ void ApplyPriority(thread_id thread, int32 priority)
 void SetHostName(const char* name)
 {
 	char shortName[kHostNameLength + 1];
-	strncpy(shortName, name, kHostNameLength);
-	shortName[kHostNameLength] = '\0';
+	CopyName(shortName, sizeof(shortName), name);
 	prctl(PR_SET_NAME, shortName, 0, 0, 0);
 }
 
@@ -198,13 +194,14 @@ team_id TeamOfThread(thread_id thread)
 	return static_cast<team_id>(strtol(tgid + 6, nullptr, 10));
 }
 
+// name has room for B_OS_NAME_LENGTH characters.
 bool ReadComm(team_id team, thread_id thread, char* name)
 {
 	char buffer[64];
 	if (!ReadSmallFile(TaskPath(team, thread, "comm"), buffer, sizeof(buffer)))
 		return false;
 	buffer[strcspn(buffer, "\n")] = '\0';
-	CopyName(name, buffer);
+	CopyName(name, B_OS_NAME_LENGTH, buffer);
 	return true;
 }
 
@@ -278,11 +275,29 @@ std::shared_ptr<ThreadControl> Find(thread_id id)
 	return FindLocked(id);
 }
 
+DeadThread* FindDeadLocked(thread_id id)
+{
+	for (DeadThread& dead : gDeadThreads) {
+		if (dead.id == id)
+			return &dead;
+	}
+	return nullptr;
+}
+
+bool HasEnded(thread_id id)
+{
+	std::lock_guard<std::mutex> lock(gThreadLock);
+	return FindDeadLocked(id) != nullptr;
+}
+
 // The error for a thread the kit cannot act on: it exists but was not made
-// by spawn_thread in this process (B_NOT_ALLOWED), or it does not exist.
+// by spawn_thread in this process (B_NOT_ALLOWED), or it does not exist (any
+// more).
 status_t NotOurs(thread_id id)
 {
-	return id > 0 && TeamOfThread(id) > 0 ? B_NOT_ALLOWED : B_BAD_THREAD_ID;
+	if (id <= 0 || HasEnded(id))
+		return B_BAD_THREAD_ID;
+	return TeamOfThread(id) > 0 ? B_NOT_ALLOWED : B_BAD_THREAD_ID;
 }
 
 // Parks the calling thread while it is suspended. Async-signal-safe.
@@ -357,11 +372,10 @@ public:
 			auto found = gThreads.find(id);
 			if (found != gThreads.end() && found->second == fControl)
 				gThreads.erase(found);
-			if (self->joiners == 0) {
-				gDeadThreads.push_back(DeadThread{id, self->exitValue});
-				if (gDeadThreads.size() > kMaxDeadThreads)
-					gDeadThreads.pop_front();
-			}
+			// Threads already waiting collect the value themselves.
+			gDeadThreads.push_back(DeadThread{id, self->exitValue, self->joiners > 0});
+			if (gDeadThreads.size() > kMaxDeadThreads)
+				gDeadThreads.pop_front();
 		}
 		self->state.store(kStateDone, std::memory_order_release);
 		self->done.store(true, std::memory_order_release);
@@ -488,7 +502,7 @@ thread_id spawn_thread(thread_func function, const char* name, int32 priority, v
 	control->data = data;
 	control->team = CurrentTeam();
 	control->priority.store(priority, std::memory_order_relaxed);
-	CopyName(control->name, name != nullptr ? name : "unnamed thread");
+	CopyName(control->name, sizeof(control->name), name != nullptr ? name : "unnamed thread");
 
 	pthread_attr_t attributes;
 	pthread_attr_init(&attributes);
@@ -579,13 +593,14 @@ status_t wait_for_thread(thread_id id, status_t* returnValue)
 		std::lock_guard<std::mutex> lock(gThreadLock);
 		control = FindLocked(id);
 		if (control == nullptr) {
-			for (auto dead = gDeadThreads.begin(); dead != gDeadThreads.end(); ++dead) {
-				if (dead->id == id) {
-					if (returnValue != nullptr)
-						*returnValue = dead->exitValue;
-					gDeadThreads.erase(dead);
-					return B_OK;
-				}
+			DeadThread* dead = FindDeadLocked(id);
+			if (dead != nullptr) {
+				if (dead->collected)
+					return B_BAD_THREAD_ID;
+				dead->collected = true;
+				if (returnValue != nullptr)
+					*returnValue = dead->exitValue;
+				return B_OK;
 			}
 		} else if (control.get() != tSelf) {
 			control->joiners++;
@@ -673,7 +688,7 @@ thread_id find_thread(const char* name)
 	}
 
 	char wanted[B_OS_NAME_LENGTH];
-	CopyName(wanted, name);
+	CopyName(wanted, sizeof(wanted), name);
 	{
 		std::lock_guard<std::mutex> lock(gThreadLock);
 		for (const auto& entry : gThreads) {
@@ -690,7 +705,7 @@ thread_id find_thread(const char* name)
 		const thread_id thread = static_cast<thread_id>(strtol(entry->d_name, nullptr, 10));
 		char taskName[B_OS_NAME_LENGTH];
 		if (thread > 0 && ReadComm(CurrentTeam(), thread, taskName) &&
-		    strcmp(taskName, wanted) == 0) {
+		    strcmp(taskName, wanted) == 0 && !HasEnded(thread)) {
 			found = thread;
 			break;
 		}
@@ -745,7 +760,7 @@ status_t get_thread_info(thread_id id, thread_info* info)
 		info->team = CurrentTeam();
 		char hostName[kHostNameLength + 1] = {};
 		prctl(PR_GET_NAME, hostName, 0, 0, 0);
-		CopyName(info->name, hostName);
+		CopyName(info->name, sizeof(info->name), hostName);
 		errno = 0;
 		const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(id));
 		info->priority = PriorityForNice(errno == 0 ? nice : 0);
@@ -756,7 +771,7 @@ status_t get_thread_info(thread_id id, thread_info* info)
 
 	// Any other thread of the host, in this process or another.
 	const team_id team = TeamOfThread(id);
-	if (team <= 0)
+	if (team <= 0 || (team == CurrentTeam() && HasEnded(id)))
 		return B_BAD_THREAD_ID;
 	info->team = team;
 	if (!ReadComm(team, id, info->name) || !ReadTaskStat(team, id, info))
@@ -771,8 +786,8 @@ status_t rename_thread(thread_id id, const char* newName)
 	const std::shared_ptr<ThreadControl> control = Find(id);
 	if (control != nullptr) {
 		std::lock_guard<std::mutex> lock(gThreadLock);
-		CopyName(control->name, newName);
-	} else if (id <= 0 || TeamOfThread(id) != CurrentTeam()) {
+		CopyName(control->name, sizeof(control->name), newName);
+	} else if (id <= 0 || HasEnded(id) || TeamOfThread(id) != CurrentTeam()) {
 		return NotOurs(id);
 	}
 	// The host keeps the first 15 characters, for tools like ps and top.
@@ -782,8 +797,7 @@ status_t rename_thread(thread_id id, const char* newName)
 		FILE* comm = fopen(TaskPath(CurrentTeam(), id, "comm").c_str(), "we");
 		if (comm != nullptr) {
 			char shortName[kHostNameLength + 1];
-			strncpy(shortName, newName, kHostNameLength);
-			shortName[kHostNameLength] = '\0';
+			CopyName(shortName, sizeof(shortName), newName);
 			fputs(shortName, comm);
 			fclose(comm);
 		}
@@ -798,7 +812,7 @@ status_t set_thread_priority(thread_id id, int32 newPriority)
 	if (control != nullptr) {
 		old = control->priority.exchange(newPriority, std::memory_order_relaxed);
 	} else {
-		if (id <= 0 || TeamOfThread(id) != CurrentTeam())
+		if (id <= 0 || HasEnded(id) || TeamOfThread(id) != CurrentTeam())
 			return NotOurs(id);
 		errno = 0;
 		const int nice = getpriority(PRIO_PROCESS, static_cast<id_t>(id));

@@ -108,7 +108,9 @@ TEST_F(DataConcurrencyTest, SettersAndChurningSubscribersEndInAgreementOnTheLast
 				// setters' writes are the only writes.
 				const uint32 kFlags[4] = {0, 0x10, 2, 1};
 				const uint32 flags = kFlags[(i + c) % 4];
-				RecordingSubscriber visitor("race", flags);
+				// A plain subscriber: a derived one would be reachable from
+				// the setters' propagations before its own constructor ran.
+				ZvDataSubscriber visitor("race", flags);
 				EXPECT_TRUE(visitor.DS_IsSubscribed());
 				visitor.DS_IntegerData();
 				if (c == 0 && (i % 10) == 0) {

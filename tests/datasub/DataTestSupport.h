@@ -69,11 +69,16 @@ public:
 
 	void DS_EventReceived(uint32 what) override
 	{
-		std::lock_guard<std::mutex> guard(fLock);
-		fEvents.push_back(what);
-		fIntegerAtEvent.push_back(DS_IntegerData());
+		const int64 integer = DS_IntegerData();
+		{
+			std::lock_guard<std::mutex> guard(fLock);
+			fEvents.push_back(what);
+			fIntegerAtEvent.push_back(integer);
+		}
 		if (fLog != nullptr)
 			fLog->Add(fLabel + ":" + std::to_string(what));
+		// The hook runs without fLock: it may call into the library, which
+		// may call DS_Subscribed.
 		if (fHook)
 			fHook(this, what);
 	}

@@ -518,7 +518,8 @@ TEST_F(ZvDataSubscriberTest, AssignmentCopiesAllKindsWithoutPropagating)
 	EXPECT_EQ(target.DS_StringDataSize(), 0);
 	EXPECT_EQ(target.DS_RAWDataSize(), 0);
 	EXPECT_EQ(target.DS_MessageData(&out), -1);
-	source = source;
+	ZvDataSubscriber& alias = source;
+	source = alias;
 	EXPECT_EQ(source.DS_StringDataSize(), 4);
 	EXPECT_EQ(source.DS_RAWDataSize(), 3);
 }

@@ -1,20 +1,249 @@
 // Tests of ZvLocker, the recursive owner-tracking lock.
 #include <ZvLocker.h>
 
-#include <gtest/gtest.h>
+#include <OS.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Polling.h"
 #include "TestSupport.h"
 
-TEST(ZvLocker, RecursiveLockNeedsAsManyUnlocks)
+using namespace std::chrono_literals;
+
+TEST(ZvLocker, FreshLockerIsUnlocked)
+{
+	ZvLocker locker;
+	EXPECT_FALSE(locker.IsLocked());
+	EXPECT_EQ(locker.CountLock(), 0);
+}
+
+TEST(ZvLocker, LockThreeTimesUnlockTwiceStaysLocked)
 {
 	ZvLocker locker;
 	EXPECT_TRUE(locker.Lock());
 	EXPECT_TRUE(locker.Lock());
 	EXPECT_TRUE(locker.Lock());
+	EXPECT_EQ(locker.CountLock(), 3);
 	locker.Unlock();
 	locker.Unlock();
 	EXPECT_TRUE(locker.IsLocked());
 	EXPECT_EQ(locker.CountLock(), 1);
 	locker.Unlock();
+	EXPECT_FALSE(locker.IsLocked());
+	EXPECT_EQ(locker.CountLock(), 0);
+	// Free again: another lock works at once.
+	EXPECT_EQ(locker.LockWithTimeout(0), 1);
+	locker.Unlock();
+}
+
+TEST(ZvLocker, LockWithTimeoutIsRecursiveToo)
+{
+	ZvLocker locker;
+	EXPECT_EQ(locker.LockWithTimeout(0), 1);
+	EXPECT_EQ(locker.LockWithTimeout(0), 1);
+	EXPECT_TRUE(locker.Lock());
+	EXPECT_EQ(locker.CountLock(), 3);
+	locker.Unlock();
+	locker.Unlock();
+	locker.Unlock();
+	EXPECT_FALSE(locker.IsLocked());
+}
+
+TEST(ZvLocker, UnlockOfAnUnlockedLockerIsIgnored)
+{
+	ZvLocker locker;
+	locker.Unlock();
+	EXPECT_FALSE(locker.IsLocked());
+	EXPECT_EQ(locker.CountLock(), 0);
+	EXPECT_TRUE(locker.Lock());
+	EXPECT_EQ(locker.CountLock(), 1);
+	locker.Unlock();
+}
+
+TEST(ZvLocker, UnlockFromANonOwnerChangesNothing)
+{
+	zvtest::Watchdog watchdog(30s);
+	ZvLocker locker;
+	ASSERT_TRUE(locker.Lock());
+	ASSERT_TRUE(locker.Lock());
+	zvtest::OutputCapture capture;
+	std::thread([&] { locker.Unlock(); }).join();
+	EXPECT_EQ(capture.Finish(), "");
+	EXPECT_TRUE(locker.IsLocked());
+	EXPECT_EQ(locker.CountLock(), 2);
+	// Still owned here: the owner's own unlocks work, and another thread
+	// cannot take it meanwhile.
+	int32 other = -1;
+	std::thread([&] { other = locker.LockWithTimeout(0); }).join();
+	EXPECT_EQ(other, 2);
+	locker.Unlock();
+	locker.Unlock();
+	EXPECT_FALSE(locker.IsLocked());
+}
+
+TEST(ZvLocker, LockWithTimeoutZeroOnALockHeldElsewhereReturnsTwoAtOnce)
+{
+	zvtest::Watchdog watchdog(30s);
+	ZvLocker locker;
+	zvtest::Latch held(1);
+	zvtest::Latch done(1);
+	std::thread owner([&] {
+		locker.Lock();
+		held.CountDown();
+		done.WaitFor(30s);
+		locker.Unlock();
+	});
+	ASSERT_TRUE(held.WaitFor(10s));
+	const bigtime_t start = system_time();
+	EXPECT_EQ(locker.LockWithTimeout(0), 2);
+	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_EQ(locker.CountLock(), 1);
+	// A real time-out waits at least that long.
+	const bigtime_t timed = system_time();
+	EXPECT_EQ(locker.LockWithTimeout(30), 2);
+	EXPECT_GE(system_time() - timed, 30000);
+	done.CountDown();
+	owner.join();
+	EXPECT_EQ(locker.LockWithTimeout(1000), 1);
+	locker.Unlock();
+}
+
+TEST(ZvLocker, LockWaitsForTheOwnerToUnlockCompletely)
+{
+	zvtest::Watchdog watchdog(30s);
+	ZvLocker locker;
+	ASSERT_TRUE(locker.Lock());
+	ASSERT_TRUE(locker.Lock());
+	std::atomic<int> state{0};
+	std::thread waiter([&] {
+		state = 1;
+		EXPECT_TRUE(locker.Lock());
+		state = 2;
+		EXPECT_EQ(locker.CountLock(), 1);
+		locker.Unlock();
+	});
+	ASSERT_TRUE(zvtest::WaitUntil([&] { return state.load() == 1; }));
+	locker.Unlock();
+	snooze(20000);
+	EXPECT_EQ(state.load(), 1);
+	locker.Unlock();
+	waiter.join();
+	EXPECT_EQ(state.load(), 2);
+	EXPECT_FALSE(locker.IsLocked());
+}
+
+TEST(ZvLocker, AfterKillLocksFail)
+{
+	ZvLocker locker;
+	zvtest::OutputCapture capture;
+	locker.Kill();
+	EXPECT_EQ(capture.Finish(), "");
+	EXPECT_FALSE(locker.Lock());
+	EXPECT_EQ(locker.LockWithTimeout(0), 0);
+	EXPECT_EQ(locker.LockWithTimeout(-1), 0);
+	EXPECT_FALSE(locker.IsLocked());
+	EXPECT_EQ(locker.CountLock(), 0);
+	// A second Kill does nothing.
+	locker.Kill();
+}
+
+TEST(ZvLocker, KillMakesBlockedLockersFail)
+{
+	zvtest::Watchdog watchdog(30s);
+	ZvLocker locker;
+	ASSERT_TRUE(locker.Lock());
+	std::vector<thread_id> waiters;
+	for (int i = 0; i < 3; i++) {
+		waiters.push_back(spawn_thread(
+		    [](void* data) -> int32 { return static_cast<ZvLocker*>(data)->Lock() ? 1 : 0; },
+		    "locker", B_NORMAL_PRIORITY, &locker));
+		waiters.push_back(spawn_thread(
+		    [](void* data) -> int32 {
+			    return static_cast<ZvLocker*>(data)->LockWithTimeout(60000);
+		    },
+		    "timed locker", B_NORMAL_PRIORITY, &locker));
+	}
+	for (thread_id waiter : waiters)
+		ASSERT_EQ(resume_thread(waiter), B_OK);
+	for (thread_id waiter : waiters) {
+		ASSERT_TRUE(zvtest::WaitUntil([&] {
+			thread_info info;
+			return get_thread_info(waiter, &info) == B_OK && info.state == B_THREAD_WAITING;
+		}));
+	}
+	locker.Kill();
+	for (thread_id waiter : waiters) {
+		status_t result = -1;
+		EXPECT_EQ(wait_for_thread(waiter, &result), B_OK);
+		EXPECT_EQ(result, 0);
+	}
+}
+
+TEST(ZvLocker, KillOfALockerFromAnotherTeamPrintsTheAlienMessage)
+{
+	// The child of a fork is another team: a locker it inherited belongs to
+	// the parent, so killing it in the child is refused with the message.
+	ZvLocker locker;
+	int pipeFds[2];
+	ASSERT_EQ(pipe(pipeFds), 0);
+	fflush(stdout);
+	const pid_t child = fork();
+	if (child == 0) {
+		dup2(pipeFds[1], 1);
+		locker.Kill();
+		fflush(stdout);
+		_exit(locker.Lock() ? 1 : 0);
+	}
+	close(pipeFds[1]);
+	std::string output;
+	char buffer[256];
+	ssize_t got;
+	while ((got = read(pipeFds[0], buffer, sizeof(buffer))) > 0)
+		output.append(buffer, static_cast<size_t>(got));
+	close(pipeFds[0]);
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	ASSERT_TRUE(WIFEXITED(status));
+	// After the refused Kill the child's locker has no semaphore.
+	EXPECT_EQ(WEXITSTATUS(status), 0);
+	EXPECT_EQ(output.rfind("Fatal! Trying to delete an alien semaphore! semaphore ", 0), 0u)
+	    << output;
+	EXPECT_EQ(output.size(),
+	          strlen("Fatal! Trying to delete an alien semaphore! semaphore 12345678\n"));
+	// In this team the locker still works.
+	EXPECT_TRUE(locker.Lock());
+	locker.Unlock();
+}
+
+TEST(ZvLocker, MutualExclusionUnderContentionWithRecursion)
+{
+	zvtest::Watchdog watchdog(60s);
+	ZvLocker locker;
+	int64 shared = 0; // protected by the locker only
+	std::vector<std::thread> threads;
+	for (int t = 0; t < 4; t++) {
+		threads.emplace_back([&] {
+			for (int i = 0; i < 5000; i++) {
+				ASSERT_TRUE(locker.Lock());
+				ASSERT_TRUE(locker.Lock());
+				shared++;
+				EXPECT_EQ(locker.CountLock(), 2);
+				locker.Unlock();
+				locker.Unlock();
+			}
+		});
+	}
+	for (std::thread& thread : threads)
+		thread.join();
+	EXPECT_EQ(shared, 20000);
 	EXPECT_FALSE(locker.IsLocked());
 }

@@ -358,7 +358,8 @@ void ExpectAcceptedOrRefused(const std::vector<uint8>& block)
 {
 	// A copy of exactly this length, so ASan sees any read past the end.
 	uint8* exact = new uint8[block.size() == 0 ? 1 : block.size()];
-	memcpy(exact, block.data(), block.size());
+	if (!block.empty())
+		memcpy(exact, block.data(), block.size());
 	ZvMessage message(0);
 	message.AddInt32("before", 1);
 	if (message.Unflatten(exact, block.size())) {

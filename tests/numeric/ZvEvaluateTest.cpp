@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -481,6 +482,43 @@ TEST(ZvEvaluateConcurrency, EightThreadsEachGetTheirOwnResults)
 	for (std::thread& thread : threads)
 		thread.join();
 	EXPECT_EQ(wrong.load(), 0);
+}
+
+// The lock is created by the first call in the process. A death test in the
+// "threadsafe" style runs its statement in a freshly started copy of this
+// binary, where no call has been made yet: there eight threads make their
+// first call at the same moment, and the child exits 0 only when every call
+// gave its own right answer.
+void RaceOnTheFirstCall()
+{
+	const int kThreads = 8;
+	std::atomic<int> wrong{0};
+	zvtest::Latch start(kThreads);
+	std::vector<std::thread> threads;
+	for (int t = 0; t < kThreads; t++) {
+		threads.emplace_back([t, &wrong, &start] {
+			start.CountDown();
+			start.WaitFor(std::chrono::seconds(30));
+			char expression[32];
+			for (int i = 0; i < 200; i++) {
+				std::snprintf(expression, sizeof(expression), "(%d+%d)*2", t, i);
+				double result = 0;
+				if (ZV_Evaluate(expression, &result) != 0 || result != (t + i) * 2.0)
+					wrong++;
+			}
+		});
+	}
+	for (std::thread& thread : threads)
+		thread.join();
+	std::fflush(nullptr);
+	std::_Exit(wrong.load() == 0 ? 0 : 1);
+}
+
+TEST(ZvEvaluateFirstCall, FirstCallsFromManyThreadsShareOneLock)
+{
+	zvtest::Watchdog watchdog(std::chrono::seconds(240), "first-call race");
+	GTEST_FLAG_SET(death_test_style, "threadsafe");
+	EXPECT_EXIT(RaceOnTheFirstCall(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -1,21 +1,523 @@
-// Tests of the kernel kit's semaphores.
+// Tests of the kernel kit's semaphores (OS.h).
 #include <OS.h>
 
-#include <gtest/gtest.h>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <set>
+#include <thread>
+#include <vector>
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "ForeignTeam.h"
+#include "Polling.h"
 #include "TestSupport.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// The count as get_sem_count reports it; a negative value is the units owed
+// to blocked waiters.
+int32 CountOf(sem_id sem)
+{
+	int32 count = 0x7eadbeef;
+	EXPECT_EQ(get_sem_count(sem, &count), B_OK);
+	return count;
+}
+
+bool CountBecomes(sem_id sem, int32 wanted)
+{
+	return zvtest::WaitUntil([&] {
+		int32 count = 0;
+		return get_sem_count(sem, &count) == B_OK && count == wanted;
+	});
+}
+
+} // namespace
 
 TEST(OSSemaphore, CreateAcquireReleaseRoundTrip)
 {
 	const sem_id sem = create_sem(1, "round trip");
 	ASSERT_GT(sem, 0);
 	EXPECT_EQ(acquire_sem(sem), B_OK);
-	int32 count = -1;
-	EXPECT_EQ(get_sem_count(sem, &count), B_OK);
-	EXPECT_EQ(count, 0);
+	EXPECT_EQ(CountOf(sem), 0);
 	EXPECT_EQ(release_sem(sem), B_OK);
-	EXPECT_EQ(get_sem_count(sem, &count), B_OK);
-	EXPECT_EQ(count, 1);
+	EXPECT_EQ(CountOf(sem), 1);
 	EXPECT_EQ(delete_sem(sem), B_OK);
+}
+
+TEST(OSSemaphore, NegativeCountIsRefused)
+{
+	EXPECT_EQ(create_sem(-1, "negative"), B_BAD_VALUE);
+}
+
+TEST(OSSemaphore, NullNameIsAllowed)
+{
+	const sem_id sem = create_sem(0, nullptr);
+	ASSERT_GT(sem, 0);
+	sem_info info;
+	ASSERT_EQ(get_sem_info(sem, &info), B_OK);
+	EXPECT_STREQ(info.name, "");
+	EXPECT_EQ(delete_sem(sem), B_OK);
+}
+
+TEST(OSSemaphore, ZeroAndNegativeIdentifiersAreNeverSemaphores)
+{
+	for (sem_id id : {0, -1, -2147483647 - 1, static_cast<sem_id>(B_BAD_SEM_ID)}) {
+		int32 count;
+		sem_info info;
+		EXPECT_EQ(acquire_sem(id), B_BAD_SEM_ID) << id;
+		EXPECT_EQ(acquire_sem_etc(id, 1, B_RELATIVE_TIMEOUT, 0), B_BAD_SEM_ID) << id;
+		EXPECT_EQ(release_sem(id), B_BAD_SEM_ID) << id;
+		EXPECT_EQ(get_sem_count(id, &count), B_BAD_SEM_ID) << id;
+		EXPECT_EQ(get_sem_info(id, &info), B_BAD_SEM_ID) << id;
+		EXPECT_EQ(set_sem_owner(id, getpid()), B_BAD_SEM_ID) << id;
+		EXPECT_EQ(delete_sem(id), B_BAD_SEM_ID) << id;
+	}
+}
+
+TEST(OSSemaphore, IdentifierThatWasNeverHandedOutIsBad)
+{
+	// Slot indexes far above anything created so far.
+	EXPECT_EQ(acquire_sem(0x7fff7fff), B_BAD_SEM_ID);
+	EXPECT_EQ(release_sem(0x00017fff), B_BAD_SEM_ID);
+}
+
+TEST(OSSemaphore, DeletedIdentifierIsStaleEverywhere)
+{
+	const sem_id sem = create_sem(3, "stale");
+	ASSERT_GT(sem, 0);
+	ASSERT_EQ(delete_sem(sem), B_OK);
+	int32 count;
+	sem_info info;
 	EXPECT_EQ(acquire_sem(sem), B_BAD_SEM_ID);
+	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0), B_BAD_SEM_ID);
+	EXPECT_EQ(release_sem(sem), B_BAD_SEM_ID);
+	EXPECT_EQ(release_sem_etc(sem, 2, 0), B_BAD_SEM_ID);
+	EXPECT_EQ(get_sem_count(sem, &count), B_BAD_SEM_ID);
+	EXPECT_EQ(get_sem_info(sem, &info), B_BAD_SEM_ID);
+	EXPECT_EQ(set_sem_owner(sem, getpid()), B_BAD_SEM_ID);
+	EXPECT_EQ(delete_sem(sem), B_BAD_SEM_ID);
+}
+
+TEST(OSSemaphore, IdentifiersArePositiveAndNotReusedSoon)
+{
+	std::set<sem_id> seen;
+	for (int i = 0; i < 5000; i++) {
+		const sem_id sem = create_sem(0, "churn");
+		ASSERT_GT(sem, 0);
+		EXPECT_TRUE(seen.insert(sem).second) << "identifier " << sem << " came back after " << i;
+		ASSERT_EQ(delete_sem(sem), B_OK);
+	}
+	// A stale identifier stays stale although its slot has been reused.
+	for (sem_id old : seen)
+		ASSERT_EQ(release_sem(old), B_BAD_SEM_ID);
+}
+
+TEST(OSSemaphore, ManySemaphoresLiveAtOnce)
+{
+	std::vector<sem_id> sems;
+	for (int i = 0; i < 3000; i++) {
+		const sem_id sem = create_sem(i, "many");
+		ASSERT_GT(sem, 0);
+		sems.push_back(sem);
+	}
+	for (int i = 0; i < 3000; i++)
+		EXPECT_EQ(CountOf(sems[i]), i);
+	for (sem_id sem : sems)
+		EXPECT_EQ(delete_sem(sem), B_OK);
+}
+
+TEST(OSSemaphore, AcquireAndReleaseWithCounts)
+{
+	const sem_id sem = create_sem(5, "counts");
+	EXPECT_EQ(acquire_sem_etc(sem, 3, 0, 0), B_OK);
+	EXPECT_EQ(CountOf(sem), 2);
+	EXPECT_EQ(release_sem_etc(sem, 4, 0), B_OK);
+	EXPECT_EQ(CountOf(sem), 6);
+	EXPECT_EQ(acquire_sem_etc(sem, 6, B_RELATIVE_TIMEOUT, 0), B_OK);
+	EXPECT_EQ(CountOf(sem), 0);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, NonPositiveCountsAreBadValues)
+{
+	const sem_id sem = create_sem(1, "bad counts");
+	EXPECT_EQ(acquire_sem_etc(sem, 0, 0, 0), B_BAD_VALUE);
+	EXPECT_EQ(acquire_sem_etc(sem, -2, 0, 0), B_BAD_VALUE);
+	EXPECT_EQ(release_sem_etc(sem, 0, 0), B_BAD_VALUE);
+	EXPECT_EQ(release_sem_etc(sem, -1, 0), B_BAD_VALUE);
+	EXPECT_EQ(CountOf(sem), 1);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, ReleaseBeyondTheLargestCountIsRefused)
+{
+	const sem_id sem = create_sem(0x7ffffff0, "full");
+	EXPECT_EQ(release_sem_etc(sem, 0x0f, 0), B_OK);
+	EXPECT_EQ(release_sem(sem), B_BAD_VALUE);
+	EXPECT_EQ(CountOf(sem), 0x7fffffff);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, RelativeTimeoutZeroOnUnavailableSemaphoreTimesOutAtOnce)
+{
+	const sem_id sem = create_sem(0, "poll");
+	const bigtime_t start = system_time();
+	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0), B_TIMED_OUT);
+	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_EQ(CountOf(sem), 0);
+	ASSERT_EQ(release_sem(sem), B_OK);
+	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0), B_OK);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, RelativeTimeoutOf50msReturnsTimedOutNoEarlier)
+{
+	const sem_id sem = create_sem(0, "50 ms");
+	const bigtime_t start = system_time();
+	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 50000), B_TIMED_OUT);
+	const bigtime_t waited = system_time() - start;
+	EXPECT_GE(waited, 50000);
+	EXPECT_LT(waited, 2000000);
+	EXPECT_EQ(CountOf(sem), 0);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, AbsoluteTimeoutIsOnTheSystemTimeClock)
+{
+	const sem_id sem = create_sem(0, "absolute");
+	const bigtime_t deadline = system_time() + 30000;
+	EXPECT_EQ(acquire_sem_etc(sem, 1, B_ABSOLUTE_TIMEOUT, deadline), B_TIMED_OUT);
+	EXPECT_GE(system_time(), deadline);
+	// A deadline in the past does not wait.
+	const bigtime_t start = system_time();
+	EXPECT_EQ(acquire_sem_etc(sem, 1, B_ABSOLUTE_TIMEOUT, start - 1000000), B_TIMED_OUT);
+	EXPECT_LT(system_time() - start, 20000);
+	// And an available semaphore is taken whatever the deadline.
+	release_sem(sem);
+	EXPECT_EQ(acquire_sem_etc(sem, 1, B_ABSOLUTE_TIMEOUT, 0), B_OK);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, TimedWaiterGetsAUnitReleasedBeforeTheDeadline)
+{
+	zvtest::Watchdog watchdog(30s);
+	const sem_id sem = create_sem(0, "timed");
+	std::atomic<status_t> result{1};
+	std::thread waiter([&] { result = acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 20000000); });
+	ASSERT_TRUE(CountBecomes(sem, -1));
+	EXPECT_EQ(release_sem(sem), B_OK);
+	waiter.join();
+	EXPECT_EQ(result.load(), B_OK);
+	EXPECT_EQ(CountOf(sem), 0);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, CountThreeAcquireWaitsForThreeReleases)
+{
+	zvtest::Watchdog watchdog(30s);
+	const sem_id sem = create_sem(0, "three");
+	std::atomic<bool> acquired{false};
+	std::thread waiter([&] {
+		EXPECT_EQ(acquire_sem_etc(sem, 3, 0, 0), B_OK);
+		acquired = true;
+	});
+	ASSERT_TRUE(CountBecomes(sem, -3));
+	EXPECT_EQ(release_sem(sem), B_OK);
+	EXPECT_EQ(CountOf(sem), -2);
+	EXPECT_EQ(release_sem(sem), B_OK);
+	EXPECT_EQ(CountOf(sem), -1);
+	EXPECT_FALSE(acquired.load());
+	EXPECT_EQ(release_sem(sem), B_OK);
+	waiter.join();
+	EXPECT_TRUE(acquired.load());
+	EXPECT_EQ(CountOf(sem), 0);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, ReleaseWithCountWakesThatManyWaiters)
+{
+	zvtest::Watchdog watchdog(30s);
+	const sem_id sem = create_sem(0, "five");
+	std::atomic<int> done{0};
+	std::vector<std::thread> waiters;
+	for (int i = 0; i < 5; i++) {
+		waiters.emplace_back([&] {
+			EXPECT_EQ(acquire_sem(sem), B_OK);
+			done++;
+		});
+	}
+	ASSERT_TRUE(CountBecomes(sem, -5));
+	EXPECT_EQ(release_sem_etc(sem, 3, B_DO_NOT_RESCHEDULE), B_OK);
+	ASSERT_TRUE(zvtest::WaitUntil([&] { return done.load() == 3; }));
+	EXPECT_EQ(CountOf(sem), -2);
+	EXPECT_EQ(release_sem_etc(sem, 2, 0), B_OK);
+	for (std::thread& waiter : waiters)
+		waiter.join();
+	EXPECT_EQ(done.load(), 5);
+	EXPECT_EQ(CountOf(sem), 0);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, SmallWaiterIsNotStarvedBehindALargeOne)
+{
+	zvtest::Watchdog watchdog(30s);
+	const sem_id sem = create_sem(0, "mixed");
+	std::atomic<bool> bigDone{false};
+	std::atomic<bool> smallDone{false};
+	std::thread big([&] {
+		EXPECT_EQ(acquire_sem_etc(sem, 4, 0, 0), B_OK);
+		bigDone = true;
+	});
+	ASSERT_TRUE(CountBecomes(sem, -4));
+	std::thread small([&] {
+		EXPECT_EQ(acquire_sem(sem), B_OK);
+		smallDone = true;
+	});
+	ASSERT_TRUE(CountBecomes(sem, -5));
+	// One unit satisfies the small waiter only; it must get it.
+	EXPECT_EQ(release_sem(sem), B_OK);
+	small.join();
+	EXPECT_TRUE(smallDone.load());
+	EXPECT_FALSE(bigDone.load());
+	EXPECT_EQ(release_sem_etc(sem, 4, 0), B_OK);
+	big.join();
+	EXPECT_TRUE(bigDone.load());
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, DeleteWakesTenBlockedWaitersWithBadSemId)
+{
+	zvtest::Watchdog watchdog(30s);
+	const sem_id sem = create_sem(0, "doomed");
+	std::vector<std::thread> waiters;
+	std::atomic<int> badId{0};
+	for (int i = 0; i < 10; i++) {
+		waiters.emplace_back([&, i] {
+			// Half wait for ever, half with a long time-out, some for more
+			// than one unit: all must come back with B_BAD_SEM_ID.
+			const status_t status = (i % 2 == 0)
+			                            ? acquire_sem_etc(sem, 1 + i % 3, 0, 0)
+			                            : acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 60000000);
+			if (status == B_BAD_SEM_ID)
+				badId++;
+		});
+	}
+	// 1+3+2+1+... : the waiters want 5 x (1 or 2 or 3) + 5 x 1 units.
+	int32 owed = 0;
+	for (int i = 0; i < 10; i++)
+		owed += (i % 2 == 0) ? 1 + i % 3 : 1;
+	ASSERT_TRUE(CountBecomes(sem, -owed));
+	EXPECT_EQ(delete_sem(sem), B_OK);
+	for (std::thread& waiter : waiters)
+		waiter.join();
+	EXPECT_EQ(badId.load(), 10);
+	EXPECT_EQ(release_sem(sem), B_BAD_SEM_ID);
+}
+
+TEST(OSSemaphore, SlotOfADeletedSemaphoreWithWaitersIsReusedSafely)
+{
+	zvtest::Watchdog watchdog(60s);
+	// Waiters of deleted semaphores leave while new semaphores are created:
+	// a new semaphore never sees units or waiters of an old one.
+	for (int round = 0; round < 50; round++) {
+		const sem_id sem = create_sem(0, "reuse");
+		std::vector<std::thread> waiters;
+		for (int i = 0; i < 3; i++)
+			waiters.emplace_back([sem] { EXPECT_EQ(acquire_sem(sem), B_BAD_SEM_ID); });
+		ASSERT_TRUE(CountBecomes(sem, -3));
+		ASSERT_EQ(delete_sem(sem), B_OK);
+		std::vector<sem_id> fresh;
+		for (int i = 0; i < 20; i++) {
+			fresh.push_back(create_sem(2, "fresh"));
+			EXPECT_EQ(CountOf(fresh.back()), 2);
+		}
+		for (std::thread& waiter : waiters)
+			waiter.join();
+		for (sem_id other : fresh) {
+			EXPECT_EQ(CountOf(other), 2);
+			delete_sem(other);
+		}
+	}
+}
+
+TEST(OSSemaphore, SemInfoGivesTeamNameAndCount)
+{
+	const sem_id sem = create_sem(7, "info test");
+	sem_info info;
+	memset(&info, 0x55, sizeof(info));
+	ASSERT_EQ(get_sem_info(sem, &info), B_OK);
+	EXPECT_EQ(info.sem, sem);
+	EXPECT_EQ(info.team, getpid());
+	EXPECT_STREQ(info.name, "info test");
+	EXPECT_EQ(info.count, 7);
+	EXPECT_EQ(get_sem_info(sem, nullptr), B_BAD_VALUE);
+	int32* none = nullptr;
+	EXPECT_EQ(get_sem_count(sem, none), B_BAD_VALUE);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, LongNameIsTruncatedToTheNameLength)
+{
+	const std::string longName(100, 'n');
+	const sem_id sem = create_sem(0, longName.c_str());
+	sem_info info;
+	ASSERT_EQ(get_sem_info(sem, &info), B_OK);
+	EXPECT_EQ(std::string(info.name), std::string(B_OS_NAME_LENGTH - 1, 'n'));
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, SetSemOwnerToALiveTeam)
+{
+	zvtest::ForeignTeam other;
+	ASSERT_TRUE(other.IsValid());
+	const sem_id sem = create_sem(1, "given away");
+	EXPECT_EQ(set_sem_owner(sem, other.Team()), B_OK);
+	sem_info info;
+	ASSERT_EQ(get_sem_info(sem, &info), B_OK);
+	EXPECT_EQ(info.team, other.Team());
+	// The semaphore still works in this process.
+	EXPECT_EQ(acquire_sem(sem), B_OK);
+	EXPECT_EQ(release_sem(sem), B_OK);
+	EXPECT_EQ(set_sem_owner(sem, getpid()), B_OK);
+	ASSERT_EQ(get_sem_info(sem, &info), B_OK);
+	EXPECT_EQ(info.team, getpid());
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, SetSemOwnerRefusesTeamsThatDoNotExist)
+{
+	const sem_id sem = create_sem(1, "kept");
+	EXPECT_EQ(set_sem_owner(sem, 0), B_BAD_TEAM_ID);
+	EXPECT_EQ(set_sem_owner(sem, -5), B_BAD_TEAM_ID);
+	// A process that has ended is no team any more.
+	int ended;
+	{
+		zvtest::ForeignTeam gone;
+		ASSERT_TRUE(gone.IsValid());
+		ended = gone.Team();
+	}
+	EXPECT_EQ(set_sem_owner(sem, ended), B_BAD_TEAM_ID);
+	// Nor is a thread that is not the main thread of its process.
+	zvtest::ForeignTeam other;
+	ASSERT_TRUE(other.IsValid());
+	EXPECT_EQ(set_sem_owner(sem, other.Thread()), B_BAD_TEAM_ID);
+	sem_info info;
+	ASSERT_EQ(get_sem_info(sem, &info), B_OK);
+	EXPECT_EQ(info.team, getpid());
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, MutualExclusionUnderContention)
+{
+	zvtest::Watchdog watchdog(60s);
+	const sem_id sem = create_sem(1, "mutex");
+	int64 shared = 0; // protected by sem only
+	constexpr int kThreads = 4;
+	constexpr int kRounds = 20000;
+	std::vector<std::thread> threads;
+	for (int t = 0; t < kThreads; t++) {
+		threads.emplace_back([&] {
+			for (int i = 0; i < kRounds; i++) {
+				ASSERT_EQ(acquire_sem(sem), B_OK);
+				shared++;
+				ASSERT_EQ(release_sem(sem), B_OK);
+			}
+		});
+	}
+	for (std::thread& thread : threads)
+		thread.join();
+	EXPECT_EQ(shared, int64{kThreads} * kRounds);
+	EXPECT_EQ(CountOf(sem), 1);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, ProducerConsumerKeepsEveryUnit)
+{
+	zvtest::Watchdog watchdog(60s);
+	const sem_id sem = create_sem(0, "units");
+	constexpr int kProducers = 3;
+	constexpr int kUnits = 10000;
+	std::atomic<int> consumed{0};
+	std::vector<std::thread> threads;
+	for (int c = 0; c < 3; c++) {
+		threads.emplace_back([&] {
+			while (true) {
+				const status_t status = acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 30000000);
+				if (status != B_OK)
+					return;
+				if (++consumed == kProducers * kUnits)
+					return;
+			}
+		});
+	}
+	std::vector<std::thread> producers;
+	for (int p = 0; p < kProducers; p++) {
+		producers.emplace_back([&] {
+			for (int i = 0; i < kUnits; i++)
+				ASSERT_EQ(release_sem(sem), B_OK);
+		});
+	}
+	for (std::thread& producer : producers)
+		producer.join();
+	ASSERT_TRUE(zvtest::WaitUntil([&] { return consumed.load() == kProducers * kUnits; }, 30s));
+	// The consumers still waiting end with the semaphore.
+	delete_sem(sem);
+	for (std::thread& thread : threads)
+		thread.join();
+	EXPECT_EQ(consumed.load(), kProducers * kUnits);
+}
+
+TEST(OSSemaphore, DeleteRacingWithAcquireAndReleaseIsSafe)
+{
+	zvtest::Watchdog watchdog(60s);
+	for (int round = 0; round < 200; round++) {
+		const sem_id sem = create_sem(1, "race");
+		zvtest::Latch start(3);
+		std::thread user([&] {
+			start.CountDown();
+			for (int i = 0; i < 1000; i++) {
+				const status_t a = acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 1000000);
+				if (a == B_BAD_SEM_ID)
+					return;
+				ASSERT_TRUE(a == B_OK || a == B_TIMED_OUT) << a;
+				const status_t r = release_sem(sem);
+				if (r == B_BAD_SEM_ID)
+					return;
+				ASSERT_EQ(r, B_OK);
+			}
+		});
+		std::thread poller([&] {
+			start.CountDown();
+			int32 count;
+			sem_info info;
+			for (int i = 0; i < 1000; i++) {
+				if (get_sem_count(sem, &count) != B_OK || get_sem_info(sem, &info) != B_OK)
+					return;
+			}
+		});
+		start.CountDown();
+		ASSERT_TRUE(start.WaitFor(10s));
+		EXPECT_EQ(delete_sem(sem), B_OK);
+		user.join();
+		poller.join();
+		EXPECT_EQ(acquire_sem(sem), B_BAD_SEM_ID);
+	}
+}
+
+TEST(OSSemaphore, AtomicAddReturnsThePreviousValue)
+{
+	int32 value = 5;
+	EXPECT_EQ(atomic_add(&value, 3), 5);
+	EXPECT_EQ(value, 8);
+	EXPECT_EQ(atomic_add(&value, -10), 8);
+	EXPECT_EQ(value, -2);
+	EXPECT_EQ(atomic_or(&value, 1), -2);
+	EXPECT_EQ(value, -1);
+	EXPECT_EQ(atomic_and(&value, 6), -1);
+	EXPECT_EQ(value, 6);
 }

@@ -1,0 +1,11 @@
+# The message benchmarks compare against msgpack-c (Debian libmsgpack-dev).
+find_package(PkgConfig QUIET)
+if(PkgConfig_FOUND)
+    pkg_check_modules(ZVKIT_MSGPACK QUIET IMPORTED_TARGET msgpack)
+endif()
+if(ZVKIT_MSGPACK_FOUND)
+    target_link_libraries(${ZVKIT_BENCH_TARGET} PRIVATE PkgConfig::ZVKIT_MSGPACK)
+else()
+    find_library(ZVKIT_MSGPACKC_LIBRARY NAMES msgpackc msgpack-c REQUIRED)
+    target_link_libraries(${ZVKIT_BENCH_TARGET} PRIVATE ${ZVKIT_MSGPACKC_LIBRARY})
+endif()
