@@ -829,6 +829,51 @@ TEST(UTFString, LongMixedTextCountsAndIndexesExactly)
 	}
 }
 
+TEST(UTFString, LongTextWithRareMalformedBytesCountsExactly)
+{
+	// Long well-formed runs (counted in blocks) broken by single malformed
+	// bytes at every offset of a block, and truncated sequences at the end.
+	const std::vector<std::string> good = {"ab", "\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80",
+	                                       "x"};
+	const std::vector<std::string> bad = {"\x80", "\xE3", "\xC3", "\xF8", "\xBF\xBF", "\xF0\x9F"};
+	std::mt19937 random(99);
+	for (int round = 0; round < 120; round++) {
+		std::string text;
+		const size_t size = 64 + random() % 400;
+		while (text.size() < size) {
+			if (random() % 97 == 0)
+				text += bad[random() % bad.size()];
+			else
+				text += good[random() % good.size()];
+		}
+		if (round % 5 == 0)
+			text += bad[random() % bad.size()];
+		const std::vector<size_t> starts = Starts(text);
+		UTFString s(text.c_str());
+		ASSERT_EQ(starts.size(), s.Length()) << round;
+		for (size_t i = 0; i <= starts.size(); i += 1 + random() % 9) {
+			const size_t at = i < starts.size() ? starts[i] : text.size();
+			ASSERT_EQ(text.substr(0, at), Text(s.Left(static_cast<uint32>(i))))
+			    << round << " " << i;
+			if (i < starts.size()) {
+				ASSERT_EQ(
+				    text.substr(at, (i + 1 < starts.size() ? starts[i + 1] : text.size()) - at),
+				    s.GetChar(static_cast<uint32>(i)).Buffer());
+			}
+		}
+		// Replace over the same text, well-formed or not, against the loop.
+		const std::string& old = good[random() % good.size()];
+		const std::string& with = good[random() % good.size()];
+		bool ended;
+		const UTFString expected = ReferenceReplace(
+		    s, UTFString(old.c_str()), UTFString(with.c_str()), text.size() + 1, &ended);
+		UTFString replaced(s);
+		replaced.Replace(UTFString(old.c_str()), UTFString(with.c_str()));
+		ASSERT_EQ(ended ? Text(expected) : text, Text(replaced)) << round;
+		ASSERT_EQ(Starts(Text(replaced)).size(), replaced.Length());
+	}
+}
+
 // #pragma mark - malformed text through every operation
 
 TEST(UTFString, MalformedTextThroughEveryOperation)
