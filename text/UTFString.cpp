@@ -596,26 +596,28 @@ void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 		return;
 	}
 
-	bool ownWellFormed;
 	bool patternWellFormed;
 	bool replacementWellFormed = true;
-	CountChars(fBuffer, strlen(fBuffer), &ownWellFormed);
 	CountChars(pattern.fBuffer, strlen(pattern.fBuffer), &patternWellFormed);
 	if (replacement.fBuffer != NULL)
 		CountChars(replacement.fBuffer, strlen(replacement.fBuffer), &replacementWellFormed);
-	if (ownWellFormed && patternWellFormed && replacementWellFormed)
-		ReplaceWellFormed(pattern, replacement);
-	else
-		ReplaceSlowly(pattern, replacement);
+	if (patternWellFormed && replacementWellFormed && ReplaceInStep(pattern, replacement))
+		return;
+	ReplaceSlowly(pattern, replacement);
 }
 
-// In well-formed text a match of a well-formed pattern starts on a character
-// and covers exactly the pattern's characters, and lengths add up under
-// concatenation. After a pass the text still to be searched is the part of
-// the new text beyond the pattern's length (Q), followed by the rest of the
-// original. If Q holds the pattern, every later pass finds a match inside Q
-// again and the loop never ends; otherwise each pass consumes original text.
-bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& replacement)
+// With a well-formed pattern and new text, a match that starts on a
+// character covers exactly the pattern's characters, and lengths add up
+// under concatenation, so no character index needs to be known: each pass
+// keeps what lies before the match, and the text still to be searched is the
+// part of the new text beyond the pattern's length (Q) followed by the rest
+// of the original. If Q holds the pattern, every later pass finds a match
+// inside Q again and the loop never ends; otherwise each pass consumes
+// original text. The string's own text may be malformed: the characters a
+// pass replaces are found by stepping from the last character start, and
+// only a pass that would run out of characters (returning false with nothing
+// changed) is left to the general path.
+bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replacement)
 {
 	const char* const text = fBuffer;
 	const size_t total = strlen(text);
@@ -628,7 +630,7 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 	const uint32 withChars = replacement.fLength;
 
 	if (strstr(text, old) == NULL)
-		return false;
+		return true;
 
 	// The search resumes inside the new text when it has at least as many
 	// characters as the pattern, and beyond it (skipping original
@@ -642,7 +644,7 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 		rescan = with + keptBytes;
 		rescanBytes = withBytes - keptBytes;
 		if (rescanBytes >= oldBytes && memmem(rescan, rescanBytes, old, oldBytes) != NULL)
-			return false;
+			return true;
 	}
 
 	ByteBuilder out(total);
@@ -667,10 +669,24 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 			const char* match = FindBytes(rest, end, old, oldBytes);
 			if (match == NULL)
 				break;
+			// rest begins on a character. The replaced characters begin at
+			// the match, or, when the match begins inside a character of
+			// malformed text, at the next character (the match's index
+			// counts the characters that start before it).
+			const size_t restBytes = end - rest;
+			const size_t from = WalkChars(rest, restBytes, CountChars(rest, match - rest));
+			size_t walked;
+			const size_t to = from + WalkChars(rest + from, restBytes - from, oldChars, &walked);
+			if (walked < oldChars) {
+				// Fewer characters left than the pattern has: the pass keeps
+				// all but the first character of the string after the new
+				// text, which only the general path does.
+				return false;
+			}
 			if (rescanPending)
 				out.Append(rescan, rescanBytes);
-			out.Append(rest, match - rest);
-			rest = match + oldBytes;
+			out.Append(rest, from);
+			rest += to;
 		}
 		out.Append(with, keptBytes);
 		if (resumesInside) {
@@ -698,9 +714,11 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 // on the part of the string after the last match only. "done" holds the
 // bytes before the match (its characters end exactly at its end), "work" the
 // rest. The number of passes is bounded by the original byte length plus
-// one, which no ending loop on well-formed text exceeds; a loop that goes on
-// beyond it leaves the string unchanged.
-bool UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replacement)
+// one, which no ending loop on well-formed text exceeds. A match cut by a
+// malformed sequence can make a pass copy part of the string again, so the
+// text is also kept below 16 times its size and that of the new text, plus
+// 64 KiB. A loop that goes beyond either bound leaves the string unchanged.
+void UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replacement)
 {
 	const char* const old = pattern.fBuffer;
 	const uint32 oldChars = pattern.fLength;
@@ -709,15 +727,16 @@ bool UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replace
 
 	const char* first = strstr(fBuffer, old);
 	if (first == NULL)
-		return false;
+		return;
 	std::string done;
 	uint32 doneChars = 0;
 	std::string work(fBuffer, total);
 	uint32 position = static_cast<uint32>(CountChars(fBuffer, first - fBuffer));
 
+	const size_t maxBytes = 65536 + 16 * (total + with.size());
 	for (size_t passes = 1;; passes++) {
-		if (passes > total + 1)
-			return false;
+		if (passes > total + 1 || done.size() + work.size() > maxBytes)
+			return;
 		const uint32 length = doneChars + static_cast<uint32>(CountChars(work.data(), work.size()));
 
 		// Left(position)
@@ -762,5 +781,4 @@ bool UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replace
 	}
 	const std::string result = done + work;
 	AssignBytes(result.data(), result.size());
-	return true;
 }
