@@ -108,6 +108,39 @@ const char* FindBytes(const char* from, const char* end, const char* pattern, si
 	return NULL;
 }
 
+// The offset of the first character start at or after offset in [text,
+// text + n), walking from text (n when that character runs past the end).
+// Matches usually lie a few bytes apart, where one plain step at a time is
+// quicker than setting up the block walk.
+inline size_t FirstStartFrom(const char* text, size_t n, size_t offset)
+{
+	if (offset >= 64)
+		return WalkChars(text, n, CountChars(text, offset));
+	// ASCII bytes are characters of their own: the offset is a start.
+	uint8 high = 0;
+	for (size_t k = 0; k < offset; k++)
+		high |= static_cast<uint8>(text[k]);
+	if (high < 0x80)
+		return offset;
+	size_t i = 0;
+	while (i < offset)
+		i += CharSize(text + i);
+	return std::min(i, n);
+}
+
+// WalkChars for the few characters of a pattern.
+inline size_t StepChars(const char* text, size_t n, uint32 count, size_t* walked)
+{
+	if (count >= 16)
+		return WalkChars(text, n, count, walked);
+	size_t i = 0;
+	uint32 done = 0;
+	for (; done < count && i < n; done++)
+		i += CharSize(text + i);
+	*walked = done;
+	return std::min(i, n);
+}
+
 } // namespace
 
 // #pragma mark - UTFChar
@@ -674,9 +707,9 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 			// malformed text, at the next character (the match's index
 			// counts the characters that start before it).
 			const size_t restBytes = end - rest;
-			const size_t from = WalkChars(rest, restBytes, CountChars(rest, match - rest));
+			const size_t from = FirstStartFrom(rest, restBytes, match - rest);
 			size_t walked;
-			const size_t to = from + WalkChars(rest + from, restBytes - from, oldChars, &walked);
+			const size_t to = from + StepChars(rest + from, restBytes - from, oldChars, &walked);
 			if (walked < oldChars) {
 				// Fewer characters left than the pattern has: the pass keeps
 				// all but the first character of the string after the new
