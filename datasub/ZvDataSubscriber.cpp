@@ -556,33 +556,45 @@ status_t ZvDataSubscriber::ds_DoAppUpdate(uint32 what, bool notify)
 	// Older subscribers first, nearest first; then the newer ones, nearest
 	// first. The chain cannot change meanwhile: changing it needs the
 	// semaphore the caller holds.
+	const thread_id self = find_thread(NULL);
 	for (ZvDataSubscriber* target = fNext; target != NULL; target = target->fNext)
-		ds_DoAppUpdateSub(target, what, notify);
+		ds_Deliver(target, what, notify, self);
 	for (ZvDataSubscriber* target = fPrevious; target != NULL; target = target->fPrevious)
-		ds_DoAppUpdateSub(target, what, notify);
+		ds_Deliver(target, what, notify, self);
 	return 0;
 }
 
 status_t ZvDataSubscriber::ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 what, bool notify)
 {
+	ds_Deliver(target, what, notify, find_thread(NULL));
+	return 0;
+}
+
+void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool notify,
+                                  thread_id self)
+{
 	if (target == NULL || !ReceivesUpdates(target->fFlags.load(std::memory_order_relaxed)))
-		return 0;
+		return;
 	ds_CopyData(target, this, what);
 	if (!notify)
-		return 0;
+		return;
 
 	// The target is in event for this thread only while its hook runs, so
 	// its own calls from the hook take the direct path (this thread holds
-	// the semaphore), and other threads' calls keep waiting.
-	const thread_id previous = target->fEventThread.exchange(find_thread(NULL));
+	// the semaphore), and other threads' calls keep waiting. Only holders of
+	// the attribute's semaphore write the field, one at a time, and a thread
+	// only ever finds its own identifier there after writing it itself, so
+	// relaxed accesses suffice: the semaphore orders everything else.
+	const thread_id previous = target->fEventThread.load(std::memory_order_relaxed);
+	target->fEventThread.store(self, std::memory_order_relaxed);
 	target->DS_EventReceived(what);
-	target->fEventThread.store(previous);
+	target->fEventThread.store(previous, std::memory_order_relaxed);
 
 	if (target->fEventTarget == NULL || target->fEventMessage == NULL)
-		return 0;
+		return;
 	BMessenger messenger(target->fEventTarget, NULL, NULL);
 	if (!messenger.IsValid())
-		return 0;
+		return;
 	BMessage* event = target->fEventMessage;
 	event->RemoveName(kTouchedWhatField);
 	event->AddInt32(kTouchedWhatField, static_cast<int32>(what));
@@ -598,7 +610,6 @@ status_t ZvDataSubscriber::ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 wh
 		BMessage reply;
 		messenger.SendMessage(event, &reply, B_INFINITE_TIMEOUT, B_INFINITE_TIMEOUT);
 	}
-	return 0;
 }
 
 status_t ZvDataSubscriber::ds_CopyData(ZvDataSubscriber* destination, ZvDataSubscriber* source,

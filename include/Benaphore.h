@@ -16,7 +16,8 @@
 
 #include <ZvExport.h>
 
-class ZV_EXPORT Benaphore {
+class ZV_EXPORT Benaphore
+{
 public:
 	Benaphore();
 	~Benaphore();
@@ -40,5 +41,24 @@ private:
 	int32 fCount;
 	int32 fSem;
 };
+
+// The one-unit operations are inline: uncontended, each is one atomic
+// addition and no call at all.
+
+inline int32 Benaphore::Acquire()
+{
+	// atomic_add returns the count before the addition: a positive one
+	// means a unit was free and is now the caller's.
+	if (atomic_add(&fCount, -1) > 0)
+		return B_OK;
+	return acquire_sem(fSem);
+}
+
+inline int32 Benaphore::Release()
+{
+	if (atomic_add(&fCount, 1) >= 0)
+		return B_OK;
+	return release_sem(fSem);
+}
 
 #endif // _BENAPHORE_H

@@ -34,7 +34,13 @@
 // changing thread while that semaphore is held. Inside DS_EventReceived the
 // receiver may read its own data but must not change it, and must not
 // subscribe, unsubscribe or set data on another subscriber of the same
-// attribute (the thread would wait on itself). Renaming a subscriber
+// attribute (the thread would wait on itself). Lock order is the registry
+// first, then an attribute's semaphore: a DS_EventReceived that calls a
+// registry operation (DS_Subscribe, DS_UnSubscribe, DS_IsSubscribed,
+// DS_SetAttributeName) can deadlock with another thread that is subscribing
+// to or unsubscribing from the attribute being propagated. "In event" holds
+// only for the propagating thread: other threads' calls on a subscriber that
+// is in event wait for the propagation to end. Renaming a subscriber
 // (DS_SetAttributeName) must not race with other use of the same object.
 #ifndef _ZV_DATA_SUBSCRIBER_H
 #define _ZV_DATA_SUBSCRIBER_H
@@ -139,6 +145,8 @@ private:
 	void ds_StoreRaw(const void* data, int32 size);
 	void ds_StoreMessage(const BMessage* message);
 	void ds_Publish(const Access& access, uint32 what, bool notify);
+	// ds_DoAppUpdateSub for a propagating thread that knows its identifier.
+	void ds_Deliver(ZvDataSubscriber* target, uint32 what, bool notify, thread_id self);
 
 	int64 fInteger;
 	double fFloat;

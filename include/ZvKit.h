@@ -43,6 +43,7 @@
 
 // Graphics helpers.
 #include <ZvColor.h>
+#include <ZvScreen.h>
 #include <ZvTransform.h>
 
 #endif // _ZVKIT_H

@@ -68,11 +68,13 @@ public:
 		if (count > capacity) {
 			const int32 newCapacity = capacity + growStep;
 			if (newCapacity < 1) {
+				// Only a list made with a step below 1 gets here: it cannot
+				// hold anything and stays empty.
 				MakeEmpty();
-			} else {
-				_Resize(newCapacity);
-				growStep = MAX(capacity / 2, blockSize);
+				return;
 			}
+			_Resize(newCapacity);
+			growStep = MAX(capacity / 2, blockSize);
 		}
 		items[count - 1] = item;
 	}

@@ -82,6 +82,10 @@ public:
 	int32 size;
 	uint8* data;
 	char name[64];
+
+private:
+	// Takes a copy of length bytes as the item's value.
+	void _AdoptBlock(const uint8* source, int32 length);
 };
 
 class ZV_EXPORT ZvMessage
@@ -93,6 +97,7 @@ public:
 	explicit ZvMessage(int what);
 	// Copies what and deep copies of the items; flags start at 0.
 	ZvMessage(const ZvMessage& other);
+	// A null other gives an empty message with what 0.
 	explicit ZvMessage(const ZvMessage* other);
 	// An empty message, then Unflatten(flat).
 	explicit ZvMessage(const void* flat);
@@ -104,6 +109,7 @@ public:
 	// Empties this message, takes other's what and deep copies of its items;
 	// flags keep their value. Assigning a message to itself empties it.
 	ZvMessage& operator=(const ZvMessage& other);
+	// As operator= on *other; a null other changes nothing.
 	void Set(const ZvMessage* other);
 	void SetFlags(uint32 flags);
 
@@ -294,7 +300,9 @@ public:
 	// Reads a block from at most size bytes, checking every count, size and
 	// terminator against them. On a malformed or truncated block, returns
 	// false with the message's items removed (what and flags untouched).
-	// Bytes after the block are ignored.
+	// A count of 0 or below means no records, as in the trusting form; bytes
+	// after the block are ignored. The buffer must not lie inside this
+	// message's own items.
 	bool Unflatten(const void* buffer, size_t size);
 
 	// Dumps the message on standard output.

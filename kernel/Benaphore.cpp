@@ -27,15 +27,6 @@ int32 Benaphore::Free()
 	return status;
 }
 
-int32 Benaphore::Acquire()
-{
-	// atomic_add returns the count before the addition: a positive one
-	// means a unit was free and is now ours.
-	if (atomic_add(&fCount, -1) > 0)
-		return B_OK;
-	return acquire_sem(fSem);
-}
-
 int32 Benaphore::Acquire(int32 n)
 {
 	const int32 previous = atomic_add(&fCount, -n);
@@ -44,13 +35,6 @@ int32 Benaphore::Acquire(int32 n)
 	// n - previous also when previous is negative: the wait then includes
 	// the units already owed to earlier waiters.
 	return acquire_sem_etc(fSem, n - previous, 0, 0);
-}
-
-int32 Benaphore::Release()
-{
-	if (atomic_add(&fCount, 1) >= 0)
-		return B_OK;
-	return release_sem(fSem);
 }
 
 int32 Benaphore::Release(int32 n)

@@ -2,12 +2,20 @@
 #include <ZvLocker.h>
 
 #include <ZvSemaphore.h>
-#include <ZvThread.h>
+
+#include "WrapperCalls.h"
+
+using zvkit_private::AcquireSemaphore;
+using zvkit_private::CurrentThread;
+using zvkit_private::ReleaseSemaphore;
 
 // Ownership is published in the order owner, count, locked, the last with a
 // release store; the recursion test loads locked with acquire before owner.
 // So a thread that sees another thread's locked == true also sees that
 // thread's owner, never its own stale identifier from an earlier hold.
+//
+// fCount is changed only by the owner while it holds the semaphore, so a
+// plain load and store (relaxed atomics, for CountLock's sake) are enough.
 
 ZvLocker::ZvLocker()
     : fCount(0), fLocked(false), fSem(ZvSemaphore::Create(1, "ZvLocker")), fOwner(0)
@@ -21,13 +29,13 @@ ZvLocker::~ZvLocker()
 
 bool ZvLocker::Lock()
 {
-	const uint32 me = ZvThread::CurrentID();
+	const uint32 me = CurrentThread();
 	if (fLocked.load(std::memory_order_acquire) && fOwner.load(std::memory_order_relaxed) == me) {
-		fCount.fetch_add(1, std::memory_order_relaxed);
+		fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 		return true;
 	}
 	// A result of 2 (the 24.8-day time-out expired) is taken as success.
-	if (ZvSemaphore::Acquire(fSem.load(std::memory_order_relaxed), -1) == 0)
+	if (AcquireSemaphore(fSem.load(std::memory_order_relaxed), -1) == 0)
 		return false;
 	fOwner.store(me, std::memory_order_relaxed);
 	fCount.store(1, std::memory_order_relaxed);
@@ -37,12 +45,12 @@ bool ZvLocker::Lock()
 
 int32 ZvLocker::LockWithTimeout(int32 timeout)
 {
-	const uint32 me = ZvThread::CurrentID();
+	const uint32 me = CurrentThread();
 	if (fLocked.load(std::memory_order_acquire) && fOwner.load(std::memory_order_relaxed) == me) {
-		fCount.fetch_add(1, std::memory_order_relaxed);
+		fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 		return 1;
 	}
-	const int32 result = ZvSemaphore::Acquire(fSem.load(std::memory_order_relaxed), timeout);
+	const int32 result = AcquireSemaphore(fSem.load(std::memory_order_relaxed), timeout);
 	if (result != 1)
 		return result;
 	fOwner.store(me, std::memory_order_relaxed);
@@ -53,12 +61,15 @@ int32 ZvLocker::LockWithTimeout(int32 timeout)
 
 void ZvLocker::Unlock()
 {
-	const uint32 me = ZvThread::CurrentID();
+	// Only the owner may unlock; anyone else is ignored without a word.
+	const uint32 me = CurrentThread();
 	if (!fLocked.load(std::memory_order_acquire) || fOwner.load(std::memory_order_relaxed) != me)
 		return;
-	if (fCount.fetch_sub(1, std::memory_order_relaxed) - 1 <= 0) {
+	const int32 depth = fCount.load(std::memory_order_relaxed) - 1;
+	fCount.store(depth, std::memory_order_relaxed);
+	if (depth <= 0) {
 		fLocked.store(false, std::memory_order_release);
-		ZvSemaphore::Release(fSem.load(std::memory_order_relaxed));
+		ReleaseSemaphore(fSem.load(std::memory_order_relaxed));
 	}
 }
 

@@ -1,6 +1,8 @@
 // ZvSemaphore.cpp: static wrappers over the kernel's semaphores.
 #include <ZvSemaphore.h>
 
+#include "WrapperCalls.h"
+
 #include <OS.h>
 
 #include <cstdio>
@@ -31,20 +33,10 @@ bool ZvSemaphore::Delete(uint32 sem)
 
 int32 ZvSemaphore::Acquire(uint32 sem, int32 timeout)
 {
-	// No untimed wait: a negative time-out is the longest one, 2147483646 ms.
-	if (timeout < 0)
-		timeout = 0x7FFFFFFE;
-	const bigtime_t microseconds = static_cast<bigtime_t>(timeout) * 1000;
-	const status_t status =
-	    acquire_sem_etc(static_cast<sem_id>(sem), 1, B_RELATIVE_TIMEOUT, microseconds);
-	if (status == B_OK)
-		return 1;
-	if (status == B_TIMED_OUT)
-		return 2;
-	return 0;
+	return zvkit_private::AcquireSemaphore(sem, timeout);
 }
 
 bool ZvSemaphore::Release(uint32 sem)
 {
-	return release_sem(static_cast<sem_id>(sem)) == B_OK;
+	return zvkit_private::ReleaseSemaphore(sem);
 }

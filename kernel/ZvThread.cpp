@@ -1,11 +1,32 @@
 // ZvThread.cpp: static wrappers over the kernel's threads.
 #include <ZvThread.h>
 
+#include "WrapperCalls.h"
+
 #include <OS.h>
 
 #include <cstdio>
 
+#include <pthread.h>
+
+namespace zvkit_private {
+
+thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec"))) = 0;
+
+} // namespace zvkit_private
+
 namespace {
+
+// The forking thread is the child's only thread, with a new identifier.
+void ForgetThreadInChild()
+{
+	zvkit_private::tCurrentThread = 0;
+}
+
+struct ForkHandlerInstaller
+{
+	ForkHandlerInstaller() { pthread_atfork(nullptr, nullptr, &ForgetThreadInChild); }
+} sForkHandlerInstaller;
 
 int32 KernelPriority(zv_thread_priority priority)
 {
@@ -76,5 +97,5 @@ bool ZvThread::Terminate(uint32 thread)
 
 uint32 ZvThread::CurrentID()
 {
-	return static_cast<uint32>(find_thread(nullptr));
+	return zvkit_private::CurrentThread();
 }

@@ -32,7 +32,14 @@ ZvMessage::ZvMessage(const ZvMessage& other) : what(other.what), fFlags(0), item
 		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
 }
 
-ZvMessage::ZvMessage(const ZvMessage* other) : ZvMessage(*other) {}
+ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep)
+{
+	// A null message gives an empty one with what 0.
+	if (other == nullptr)
+		return;
+	what = other->what;
+	*this += *other;
+}
 
 ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep)
 {
@@ -62,7 +69,9 @@ ZvMessage& ZvMessage::operator=(const ZvMessage& other)
 
 void ZvMessage::Set(const ZvMessage* other)
 {
-	*this = *other;
+	// Setting from a null message changes nothing.
+	if (other != nullptr)
+		*this = *other;
 }
 
 void ZvMessage::SetFlags(uint32 flags)

@@ -21,7 +21,20 @@ int32 ZvMessageItem::GetData(void* buffer) const
 	WriteInt(out + 4 + nameSize, size);
 	if (size >= 1 && data != nullptr)
 		memcpy(out + 4 + nameSize + 4, data, size);
-	return Size();
+	return static_cast<int32>(4 + nameSize + 4) + size;
+}
+
+void ZvMessageItem::_AdoptBlock(const uint8* source, int32 length)
+{
+	// A block of the same size is refilled; otherwise a new one is made (an
+	// empty one too, so that a record always leaves a block behind).
+	if (data == nullptr || size != length) {
+		delete[] data;
+		data = nullptr;
+		data = new uint8[length];
+	}
+	size = length;
+	memcpy(data, source, length);
 }
 
 int32 ZvMessageItem::SetData(const void* buffer)
@@ -39,14 +52,9 @@ int32 ZvMessageItem::SetData(const void* buffer)
 	if (readSize < 0)
 		readSize = 0;
 
-	uint8* block = new uint8[readSize];
-	memcpy(block, in + 4 + nameSize + 4, readSize);
-
-	delete[] data;
+	_AdoptBlock(in + 4 + nameSize + 4, readSize);
 	type = ReadWord(in);
 	memcpy(name, readName, sizeof(name));
-	size = readSize;
-	data = block;
 	return static_cast<int32>(4 + nameSize + 4) + readSize;
 }
 
@@ -73,14 +81,9 @@ int32 ZvMessageItem::SetData(const void* buffer, size_t available)
 		return 0;
 	}
 
-	uint8* block = new uint8[readSize];
-	memcpy(block, in + dataAt, readSize);
-
-	delete[] data;
+	_AdoptBlock(in + dataAt, readSize);
 	type = ReadWord(in);
 	memcpy(name, in + 4, nameSize);
-	size = readSize;
-	data = block;
 	return static_cast<int32>(dataAt) + readSize;
 }
 
@@ -124,31 +127,41 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 	if (buffer == nullptr)
 		return false;
 
-	MakeEmpty();
 	const uint8* in = static_cast<const uint8*>(buffer);
-	if (bounded && size < kHeaderSize)
+	if (bounded && size < kHeaderSize) {
+		MakeEmpty();
 		return false;
-
+	}
+	// A count of 0 or below means no records, in both forms. Every record
+	// takes at least kMinRecordSize bytes: a count that cannot fit is
+	// refused before anything is allocated.
 	const int32 count = ReadInt(in + 8);
-	if (bounded && count < 0)
+	if (bounded && count > 0 &&
+	    static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize) {
+		MakeEmpty();
 		return false;
-	// Every record takes at least kMinRecordSize bytes: a count that cannot
-	// fit is refused before anything is allocated.
-	if (bounded && static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize)
-		return false;
+	}
 
+	// The items already in the message are refilled in place (and their data
+	// blocks kept when the size matches) instead of being deleted and made
+	// again; the result is the same as emptying the message first.
 	size_t at = kHeaderSize;
 	for (int32 i = 0; i < count; i++) {
-		ZvMessageItem* item = new ZvMessageItem();
+		const bool fresh = i >= items.CountItems();
+		ZvMessageItem* item = fresh ? new ZvMessageItem() : items.ItemAt(i);
 		const int32 consumed = bounded ? item->SetData(in + at, size - at) : item->SetData(in + at);
 		if (consumed == 0) {
-			delete item;
+			if (fresh)
+				delete item;
 			MakeEmpty();
 			return false;
 		}
-		items.AddItem(item);
+		if (fresh)
+			items.AddItem(item);
 		at += consumed;
 	}
+	while (items.CountItems() > MAX(count, int32(0)))
+		delete items.RemoveItem(items.CountItems() - 1);
 
 	what = ReadWord(in);
 	fFlags = ReadWord(in + 4);

@@ -579,7 +579,13 @@ bool ZvMessage::FindMessage(const char* name, int32 index, ZvMessage* message) c
 		return false;
 	// The bounded reader: a block stored through the generic operations is
 	// not trusted to be a well-formed message.
-	return message->Unflatten(item->data, item->data != nullptr ? item->size : 0);
+	const size_t size = item->data != nullptr ? item->size : 0;
+	if (message != this)
+		return message->Unflatten(item->data, size);
+	// Reading a message into itself: the block is rewritten as it is read,
+	// so it is read from a copy.
+	const std::vector<uint8> copy(item->data, item->data + size);
+	return message->Unflatten(copy.data(), copy.size());
 }
 
 bool ZvMessage::FindMessage(const char* name, ZvMessage* message) const

@@ -20,7 +20,7 @@
 // read once per destination row that samples it.
 //
 // Columns are handled in chunks so that the working tables live on the stack
-// (about 30 KiB): a chunk is a run of destination columns together with the
+// (under 40 KiB): a chunk is a run of destination columns together with the
 // sorted list of source columns they sample.
 #include <ZvResize.h>
 

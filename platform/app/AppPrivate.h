@@ -27,7 +27,8 @@ namespace BPrivate {
 // deadline that far out would overflow the clock's representation).
 const bigtime_t kUnlimitedWait = 1000000000000000LL;
 
-class LooperPort {
+class LooperPort
+{
 public:
 	explicit LooperPort(int32 capacity);
 
@@ -50,14 +51,16 @@ private:
 	bool fClosed;
 };
 
-struct ReplyChannel {
+struct ReplyChannel
+{
 	std::mutex lock;
 	std::condition_variable answered;
 	std::unique_ptr<BMessage> reply;
 };
 
 // Delivery data of a message in (or taken from) a looper's queue.
-struct MessageDelivery {
+struct MessageDelivery
+{
 	// Handler token of the target; -1 for the looper's preferred handler.
 	int32 targetToken = -1;
 	// Where SendReply sends to when no sender waits: a looper id and a
@@ -71,7 +74,8 @@ struct MessageDelivery {
 	bool quitOrder = false;
 };
 
-class MessageAccess {
+class MessageAccess
+{
 public:
 	// Copies `message` for delivery (fields and what, fresh delivery data).
 	static BMessage* CopyForDelivery(const BMessage* message);
@@ -85,9 +89,11 @@ public:
 	static bool Unflatten(BMessage* message, const uint8* data, size_t size);
 };
 
-class LooperRegistry {
+class LooperRegistry
+{
 public:
-	struct Target {
+	struct Target
+	{
 		BLooper* looper = nullptr;
 		std::shared_ptr<LooperPort> port;
 		thread_id thread = -1;
@@ -104,7 +110,8 @@ public:
 	static bool FindHandler(int32 id, int32 token, BLooper** looper, BHandler** handler);
 };
 
-class LooperAccess {
+class LooperAccess
+{
 public:
 	static int32 Id(const BLooper* looper) { return looper->fId; }
 	static int32 Token(const BHandler* handler) { return handler->fToken; }
@@ -115,7 +122,7 @@ public:
 // Sends `message` (copied) to the handler `token` of looper `looperId`, as
 // BMessenger::SendMessage does; `replyTo` names where its answer goes.
 status_t DeliverTo(int32 looperId, int32 token, const BMessage* message, BHandler* replyTo,
-	const std::shared_ptr<ReplyChannel>& waiter, bigtime_t timeout);
+                   const std::shared_ptr<ReplyChannel>& waiter, bigtime_t timeout);
 
 } // namespace BPrivate
 

@@ -25,10 +25,7 @@ char* CopyName(const char* name)
 } // namespace
 
 BHandler::BHandler(const char* name)
-	:
-	fName(CopyName(name)),
-	fLooper(NULL),
-	fToken(atomic_add(&sNextToken, 1))
+    : fName(CopyName(name)), fLooper(NULL), fToken(atomic_add(&sNextToken, 1))
 {
 }
 
@@ -44,9 +41,7 @@ BHandler::~BHandler()
 	delete[] fName;
 }
 
-void BHandler::MessageReceived(BMessage*)
-{
-}
+void BHandler::MessageReceived(BMessage*) {}
 
 BLooper* BHandler::Looper() const
 {

@@ -22,9 +22,7 @@ using BPrivate::MessageDelivery;
 // #pragma mark - LooperPort
 
 LooperPort::LooperPort(int32 capacity)
-	:
-	fCapacity(capacity > 0 ? static_cast<size_t>(capacity) : 1),
-	fClosed(false)
+    : fCapacity(capacity > 0 ? static_cast<size_t>(capacity) : 1), fClosed(false)
 {
 }
 
@@ -72,7 +70,8 @@ void LooperPort::Close(std::vector<BMessage*>* leftovers)
 
 namespace {
 
-struct RegistryTable {
+struct RegistryTable
+{
 	std::mutex lock;
 	std::map<int32, LooperRegistry::Target> loopers;
 	int32 nextId = 1;
@@ -163,7 +162,8 @@ bool LooperRegistry::FindHandler(int32 id, int32 token, BLooper** looper, BHandl
 
 // #pragma mark - BLooper
 
-struct BLooper::Private {
+struct BLooper::Private
+{
 	std::shared_ptr<LooperPort> port;
 	// Guards `handlers` and the handlers' looper links, so that messengers
 	// can resolve tokens from any thread. Changes also need the looper lock.
@@ -187,17 +187,9 @@ const std::shared_ptr<LooperPort>& LooperAccess::Port(const BLooper* looper)
 }
 
 BLooper::BLooper(const char* name, int32 priority, int32 portCapacity)
-	:
-	BHandler(name),
-	fLock(name != NULL ? name : "BLooper"),
-	fPrivate(new Private),
-	fId(-1),
-	fPriority(priority),
-	fThread(-1),
-	fRunCalled(false),
-	fTerminating(false),
-	fPreferred(NULL),
-	fCurrentMessage(NULL)
+    : BHandler(name), fLock(name != NULL ? name : "BLooper"), fPrivate(new Private), fId(-1),
+      fPriority(priority), fThread(-1), fRunCalled(false), fTerminating(false), fPreferred(NULL),
+      fCurrentMessage(NULL)
 {
 	fPrivate->port = std::make_shared<LooperPort>(portCapacity);
 	// As on the platform, the constructing thread holds the lock until Run.
@@ -430,18 +422,22 @@ void BLooper::Quit()
 	}
 
 	const thread_id thread = fThread;
+	// The looper's thread must be able to lock the looper to finish, so this
+	// thread gives up every lock it holds on it. How many those are is read
+	// before the quit order goes out: once the order is queued, a looper
+	// that this thread does not hold may be deleted at any moment, and
+	// after the last Unlock nothing of `this` is touched either.
+	int32 held = fLock.LockingThread() == self ? fLock.CountLocks() : 0;
 	// The quit order bypasses the queue's capacity; if the port is already
-	// closed the looper is being deleted anyway.
+	// closed the looper is being deleted anyway. The port is held by a
+	// reference of this call: the looper (and its reference) may be gone
+	// before Push has returned.
+	std::shared_ptr<LooperPort> port = fPrivate->port;
 	BMessage* order = MessageAccess::MakeQuitOrder();
-	if (fPrivate->port->Push(order, 0, true) != B_OK)
+	if (port->Push(order, 0, true) != B_OK)
 		delete order;
-	// The looper's thread must be able to lock the looper to finish: give
-	// up every lock this thread holds on it. `this` may be deleted as soon
-	// as the last one is released, so nothing is touched after that.
-	if (fLock.LockingThread() == self) {
-		for (int32 count = fLock.CountLocks(); count > 0; count--)
-			fLock.Unlock();
-	}
+	for (; held > 0; held--)
+		fLock.Unlock();
 	status_t exitValue = B_OK;
 	wait_for_thread(thread, &exitValue);
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 using BPrivate::MessageAccess;
@@ -19,7 +20,8 @@ using BPrivate::MessageDelivery;
 
 namespace {
 
-struct Field {
+struct Field
+{
 	std::string name;
 	type_code type;
 	bool fixedSize;
@@ -34,7 +36,8 @@ const uint32 kFlatMagic = 0x504D5347;
 
 } // namespace
 
-struct BMessage::Fields {
+struct BMessage::Fields
+{
 	std::vector<Field> list;
 
 	Field* Find(const char* name)
@@ -49,7 +52,9 @@ struct BMessage::Fields {
 	const Field* Find(const char* name) const { return const_cast<Fields*>(this)->Find(name); }
 };
 
-struct BMessage::Delivery : MessageDelivery {};
+struct BMessage::Delivery : MessageDelivery
+{
+};
 
 // #pragma mark - Field lookup shared by every typed member
 
@@ -57,9 +62,9 @@ namespace {
 
 // The item `index` of field `name` of type `type` (B_ANY_TYPE matches every
 // type), or the status that explains why there is none.
-template<typename FieldT, typename FieldsT>
+template <typename FieldT, typename FieldsT>
 status_t LocateItem(FieldsT* fields, const char* name, type_code type, int32 index,
-	FieldT** fieldOut)
+                    FieldT** fieldOut)
 {
 	if (name == nullptr)
 		return B_BAD_VALUE;
@@ -84,27 +89,12 @@ bool SizeIsStorable(ssize_t numBytes)
 
 // #pragma mark - Construction
 
-BMessage::BMessage()
-	:
-	what(0),
-	fFields(new Fields),
-	fDelivery(nullptr)
-{
-}
+BMessage::BMessage() : what(0), fFields(new Fields), fDelivery(nullptr) {}
 
-BMessage::BMessage(uint32 command)
-	:
-	what(command),
-	fFields(new Fields),
-	fDelivery(nullptr)
-{
-}
+BMessage::BMessage(uint32 command) : what(command), fFields(new Fields), fDelivery(nullptr) {}
 
 BMessage::BMessage(const BMessage& other)
-	:
-	what(other.what),
-	fFields(new Fields(*other.fFields)),
-	fDelivery(nullptr)
+    : what(other.what), fFields(new Fields(*other.fFields)), fDelivery(nullptr)
 {
 }
 
@@ -130,7 +120,7 @@ BMessage& BMessage::operator=(const BMessage& other)
 // #pragma mark - Information
 
 status_t BMessage::GetInfo(type_code typeRequested, int32 index, char** nameFound,
-	type_code* typeFound, int32* countFound) const
+                           type_code* typeFound, int32* countFound) const
 {
 	if (index < 0 || static_cast<size_t>(index) >= fFields->list.size())
 		return B_BAD_INDEX;
@@ -232,7 +222,7 @@ status_t BMessage::MakeEmpty()
 // #pragma mark - Raw data
 
 status_t BMessage::AddData(const char* name, type_code type, const void* data, ssize_t numBytes,
-	bool isFixedSize, int32 count)
+                           bool isFixedSize, int32 count)
 {
 	if (name == nullptr || data == nullptr || type == B_ANY_TYPE || !SizeIsStorable(numBytes))
 		return B_BAD_VALUE;
@@ -243,8 +233,7 @@ status_t BMessage::AddData(const char* name, type_code type, const void* data, s
 		if (field->fixedSize && field->itemSize != static_cast<size_t>(numBytes))
 			return B_BAD_VALUE;
 	} else {
-		fFields->list.push_back(
-			Field{name, type, isFixedSize, static_cast<size_t>(numBytes), {}});
+		fFields->list.push_back(Field{name, type, isFixedSize, static_cast<size_t>(numBytes), {}});
 		field = &fFields->list.back();
 		if (count > 1)
 			field->items.reserve(static_cast<size_t>(count));
@@ -255,7 +244,7 @@ status_t BMessage::AddData(const char* name, type_code type, const void* data, s
 }
 
 status_t BMessage::FindData(const char* name, type_code type, int32 index, const void** data,
-	ssize_t* numBytes) const
+                            ssize_t* numBytes) const
 {
 	if (data == nullptr)
 		return B_BAD_VALUE;
@@ -271,13 +260,13 @@ status_t BMessage::FindData(const char* name, type_code type, int32 index, const
 }
 
 status_t BMessage::FindData(const char* name, type_code type, const void** data,
-	ssize_t* numBytes) const
+                            ssize_t* numBytes) const
 {
 	return FindData(name, type, 0, data, numBytes);
 }
 
 status_t BMessage::ReplaceData(const char* name, type_code type, int32 index, const void* data,
-	ssize_t numBytes)
+                               ssize_t numBytes)
 {
 	if (data == nullptr || !SizeIsStorable(numBytes))
 		return B_BAD_VALUE;
@@ -292,8 +281,7 @@ status_t BMessage::ReplaceData(const char* name, type_code type, int32 index, co
 	return B_OK;
 }
 
-status_t BMessage::ReplaceData(const char* name, type_code type, const void* data,
-	ssize_t numBytes)
+status_t BMessage::ReplaceData(const char* name, type_code type, const void* data, ssize_t numBytes)
 {
 	return ReplaceData(name, type, 0, data, numBytes);
 }
@@ -309,15 +297,14 @@ bool BMessage::HasData(const char* name, type_code type, int32 index) const
 namespace {
 
 // Fixed-size values of the typed families, stored by their bytes.
-template<typename T>
+template <typename T>
 status_t AddValue(BMessage* message, const char* name, type_code type, T value)
 {
 	return message->AddData(name, type, &value, sizeof(T), true);
 }
 
-template<typename T>
-status_t FindValue(const BMessage* message, const char* name, type_code type, int32 index,
-	T* value)
+template <typename T>
+status_t FindValue(const BMessage* message, const char* name, type_code type, int32 index, T* value)
 {
 	if (value == nullptr)
 		return B_BAD_VALUE;
@@ -332,7 +319,7 @@ status_t FindValue(const BMessage* message, const char* name, type_code type, in
 	return B_OK;
 }
 
-template<typename T>
+template <typename T>
 status_t ReplaceValue(BMessage* message, const char* name, type_code type, int32 index, T value)
 {
 	return message->ReplaceData(name, type, index, &value, sizeof(T));
@@ -518,7 +505,7 @@ status_t BMessage::FindMessage(const char* name, int32 index, BMessage* message)
 	if (status != B_OK)
 		return status;
 	if (!MessageAccess::Unflatten(message, static_cast<const uint8*>(data),
-			static_cast<size_t>(size)))
+	                              static_cast<size_t>(size)))
 		return B_BAD_DATA;
 	return B_OK;
 }
@@ -626,8 +613,7 @@ status_t BMessage::ReplaceMessage(const char* name, int32 index, const BMessage*
 		return B_BAD_VALUE;
 	std::vector<uint8> flat;
 	MessageAccess::Flatten(message, &flat);
-	return ReplaceData(name, B_MESSAGE_TYPE, index, flat.data(),
-		static_cast<ssize_t>(flat.size()));
+	return ReplaceData(name, B_MESSAGE_TYPE, index, flat.data(), static_cast<ssize_t>(flat.size()));
 }
 
 bool BMessage::HasBool(const char* name, int32 index) const
@@ -713,7 +699,7 @@ status_t BMessage::SendReply(BMessage* reply, BHandler* replyTo, bigtime_t timeo
 	if (fDelivery->replyLooper < 0)
 		return B_BAD_REPLY;
 	status_t status = BPrivate::DeliverTo(fDelivery->replyLooper, fDelivery->replyToken, reply,
-		replyTo, nullptr, timeout);
+	                                      replyTo, nullptr, timeout);
 	if (status == B_OK)
 		fDelivery->replied = true;
 	return status;
@@ -769,7 +755,8 @@ void PutUint32(std::vector<uint8>* out, uint32 value)
 	out->insert(out->end(), bytes, bytes + sizeof(value));
 }
 
-class FlatReader {
+class FlatReader
+{
 public:
 	FlatReader(const uint8* data, size_t size) : fData(data), fLeft(size) {}
 
@@ -830,8 +817,9 @@ bool MessageAccess::Unflatten(BMessage* message, const uint8* data, size_t size)
 	uint32 what = 0;
 	uint32 fieldCount = 0;
 	BMessage::Fields fields;
-	bool ok = reader.Uint32(&magic) && magic == kFlatMagic && reader.Uint32(&what)
-		&& reader.Uint32(&fieldCount);
+	std::unordered_set<std::string> names;
+	bool ok = reader.Uint32(&magic) && magic == kFlatMagic && reader.Uint32(&what) &&
+	          reader.Uint32(&fieldCount);
 	for (uint32 i = 0; ok && i < fieldCount; i++) {
 		Field field{};
 		uint8 fixed = 0;
@@ -839,15 +827,24 @@ bool MessageAccess::Unflatten(BMessage* message, const uint8* data, size_t size)
 		uint32 itemCount = 0;
 		ok = reader.Uint32(&field.type) && reader.Bytes(&fixed, 1) && reader.Uint32(&nameLength);
 		const uint8* name = ok ? reader.Take(nameLength) : nullptr;
-		ok = name != nullptr && reader.Uint32(&itemCount) && itemCount > 0;
+		// Only what AddData could have stored is accepted: a known type, a
+		// fixed-size flag of 0 or 1, a name without zeros that no earlier
+		// field uses, and items of one size in a fixed-size field.
+		ok = name != nullptr && fixed <= 1 && field.type != B_ANY_TYPE &&
+		     std::memchr(name, '\0', nameLength) == nullptr && reader.Uint32(&itemCount) &&
+		     itemCount > 0;
+		if (ok) {
+			field.name.assign(reinterpret_cast<const char*>(name), nameLength);
+			ok = names.insert(field.name).second;
+		}
 		if (!ok)
 			break;
-		field.name.assign(reinterpret_cast<const char*>(name), nameLength);
 		field.fixedSize = fixed != 0;
 		for (uint32 j = 0; ok && j < itemCount; j++) {
 			uint32 itemSize = 0;
 			const uint8* item = reader.Uint32(&itemSize) ? reader.Take(itemSize) : nullptr;
-			ok = item != nullptr && itemSize > 0;
+			ok = item != nullptr && itemSize > 0 && itemSize <= 0x7FFFFFFF &&
+			     (!field.fixedSize || j == 0 || itemSize == field.items.front().size());
 			if (ok)
 				field.items.emplace_back(item, item + itemSize);
 		}

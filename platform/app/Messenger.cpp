@@ -20,7 +20,8 @@ using BPrivate::MessageDelivery;
 using BPrivate::ReplyChannel;
 
 status_t BPrivate::DeliverTo(int32 looperId, int32 token, const BMessage* message,
-	BHandler* replyTo, const std::shared_ptr<ReplyChannel>& waiter, bigtime_t timeout)
+                             BHandler* replyTo, const std::shared_ptr<ReplyChannel>& waiter,
+                             bigtime_t timeout)
 {
 	LooperRegistry::Target target;
 	if (!LooperRegistry::Find(looperId, &target))
@@ -46,17 +47,10 @@ status_t BPrivate::DeliverTo(int32 looperId, int32 token, const BMessage* messag
 	return status;
 }
 
-BMessenger::BMessenger()
-	:
-	fLooperId(-1),
-	fHandlerToken(-1)
-{
-}
+BMessenger::BMessenger() : fLooperId(-1), fHandlerToken(-1) {}
 
 BMessenger::BMessenger(const BHandler* handler, const BLooper* looper, status_t* result)
-	:
-	fLooperId(-1),
-	fHandlerToken(-1)
+    : fLooperId(-1), fHandlerToken(-1)
 {
 	status_t status = B_OK;
 	if (handler != NULL) {
@@ -77,15 +71,11 @@ BMessenger::BMessenger(const BHandler* handler, const BLooper* looper, status_t*
 }
 
 BMessenger::BMessenger(const BMessenger& other)
-	:
-	fLooperId(other.fLooperId),
-	fHandlerToken(other.fHandlerToken)
+    : fLooperId(other.fLooperId), fHandlerToken(other.fHandlerToken)
 {
 }
 
-BMessenger::~BMessenger()
-{
-}
+BMessenger::~BMessenger() {}
 
 BMessenger& BMessenger::operator=(const BMessenger& other)
 {
@@ -119,8 +109,8 @@ BHandler* BMessenger::Target(BLooper** looper) const
 {
 	BLooper* foundLooper = NULL;
 	BHandler* handler = NULL;
-	if (fLooperId < 0
-		|| !LooperRegistry::FindHandler(fLooperId, fHandlerToken, &foundLooper, &handler)) {
+	if (fLooperId < 0 ||
+	    !LooperRegistry::FindHandler(fLooperId, fHandlerToken, &foundLooper, &handler)) {
 		foundLooper = NULL;
 		handler = NULL;
 	}
@@ -156,7 +146,7 @@ status_t BMessenger::SendMessage(uint32 command, BMessage* reply) const
 }
 
 status_t BMessenger::SendMessage(BMessage* message, BMessage* reply, bigtime_t deliveryTimeout,
-	bigtime_t replyTimeout) const
+                                 bigtime_t replyTimeout) const
 {
 	if (message == NULL || reply == NULL)
 		return B_BAD_VALUE;
@@ -168,8 +158,8 @@ status_t BMessenger::SendMessage(BMessage* message, BMessage* reply, bigtime_t d
 		return B_MESSAGE_TO_SELF;
 
 	std::shared_ptr<ReplyChannel> channel = std::make_shared<ReplyChannel>();
-	status_t status
-		= BPrivate::DeliverTo(fLooperId, fHandlerToken, message, NULL, channel, deliveryTimeout);
+	status_t status =
+	    BPrivate::DeliverTo(fLooperId, fHandlerToken, message, NULL, channel, deliveryTimeout);
 	if (status != B_OK)
 		return status;
 
@@ -181,8 +171,8 @@ status_t BMessenger::SendMessage(BMessage* message, BMessage* reply, bigtime_t d
 	if (replyTimeout >= BPrivate::kUnlimitedWait) {
 		channel->answered.wait(lock, answered);
 	} else if (!channel->answered.wait_for(
-				   lock, std::chrono::microseconds(replyTimeout > 0 ? replyTimeout : 0),
-				   answered)) {
+	               lock, std::chrono::microseconds(replyTimeout > 0 ? replyTimeout : 0),
+	               answered)) {
 		return B_TIMED_OUT;
 	}
 	*reply = *channel->reply;

@@ -7,7 +7,8 @@
 
 #include <SupportDefs.h>
 
-enum {
+enum
+{
 	// Asks a looper to quit: the looper calls QuitRequested() and quits when
 	// it answers true. A waiting sender gets a reply with the bool "result".
 	B_QUIT_REQUESTED = 0x5F515251, // '_QRQ'

@@ -7,7 +7,8 @@
 
 #include <SupportDefs.h>
 
-typedef struct rgb_color {
+typedef struct rgb_color
+{
 	uint8 red;
 	uint8 green;
 	uint8 blue;
@@ -16,11 +17,14 @@ typedef struct rgb_color {
 #ifdef __cplusplus
 	bool operator==(const rgb_color& other) const
 	{
-		return red == other.red && green == other.green && blue == other.blue
-			&& alpha == other.alpha;
+		return red == other.red && green == other.green && blue == other.blue &&
+		       alpha == other.alpha;
 	}
 
-	bool operator!=(const rgb_color& other) const { return !(*this == other); }
+	bool operator!=(const rgb_color& other) const
+	{
+		return !(*this == other);
+	}
 #endif
 } rgb_color;
 

@@ -23,7 +23,8 @@ namespace BPrivate {
 class LooperAccess;
 }
 
-class _EXPORT BHandler {
+class _EXPORT BHandler
+{
 public:
 	BHandler(const char* name = NULL);
 	virtual ~BHandler();

@@ -14,7 +14,8 @@
 #include <OS.h>
 #include <SupportDefs.h>
 
-class _EXPORT BLocker {
+class _EXPORT BLocker
+{
 public:
 	BLocker();
 	BLocker(const char* name);

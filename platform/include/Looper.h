@@ -35,10 +35,11 @@
 class BMessage;
 class BMessenger;
 
-class _EXPORT BLooper : public BHandler {
+class _EXPORT BLooper : public BHandler
+{
 public:
 	BLooper(const char* name = NULL, int32 priority = B_NORMAL_PRIORITY,
-		int32 portCapacity = B_LOOPER_PORT_DEFAULT_CAPACITY);
+	        int32 portCapacity = B_LOOPER_PORT_DEFAULT_CAPACITY);
 	virtual ~BLooper();
 
 	// Posting: the message is copied. Without a handler argument the looper

@@ -42,7 +42,8 @@ namespace BPrivate {
 class MessageAccess;
 }
 
-class _EXPORT BMessage {
+class _EXPORT BMessage
+{
 public:
 	uint32 what;
 
@@ -55,7 +56,7 @@ public:
 
 	// Information about the fields.
 	status_t GetInfo(type_code typeRequested, int32 index, char** nameFound, type_code* typeFound,
-		int32* countFound = NULL) const;
+	                 int32* countFound = NULL) const;
 	status_t GetInfo(const char* name, type_code* typeFound, int32* countFound = NULL) const;
 	status_t GetInfo(const char* name, type_code* typeFound, bool* fixedSize) const;
 	// Number of fields of that type; B_ANY_TYPE counts every field.
@@ -70,7 +71,7 @@ public:
 	// Replies (for a message delivered by a looper).
 	status_t SendReply(uint32 command, BHandler* replyTo = NULL);
 	status_t SendReply(BMessage* reply, BHandler* replyTo = NULL,
-		bigtime_t timeout = B_INFINITE_TIMEOUT);
+	                   bigtime_t timeout = B_INFINITE_TIMEOUT);
 	// A sender waits in BMessenger::SendMessage for the answer.
 	bool IsSourceWaiting() const;
 	// The message was delivered by a looper (not built by the caller).
@@ -79,13 +80,12 @@ public:
 	// Raw data. isFixedSize: every item of the field has numBytes bytes;
 	// count: how many items the field will probably hold (a hint).
 	status_t AddData(const char* name, type_code type, const void* data, ssize_t numBytes,
-		bool isFixedSize = true, int32 count = 1);
+	                 bool isFixedSize = true, int32 count = 1);
 	status_t FindData(const char* name, type_code type, int32 index, const void** data,
-		ssize_t* numBytes) const;
-	status_t FindData(const char* name, type_code type, const void** data,
-		ssize_t* numBytes) const;
+	                  ssize_t* numBytes) const;
+	status_t FindData(const char* name, type_code type, const void** data, ssize_t* numBytes) const;
 	status_t ReplaceData(const char* name, type_code type, int32 index, const void* data,
-		ssize_t numBytes);
+	                     ssize_t numBytes);
 	status_t ReplaceData(const char* name, type_code type, const void* data, ssize_t numBytes);
 	// type B_ANY_TYPE matches a field of any type.
 	bool HasData(const char* name, type_code type, int32 index = 0) const;

@@ -24,7 +24,8 @@ class BHandler;
 class BLooper;
 class BMessage;
 
-class _EXPORT BMessenger {
+class _EXPORT BMessenger
+{
 public:
 	BMessenger();
 	// The target is `handler` (which must belong to a looper, and to
@@ -50,13 +51,13 @@ public:
 
 	status_t SendMessage(uint32 command, BHandler* replyTo = NULL) const;
 	status_t SendMessage(BMessage* message, BHandler* replyTo = NULL,
-		bigtime_t timeout = B_INFINITE_TIMEOUT) const;
+	                     bigtime_t timeout = B_INFINITE_TIMEOUT) const;
 	status_t SendMessage(uint32 command, BMessage* reply) const;
 	// Waits up to deliveryTimeout for room in the queue and up to
 	// replyTimeout for the answer (B_TIMED_OUT otherwise).
 	status_t SendMessage(BMessage* message, BMessage* reply,
-		bigtime_t deliveryTimeout = B_INFINITE_TIMEOUT,
-		bigtime_t replyTimeout = B_INFINITE_TIMEOUT) const;
+	                     bigtime_t deliveryTimeout = B_INFINITE_TIMEOUT,
+	                     bigtime_t replyTimeout = B_INFINITE_TIMEOUT) const;
 
 private:
 	friend class BMessage;

@@ -4,11 +4,50 @@
 // host's threads and futexes, with the platform's observable behaviour:
 //
 //  - A team is a process. A thread's identifier is the host kernel's thread
-//    id, so threads of other processes can be asked about (get_thread_info).
+//    id, so threads of other processes can be asked about (get_thread_info
+//    reads /proc: their team is their process, their name the host's name).
 //  - Semaphores live in a table local to the process. Identifiers are
 //    positive and not reused soon after deletion: a stale identifier gets
 //    B_BAD_SEM_ID. Deleting a semaphore wakes every waiter with B_BAD_SEM_ID.
-//  - spawn_thread creates a suspended thread; resume_thread starts it.
+//    An uncontended acquire or release is one atomic compare-and-swap and no
+//    system call; a waiter sleeps on a futex (no spinning). Waiters are not
+//    served in strict arrival order: released units go to any waiter they
+//    satisfy, so a waiter wanting one unit is not held up behind one
+//    wanting more.
+//  - A relative time-out of 0 on an unavailable semaphore returns
+//    B_TIMED_OUT at once. B_ABSOLUTE_TIMEOUT deadlines are system_time()
+//    values. B_CAN_INTERRUPT lets a signal end the wait with B_INTERRUPTED.
+//    B_DO_NOT_RESCHEDULE is accepted; a release never yields the processor.
+//  - spawn_thread creates a suspended thread; resume_thread starts it (a
+//    thread that is already running gives B_BAD_THREAD_STATE).
+//    wait_for_thread resumes a suspended thread, then returns its exit
+//    value. suspend_thread pauses a running thread wherever it is (a
+//    real-time signal whose handler waits until resume_thread) and returns
+//    once it is paused. suspend_thread, resume_thread, kill_thread and
+//    wait_for_thread act only on threads made by spawn_thread in this
+//    process; other existing threads give B_NOT_ALLOWED.
+//  - Threads are detached host threads: one that nobody waits for cleans up
+//    after itself. The exit values of the last 256 threads that ended are
+//    kept for a wait_for_thread that comes after the end (once each).
+//  - kill_thread(thread) marks the thread and wakes it if it is blocked in
+//    the kit. The thread ends, with exit value B_INTERRUPTED, at its next
+//    kill point: a wait that blocks in acquire_sem, acquire_sem_etc, snooze,
+//    snooze_until or wait_for_thread, or the start of a thread never
+//    resumed (its function then never runs). Ending unwinds its stack like
+//    pthread_exit: destructors run (so code that catches everything must
+//    rethrow). A thread that is running other code, or blocked in a host
+//    call (read, poll, ...), is not interrupted; it ends when it next
+//    blocks in the kit, or when its function returns (then with its own
+//    exit value). A killed suspended thread is let go and ends at its next
+//    kill point. kill_thread of the calling thread ends it at once.
+//  - Priorities map onto nice values of the host's normal scheduler:
+//    0 -> 19, 1..9 -> 18..2 (B_LOW_PRIORITY 5 -> 10), 10 -> 0, 11..99 ->
+//    -1..-9, 100 and above (B_REAL_TIME_PRIORITY) -> -10. Raising a priority
+//    above the creator's needs privileges (CAP_SYS_NICE or RLIMIT_NICE);
+//    without them it is silently left as is. The host's real-time classes
+//    are never used. get_thread_info reports the priority given to
+//    spawn_thread or set_thread_priority, whatever the host made of it.
+//  - Names are kept in full (31 characters); the host shows the first 15.
 //  - Every wait is measured on one monotonic clock (system_time()).
 //
 // All functions are thread-safe.
@@ -96,7 +135,7 @@ _EXPORT status_t get_sem_count(sem_id sem, int32* threadCount);
 _EXPORT status_t get_sem_info(sem_id sem, sem_info* info);
 _EXPORT status_t set_sem_owner(sem_id sem, team_id team);
 
-// Threads.
+// Threads. set_thread_priority returns the previous priority (or an error).
 _EXPORT thread_id spawn_thread(thread_func function, const char* name, int32 priority, void* data);
 _EXPORT status_t resume_thread(thread_id thread);
 _EXPORT status_t suspend_thread(thread_id thread);

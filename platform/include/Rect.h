@@ -10,7 +10,8 @@
 
 #include <SupportDefs.h>
 
-class BRect {
+class BRect
+{
 public:
 	float left;
 	float top;
@@ -39,8 +40,8 @@ public:
 
 	bool operator==(const BRect& other) const
 	{
-		return left == other.left && top == other.top && right == other.right
-			&& bottom == other.bottom;
+		return left == other.left && top == other.top && right == other.right &&
+		       bottom == other.bottom;
 	}
 
 	bool operator!=(const BRect& other) const { return !(*this == other); }

@@ -17,14 +17,16 @@
 #include <Rect.h>
 #include <SupportDefs.h>
 
-typedef struct screen_id {
+typedef struct screen_id
+{
 	int32 id;
 } screen_id;
 
 // The main screen.
 extern _EXPORT const screen_id B_MAIN_SCREEN_ID;
 
-class _EXPORT BScreen {
+class _EXPORT BScreen
+{
 public:
 	BScreen(screen_id id = B_MAIN_SCREEN_ID);
 	~BScreen();

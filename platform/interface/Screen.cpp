@@ -20,7 +20,8 @@ namespace {
 // Opaque to this code: only pointers to it are passed around.
 struct XDisplay;
 
-struct X11Functions {
+struct X11Functions
+{
 	XDisplay* (*openDisplay)(const char* name) = nullptr;
 	int (*defaultScreen)(XDisplay* display) = nullptr;
 	int (*displayWidth)(XDisplay* display, int screen) = nullptr;
@@ -29,8 +30,7 @@ struct X11Functions {
 	bool loaded = false;
 };
 
-template<typename Function>
-bool Resolve(void* library, const char* name, Function* function)
+template <typename Function> bool Resolve(void* library, const char* name, Function* function)
 {
 	*function = reinterpret_cast<Function>(dlsym(library, name));
 	return *function != nullptr;
@@ -44,11 +44,11 @@ const X11Functions& X11()
 		void* library = dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
 		if (library == nullptr)
 			return;
-		functions.loaded = Resolve(library, "XOpenDisplay", &functions.openDisplay)
-			&& Resolve(library, "XDefaultScreen", &functions.defaultScreen)
-			&& Resolve(library, "XDisplayWidth", &functions.displayWidth)
-			&& Resolve(library, "XDisplayHeight", &functions.displayHeight)
-			&& Resolve(library, "XCloseDisplay", &functions.closeDisplay);
+		functions.loaded = Resolve(library, "XOpenDisplay", &functions.openDisplay) &&
+		                   Resolve(library, "XDefaultScreen", &functions.defaultScreen) &&
+		                   Resolve(library, "XDisplayWidth", &functions.displayWidth) &&
+		                   Resolve(library, "XDisplayHeight", &functions.displayHeight) &&
+		                   Resolve(library, "XCloseDisplay", &functions.closeDisplay);
 	});
 	return functions;
 }
@@ -77,10 +77,7 @@ bool ReadMainScreen(int32* width, int32* height)
 
 } // namespace
 
-BScreen::BScreen(screen_id id)
-	:
-	fID(id),
-	fValid(false)
+BScreen::BScreen(screen_id id) : fID(id), fValid(false)
 {
 	int32 width = 0;
 	int32 height = 0;
@@ -90,9 +87,7 @@ BScreen::BScreen(screen_id id)
 	}
 }
 
-BScreen::~BScreen()
-{
-}
+BScreen::~BScreen() {}
 
 bool BScreen::IsValid()
 {

@@ -60,6 +60,10 @@ inline void CopyName(char* target, size_t size, const char* name)
 // The calling process's id, cached (refreshed in a forked child).
 team_id CurrentTeam();
 
+// The team (process) of any live thread of the host, from /proc; -1 when
+// there is no such thread or it has ended.
+team_id TeamOfThread(thread_id thread);
+
 // Sets *waiting to the semaphore the calling thread blocks on (0 when none),
 // for get_thread_info; a no-op for threads not made by spawn_thread.
 void NoteWaitingOnSem(sem_id sem);

@@ -182,18 +182,6 @@ bool ReadSmallFile(const std::string& path, char* buffer, size_t size)
 	return true;
 }
 
-// The team (process) of any thread of the host, or -1 when there is none.
-team_id TeamOfThread(thread_id thread)
-{
-	char buffer[2048];
-	if (!ReadSmallFile("/proc/" + std::to_string(thread) + "/status", buffer, sizeof(buffer)))
-		return -1;
-	const char* tgid = strstr(buffer, "\nTgid:");
-	if (tgid == nullptr)
-		return -1;
-	return static_cast<team_id>(strtol(tgid + 6, nullptr, 10));
-}
-
 // name has room for B_OS_NAME_LENGTH characters.
 bool ReadComm(team_id team, thread_id thread, char* name)
 {
@@ -430,6 +418,28 @@ team_id CurrentTeam()
 		gTeam.store(team, std::memory_order_relaxed);
 	}
 	return team;
+}
+
+team_id TeamOfThread(thread_id thread)
+{
+	if (thread <= 0)
+		return -1;
+	char buffer[2048];
+	if (!ReadSmallFile("/proc/" + std::to_string(thread) + "/status", buffer, sizeof(buffer)))
+		return -1;
+	// A zombie (ended, not yet reaped) is no live thread or team.
+	const char* state = strstr(buffer, "\nState:");
+	if (state != nullptr) {
+		state += 7;
+		while (*state == ' ' || *state == '\t')
+			state++;
+		if (*state == 'Z' || *state == 'X')
+			return -1;
+	}
+	const char* tgid = strstr(buffer, "\nTgid:");
+	if (tgid == nullptr)
+		return -1;
+	return static_cast<team_id>(strtol(tgid + 6, nullptr, 10));
 }
 
 bool CurrentThreadKilled()
@@ -677,16 +687,13 @@ void exit_thread(status_t status)
 	pthread_exit(nullptr);
 }
 
-thread_id find_thread(const char* name)
-{
-	if (name == nullptr) {
-		// The host's thread id does not change, so it is read once per
-		// thread (a forked child reads it again).
-		if (tTid == 0)
-			tTid = HostThreadId();
-		return tTid;
-	}
+namespace zvplatform {
+namespace {
 
+// find_thread by name: kept out of line so that find_thread(NULL) stays a
+// few instructions.
+__attribute__((noinline)) thread_id FindThreadByName(const char* name)
+{
 	char wanted[B_OS_NAME_LENGTH];
 	CopyName(wanted, sizeof(wanted), name);
 	{
@@ -712,6 +719,21 @@ thread_id find_thread(const char* name)
 	}
 	closedir(tasks);
 	return found;
+}
+
+} // namespace
+} // namespace zvplatform
+
+thread_id find_thread(const char* name)
+{
+	if (name == nullptr) {
+		// The host's thread id does not change, so it is read once per
+		// thread (a forked child reads it again).
+		if (__builtin_expect(tTid == 0, 0))
+			tTid = HostThreadId();
+		return tTid;
+	}
+	return FindThreadByName(name);
 }
 
 status_t get_thread_info(thread_id id, thread_info* info)

@@ -284,3 +284,60 @@ TEST_F(DataConcurrencyTest, EventsFromManyThreadsAllReachTheLooper)
 	looper->RemoveHandler(&handler);
 	looper->Quit();
 }
+
+namespace {
+
+struct InEventProbe
+{
+	ZvDataSubscriber* receiver = nullptr;
+	Latch asked{1};
+	Latch answered{1};
+	bool answeredDuringEvent = true;
+	int64 answer = -1;
+	int64 directAnswer = -1;
+	std::thread reader;
+};
+
+InEventProbe* sProbe = nullptr;
+
+// In the propagating thread, inside the receiver's DS_EventReceived: another
+// thread asks the receiver for its integer; it must not get an answer until
+// the propagation is over.
+void AskFromAnotherThread(RecordingSubscriber* self, uint32)
+{
+	InEventProbe* probe = sProbe;
+	if (probe == nullptr || self != probe->receiver)
+		return;
+	probe->reader = std::thread([probe] {
+		probe->asked.CountDown();
+		probe->answer = probe->receiver->DS_IntegerData();
+		probe->answered.CountDown();
+	});
+	ASSERT_TRUE(probe->asked.WaitFor(std::chrono::seconds(30)));
+	// The reader is blocked on the attribute's semaphore, which this thread
+	// holds; a bounded wait shows that no answer comes meanwhile.
+	probe->answeredDuringEvent = probe->answered.WaitFor(std::chrono::milliseconds(200));
+	// This thread itself reads directly.
+	probe->directAnswer = self->DS_IntegerData();
+}
+
+} // namespace
+
+TEST_F(DataConcurrencyTest, OtherThreadsWaitWhileASubscriberIsInEvent)
+{
+	Watchdog watchdog(std::chrono::seconds(60), "in event across threads");
+	ZvDataSubscriber sender("in-event", 0);
+	RecordingSubscriber receiver("in-event", 0);
+	InEventProbe probe;
+	probe.receiver = &receiver;
+	sProbe = &probe;
+	receiver.SetHook(&AskFromAnotherThread);
+
+	ASSERT_EQ(sender.DS_SetIntegerData(33, true), 0);
+	EXPECT_FALSE(probe.answeredDuringEvent);
+	EXPECT_EQ(probe.directAnswer, 33);
+	ASSERT_TRUE(probe.answered.WaitFor(std::chrono::seconds(30)));
+	probe.reader.join();
+	EXPECT_EQ(probe.answer, 33);
+	sProbe = nullptr;
+}

@@ -396,3 +396,28 @@ TEST_F(DataEventsTest, HandlerMayReadTheSourceSubscriberFromTheLoopersThread)
 	EXPECT_EQ(sReadValues.back(), kRounds);
 	sReadBack = nullptr;
 }
+
+TEST_F(DataEventsTest, HandlerThatLeftItsLooperGetsNothing)
+{
+	Watchdog watchdog(std::chrono::seconds(60), "handler left its looper");
+	CollectingHandler leaving;
+	ASSERT_TRUE(fLooper->Lock());
+	fLooper->AddHandler(&leaving);
+	fLooper->Unlock();
+	ZvDataSubscriber sender("left", 0);
+	RecordingSubscriber receiver("left", 0);
+	ASSERT_EQ(receiver.DS_SetEventMessage(kEventWhat), 0);
+	ASSERT_EQ(receiver.DS_SetEventTarget(&leaving), 0);
+	ASSERT_EQ(sender.DS_SetIntegerData(1, true), 0);
+	ASSERT_TRUE(leaving.WaitFor(1));
+
+	ASSERT_TRUE(fLooper->Lock());
+	EXPECT_TRUE(fLooper->RemoveHandler(&leaving));
+	fLooper->Unlock();
+	ASSERT_EQ(sender.DS_SetIntegerData(2, true), 0);
+	EXPECT_EQ(receiver.Events(), (std::vector<uint32>{1, 1}));
+	EXPECT_EQ(receiver.DS_IntegerData(), 2);
+	// Whatever was posted before is delivered before this marker.
+	Drain(0);
+	EXPECT_EQ(leaving.Messages().size(), 1u);
+}

@@ -712,7 +712,7 @@ TEST_F(ZvDataSubscriberTest, UnArchiveWithLocalOnlyFlagsStoresWithoutPropagating
 	EXPECT_TRUE(receiver.Events().empty());
 }
 
-TEST_F(ZvDataSubscriberTest, UnArchiveSkipsEmptyValuesButCountsThem)
+TEST_F(ZvDataSubscriberTest, UnArchiveIgnoresARawFieldOfAnotherType)
 {
 	ZvDataSubscriber reader("unarchive-raw", 0);
 	RecordingSubscriber receiver("unarchive-raw", 0);

@@ -105,7 +105,7 @@ TEST(ZvLocker, LockWithTimeoutZeroOnALockHeldElsewhereReturnsTwoAtOnce)
 	ASSERT_TRUE(held.WaitFor(10s));
 	const bigtime_t start = system_time();
 	EXPECT_EQ(locker.LockWithTimeout(0), 2);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 	EXPECT_EQ(locker.CountLock(), 1);
 	// A real time-out waits at least that long.
 	const bigtime_t timed = system_time();

@@ -11,6 +11,7 @@
 #include "TestSupport.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -22,6 +23,8 @@ namespace looper_test {
 // A difference of 0 around a piece of code that runs in one thread means
 // that everything it allocated was freed again.
 int64_t LiveBlocksOfThisThread();
+// The same, for the blocks of one size only (sizes up to 256 bytes).
+int64_t LiveBlocksOfSize(std::size_t size);
 
 // Name of the pointer field in which PostMessage records the target.
 inline const char* PreferredField()

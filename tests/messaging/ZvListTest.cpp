@@ -74,32 +74,31 @@ TEST(ZvListTest, SeventeenthEntryGrowsToThirtyTwoAndThirtyThirdToFortyEight)
 	EXPECT_EQ(24, list.growStep);
 }
 
-TEST(ZvListTest, CapacitiesGrowByHalfOnceBeyondTwiceTheBlock)
+// The successive capacities of a list of the given step while count entries
+// are added; every entry must stay in place through the copies.
+std::vector<int32> CapacitiesWhileAdding(int32 step, int count)
 {
 	Slots slots;
-	ZvList<int*> list(16);
+	ZvList<int*> list(step);
 	std::vector<int32> capacities;
-	for (int i = 0; i < 163; i++) {
+	for (int i = 0; i < count; i++) {
 		list.AddItem(slots.At(i));
 		if (capacities.empty() || capacities.back() != list.capacity)
 			capacities.push_back(list.capacity);
 	}
-	EXPECT_EQ((std::vector<int32>{16, 32, 48, 72, 108, 162, 243}), capacities);
-	for (int i = 0; i < 163; i++)
-		ASSERT_EQ(slots.At(i), list.ItemAt(i)) << i;
+	for (int i = 0; i < count; i++)
+		EXPECT_EQ(slots.At(i), list.ItemAt(i)) << i;
+	return capacities;
+}
+
+TEST(ZvListTest, CapacitiesGrowByHalfOnceBeyondTwiceTheBlock)
+{
+	EXPECT_EQ((std::vector<int32>{16, 32, 48, 72, 108, 162, 243}), CapacitiesWhileAdding(16, 163));
 }
 
 TEST(ZvListTest, BlockSizeOfTwentyGrowsByTwentyThenByHalf)
 {
-	Slots slots;
-	ZvList<int*> list(20);
-	std::vector<int32> capacities;
-	for (int i = 0; i < 100; i++) {
-		list.AddItem(slots.At(i));
-		if (capacities.empty() || capacities.back() != list.capacity)
-			capacities.push_back(list.capacity);
-	}
-	EXPECT_EQ((std::vector<int32>{20, 40, 60, 90, 135}), capacities);
+	EXPECT_EQ((std::vector<int32>{20, 40, 60, 90, 135}), CapacitiesWhileAdding(20, 100));
 }
 
 TEST(ZvListTest, RemovingFromSeventeenInThirtyTwoShrinksToSixteen)
@@ -220,6 +219,19 @@ TEST(ZvListTest, DefaultItemIsHandedBackForBadIndexes)
 	list.defaultItem = slots.At(100);
 	EXPECT_EQ(slots.At(100), list.ItemAt(0));
 	EXPECT_EQ(slots.At(100), list.RemoveItem(0));
+}
+
+TEST(ZvListTest, ListWithAStepBelowOneStaysEmpty)
+{
+	Slots slots;
+	for (int32 step : {0, -16}) {
+		ZvList<int*> list(step);
+		list.AddItem(slots.At(0));
+		EXPECT_EQ(0, list.count) << step;
+		EXPECT_EQ(0, list.capacity);
+		EXPECT_EQ(nullptr, list.items);
+		EXPECT_EQ(nullptr, list.ItemAt(0));
+	}
 }
 
 TEST(ZvListTest, DestructorDeletesItsLock)

@@ -45,6 +45,16 @@ std::string Layout(const ZvMessage& message)
 	return text;
 }
 
+// The stored bytes of the first "RAWT" item called name.
+std::string RawValue(const ZvMessage& message, const char* name)
+{
+	const void* data;
+	int32 size;
+	if (!message.FindData(name, 0x52415754, &data, &size))
+		return "<none>";
+	return std::string(static_cast<const char*>(data), size);
+}
+
 // ZvMessageItem
 
 TEST(ZvMessageItemTest, DefaultItemIsUnnamedAndEmpty)
@@ -188,6 +198,20 @@ TEST(ZvMessageCoreTest, FlagsSurviveTheFlatFormOnly)
 	EXPECT_EQ(0u, FlagsOf(copied));
 	EXPECT_EQ(0u, FlagsOf(assigned));
 	EXPECT_EQ(5u, FlagsOf(restored));
+}
+
+TEST(ZvMessageCoreTest, NullMessageCopiesToAnEmptyMessageAndSetFromNullChangesNothing)
+{
+	ZvMessage copy(static_cast<const ZvMessage*>(nullptr));
+	EXPECT_EQ(0u, copy.what);
+	EXPECT_TRUE(copy.IsEmpty());
+	ZvMessage message(3);
+	message.SetFlags(4);
+	message.AddInt32("kept", 1);
+	message.Set(nullptr);
+	EXPECT_EQ(3u, message.what);
+	EXPECT_EQ(4u, FlagsOf(message));
+	EXPECT_TRUE(message.HasInt32("kept", 0));
 }
 
 TEST(ZvMessageCoreTest, AssigningToItselfEmptiesItAndKeepsWhat)
@@ -523,11 +547,7 @@ TEST(ZvMessageCoreTest, ReplaceDataOfTenBytesWithFourKeepsTenAndCopiesTen)
 	message.AddData("raw", 0x52415754, "0123456789", 10);
 	const char source[] = "abcdefghij";
 	ASSERT_TRUE(message.ReplaceData("raw", 0x52415754, source, 4));
-	const void* data;
-	int32 size;
-	ASSERT_TRUE(message.FindData("raw", 0x52415754, &data, &size));
-	EXPECT_EQ(10, size);
-	EXPECT_EQ(0, memcmp("abcdefghij", data, 10));
+	EXPECT_EQ("abcdefghij", RawValue(message, "raw"));
 }
 
 TEST(ZvMessageCoreTest, ReplaceDataWithLargerValueGrowsTheItem)
@@ -535,11 +555,7 @@ TEST(ZvMessageCoreTest, ReplaceDataWithLargerValueGrowsTheItem)
 	ZvMessage message(0);
 	message.AddData("raw", 0x52415754, "ab", 2);
 	ASSERT_TRUE(message._ReplaceData("raw", ZV_ANY_TYPE, 0, 6, "uvwxyz"));
-	const void* data;
-	int32 size;
-	ASSERT_TRUE(message.FindData("raw", 0x52415754, &data, &size));
-	EXPECT_EQ(6, size);
-	EXPECT_EQ(0, memcmp("uvwxyz", data, 6));
+	EXPECT_EQ("uvwxyz", RawValue(message, "raw"));
 }
 
 TEST(ZvMessageCoreTest, ReplaceDataRefusesNullDataNullNameAndMissingMatch)
@@ -550,9 +566,7 @@ TEST(ZvMessageCoreTest, ReplaceDataRefusesNullDataNullNameAndMissingMatch)
 	EXPECT_FALSE(message.ReplaceData(nullptr, 0x52415754, "cd", 2));
 	EXPECT_FALSE(message.ReplaceData("raw", 0x52415754, 1, "cd", 2));
 	EXPECT_FALSE(message._ReplaceData("raw", ZV_INT32_TYPE, 0, 2, "cd"));
-	const void* data;
-	ASSERT_TRUE(message.FindData("raw", 0x52415754, &data, nullptr));
-	EXPECT_EQ(0, memcmp("ab", data, 2));
+	EXPECT_EQ("ab", RawValue(message, "raw"));
 }
 
 TEST(ZvMessageCoreTest, HasDataIsFalseOnEmptyMessageNegativeIndexAndNullName)

@@ -40,8 +40,8 @@ TEST(ZvMessageThreadTest, SeparateMessagesInSeparateThreadsDoNotInterfere)
 				const std::vector<uint8> flat = FlatBytes(message);
 				ZvMessage restored(flat.data(), flat.size());
 				int32 who = -1;
-				if (FlatBytes(restored) != flat || !restored.FindInt32("thread", &who)
-					|| who != t) {
+				if (FlatBytes(restored) != flat || !restored.FindInt32("thread", &who) ||
+				    who != t) {
 					failures++;
 				}
 			}
@@ -75,9 +75,9 @@ TEST(ZvMessageThreadTest, ConstOperationsOnOneMessageMayRunInParallel)
 				int32 known = 0;
 				ZvMessage found(0);
 				ZvRect<int16> rect;
-				if (!shared.FindInt32("known", &known) || known != 42
-					|| !shared.FindMessage("inner", &found) || found.what != 5
-					|| FlatBytes(shared) != expected) {
+				if (!shared.FindInt32("known", &known) || known != 42 ||
+				    !shared.FindMessage("inner", &found) || found.what != 5 ||
+				    FlatBytes(shared) != expected) {
 					failures++;
 				}
 				shared.FindRect("x", &rect);
@@ -100,8 +100,7 @@ TEST(ZvMessageThreadTest, MessageHandedToAnotherThreadIsComplete)
 	std::thread receiver([&] {
 		handedOver.WaitFor(std::chrono::seconds(10));
 		const char* text = nullptr;
-		ok = message->FindString("text", &text)
-			&& std::string(text) == "from the first thread";
+		ok = message->FindString("text", &text) && std::string(text) == "from the first thread";
 		delete message;
 	});
 	handedOver.CountDown();

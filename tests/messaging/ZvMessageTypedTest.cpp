@@ -594,6 +594,18 @@ TEST(ZvMessageTypedTest, AddMessageOfItselfNestsASnapshot)
 	EXPECT_FALSE(found.HasMessage("self", 0));
 }
 
+TEST(ZvMessageTypedTest, FindMessageIntoItselfReplacesItWithTheNestedMessage)
+{
+	ZvMessage inner(2);
+	inner.AddString("s", "inner value");
+	ZvMessage message(1);
+	message.AddInt32("a", 1);
+	message.AddMessage("m", &inner);
+	message.AddInt32("b", 2);
+	ASSERT_TRUE(message.FindMessage("m", &message));
+	EXPECT_EQ(FlatBytes(inner), FlatBytes(message));
+}
+
 // Rectangles and points, per element type
 
 template <typename E> class ZvMessageShapeTest : public ::testing::Test

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
@@ -585,17 +586,21 @@ TEST(OSThread, GetThreadInfoRefusesBadArguments)
 TEST(OSThread, PrioritiesAreReportedAsGivenAndMappedToNiceValues)
 {
 	zvtest::Watchdog watchdog(20s);
+	// A new thread starts with its creator's nice value; lowering it needs
+	// privileges, without which the thread keeps the creator's value.
+	errno = 0;
+	const int base = getpriority(PRIO_PROCESS, 0);
+	ASSERT_EQ(errno, 0);
 	struct Case
 	{
 		int32 priority;
-		int nice; // what the thread sees; -1 when it depends on privileges
+		int nice;
 	};
-	for (const Case& c :
-	     {Case{B_LOW_PRIORITY, 10}, Case{B_NORMAL_PRIORITY, 0}, Case{B_REAL_TIME_PRIORITY, -1}}) {
+	for (const Case& c : {Case{B_LOW_PRIORITY, 10}, Case{B_NORMAL_PRIORITY, 0},
+	                      Case{B_REAL_TIME_PRIORITY, -10}, Case{1, 18}, Case{15, -1}}) {
 		std::atomic<int> nice{1000};
 		const thread_id thread = spawn_thread(
 		    [](void* data) -> int32 {
-			    errno = 0;
 			    static_cast<std::atomic<int>*>(data)->store(getpriority(PRIO_PROCESS, 0));
 			    return 0;
 		    },
@@ -604,10 +609,8 @@ TEST(OSThread, PrioritiesAreReportedAsGivenAndMappedToNiceValues)
 		ASSERT_EQ(get_thread_info(thread, &info), B_OK);
 		EXPECT_EQ(info.priority, c.priority);
 		ASSERT_EQ(wait_for_thread(thread, nullptr), B_OK);
-		if (c.nice >= 0)
-			EXPECT_EQ(nice.load(), c.nice) << c.priority;
-		else
-			EXPECT_LE(nice.load(), 0) << c.priority; // -10 when allowed, else unchanged
+		EXPECT_TRUE(nice.load() == c.nice || (c.nice < base && nice.load() == base))
+		    << "priority " << c.priority << " ran at nice " << nice.load();
 	}
 }
 
@@ -624,16 +627,18 @@ TEST(OSThread, SetThreadPriorityReturnsTheOldPriority)
 
 TEST(OSTime, SystemTimeIsMonotonicMicroseconds)
 {
+	const auto steadyBefore = std::chrono::steady_clock::now();
 	const bigtime_t first = system_time();
-	const auto steady = std::chrono::steady_clock::now();
 	snooze(20000);
 	const bigtime_t second = system_time();
-	const auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(
-	    std::chrono::steady_clock::now() - steady);
-	EXPECT_GE(second - first, 20000);
-	// The same clock as steady_clock, to within a millisecond or two.
-	EXPECT_LT(second - first, elapsed.count() + 2000);
+	const auto steadyAfter = std::chrono::steady_clock::now();
+	const auto outer =
+	    std::chrono::duration_cast<std::chrono::microseconds>(steadyAfter - steadyBefore);
 	EXPECT_GE(first, 0);
+	EXPECT_GE(second - first, 20000);
+	// The same clock as steady_clock: the interval lies within the outer one
+	// (one microsecond of rounding on each side).
+	EXPECT_LE(second - first, outer.count() + 2);
 }
 
 TEST(OSTime, SnoozeOfZeroOrLessReturnsAtOnce)
@@ -641,7 +646,7 @@ TEST(OSTime, SnoozeOfZeroOrLessReturnsAtOnce)
 	const bigtime_t start = system_time();
 	EXPECT_EQ(snooze(0), B_OK);
 	EXPECT_EQ(snooze(-100), B_OK);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 }
 
 TEST(OSTime, SnoozeUntilAnAbsoluteTime)
@@ -649,4 +654,28 @@ TEST(OSTime, SnoozeUntilAnAbsoluteTime)
 	const bigtime_t until = system_time() + 15000;
 	EXPECT_EQ(snooze_until(until, 0), B_OK);
 	EXPECT_GE(system_time(), until);
+}
+
+TEST(OSThread, ForkedChildIsANewTeamWithItsOwnThreadId)
+{
+	const thread_id parentThread = find_thread(nullptr);
+	fflush(stdout);
+	const pid_t child = fork();
+	if (child == 0) {
+		// Only calls that are safe after fork: no allocation, no locks.
+		int failures = 0;
+		const thread_id mine = find_thread(nullptr);
+		if (mine != static_cast<thread_id>(syscall(SYS_gettid)) || mine == parentThread)
+			failures |= 1;
+		thread_info info;
+		if (get_thread_info(mine, &info) != B_OK || info.team != getpid())
+			failures |= 2;
+		_exit(failures);
+	}
+	ASSERT_GT(child, 0);
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	ASSERT_TRUE(WIFEXITED(status));
+	EXPECT_EQ(WEXITSTATUS(status), 0);
+	EXPECT_EQ(find_thread(nullptr), parentThread);
 }

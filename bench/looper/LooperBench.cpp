@@ -1,0 +1,298 @@
+// Looper framework benchmarks.
+//
+// Throughput: one producer posts small messages (two int32 fields) to one
+// consumer thread that counts them; one iteration is a batch of kBatch
+// messages, timed until the consumer has counted the last one. Peers:
+// Boost.Asio's io_context::post to a thread running the context, and a
+// std::mutex + std::condition_variable queue of heap-allocated messages.
+//
+// Ping-pong: two loopers whose handlers post each message back to the
+// other; one iteration is kRoundTrips round trips. Peer: two threads
+// bouncing between two POSIX semaphores (sem_t).
+
+#include <ZvHandler.h>
+#include <ZvLooper.h>
+#include <ZvMessage.h>
+
+#include <benchmark/benchmark.h>
+
+#include <semaphore.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#ifdef ZVKIT_HAVE_ASIO
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#endif
+
+namespace {
+
+constexpr int kBatch = 10000;
+constexpr int kRoundTrips = 1000;
+// The looper's soft bound for the throughput case.
+constexpr int32 kQueueCapacity = 256;
+
+// A POSIX semaphore as a one-shot "batch done" signal.
+class Signal
+{
+public:
+	Signal() { sem_init(&fSem, 0, 0); }
+	~Signal() { sem_destroy(&fSem); }
+	void Raise() { sem_post(&fSem); }
+	void Wait()
+	{
+		while (sem_wait(&fSem) != 0) {
+		}
+	}
+
+private:
+	sem_t fSem;
+};
+
+// Counts messages and raises the signal at each multiple of kBatch.
+class Counter
+{
+public:
+	explicit Counter(Signal* done) : fDone(done) {}
+	void Count(int32 a, int32 b)
+	{
+		fSum += a ^ b;
+		if (++fCount % kBatch == 0)
+			fDone->Raise();
+	}
+	int64_t Sum() const { return fSum; }
+
+private:
+	Signal* fDone;
+	int64_t fCount = 0;
+	int64_t fSum = 0;
+};
+
+class CountingHandler : public ZvHandler
+{
+public:
+	explicit CountingHandler(Counter* counter) : ZvHandler("counter"), fCounter(counter) {}
+	void MessageReceived(ZvMessage* message) override
+	{
+		int32 a = 0, b = 0;
+		message->FindInt32("a", &a);
+		message->FindInt32("b", &b);
+		fCounter->Count(a, b);
+	}
+
+private:
+	Counter* fCounter;
+};
+
+void PostThroughput_zvkit(benchmark::State& state)
+{
+	Signal done;
+	Counter counter(&done);
+	CountingHandler handler(&counter);
+	ZvLooper* looper = new ZvLooper("bench", ZV_NORMAL_PRIORITY, kQueueCapacity);
+	looper->AddHandler(&handler);
+	looper->SetPreferredHandler(&handler);
+	looper->Run();
+	ZvMessage message(1);
+	message.AddInt32("a", 0);
+	message.AddInt32("b", 0);
+	for (auto _ : state) {
+		for (int32 i = 0; i < kBatch; i++) {
+			message.ReplaceInt32("a", i);
+			looper->PostMessage(&message, nullptr);
+		}
+		done.Wait();
+	}
+	looper->Quit();
+	looper->RemoveHandler(&handler);
+	benchmark::DoNotOptimize(counter.Sum());
+	state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+#ifdef ZVKIT_HAVE_ASIO
+void PostThroughput_asio(benchmark::State& state)
+{
+	Signal done;
+	Counter counter(&done);
+	boost::asio::io_context context(1);
+	auto work = boost::asio::make_work_guard(context);
+	std::thread runner([&context] { context.run(); });
+	for (auto _ : state) {
+		for (int32 i = 0; i < kBatch; i++)
+			boost::asio::post(context, [&counter, a = i, b = int32{0}] { counter.Count(a, b); });
+		done.Wait();
+	}
+	work.reset();
+	runner.join();
+	benchmark::DoNotOptimize(counter.Sum());
+	state.SetItemsProcessed(state.iterations() * kBatch);
+}
+#endif
+
+// The plain queue: heap-allocated two-field messages under one mutex, the
+// consumer woken by a condition variable.
+struct SmallMessage
+{
+	int32 a;
+	int32 b;
+};
+
+class MutexQueue
+{
+public:
+	void Push(std::unique_ptr<SmallMessage> message)
+	{
+		{
+			std::lock_guard<std::mutex> hold(fLock);
+			fItems.push_back(std::move(message));
+		}
+		fReady.notify_one();
+	}
+
+	// Null once closed and empty.
+	std::unique_ptr<SmallMessage> Pop()
+	{
+		std::unique_lock<std::mutex> hold(fLock);
+		fReady.wait(hold, [this] { return !fItems.empty() || fClosed; });
+		if (fItems.empty())
+			return nullptr;
+		std::unique_ptr<SmallMessage> message = std::move(fItems.front());
+		fItems.pop_front();
+		return message;
+	}
+
+	void Close()
+	{
+		{
+			std::lock_guard<std::mutex> hold(fLock);
+			fClosed = true;
+		}
+		fReady.notify_one();
+	}
+
+private:
+	std::mutex fLock;
+	std::condition_variable fReady;
+	std::deque<std::unique_ptr<SmallMessage>> fItems;
+	bool fClosed = false;
+};
+
+void PostThroughput_mutexcv(benchmark::State& state)
+{
+	Signal done;
+	Counter counter(&done);
+	MutexQueue queue;
+	std::thread consumer([&] {
+		while (std::unique_ptr<SmallMessage> message = queue.Pop())
+			counter.Count(message->a, message->b);
+	});
+	for (auto _ : state) {
+		for (int32 i = 0; i < kBatch; i++)
+			queue.Push(std::make_unique<SmallMessage>(SmallMessage{i, 0}));
+		done.Wait();
+	}
+	queue.Close();
+	consumer.join();
+	benchmark::DoNotOptimize(counter.Sum());
+	state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+// Bounces each message to its partner's handler until the round trips of
+// one batch are done.
+class Bouncer : public ZvHandler
+{
+public:
+	Bouncer(Signal* done) : ZvHandler("bouncer"), fDone(done) {}
+	void SetPartner(ZvHandler* partner) { fPartner = partner; }
+	void MessageReceived(ZvMessage* message) override
+	{
+		if (message->what == 0) {
+			fDone->Raise();
+			return;
+		}
+		fPartner->Looper()->PostMessage(message->what - 1, fPartner);
+	}
+
+private:
+	Signal* fDone;
+	ZvHandler* fPartner = nullptr;
+};
+
+void PingPong_zvkit(benchmark::State& state)
+{
+	Signal done;
+	Bouncer ping(&done), pong(&done);
+	ping.SetPartner(&pong);
+	pong.SetPartner(&ping);
+	ZvLooper* left = new ZvLooper("ping", ZV_NORMAL_PRIORITY, 16);
+	ZvLooper* right = new ZvLooper("pong", ZV_NORMAL_PRIORITY, 16);
+	left->AddHandler(&ping);
+	right->AddHandler(&pong);
+	left->Run();
+	right->Run();
+	for (auto _ : state) {
+		// 2 * kRoundTrips hops; the handler that receives 0 signals.
+		left->PostMessage(2 * kRoundTrips, &ping);
+		done.Wait();
+	}
+	left->Quit();
+	right->Quit();
+	state.SetItemsProcessed(state.iterations() * kRoundTrips);
+}
+
+void PingPong_semaphore(benchmark::State& state)
+{
+	sem_t ping, pong;
+	sem_init(&ping, 0, 0);
+	sem_init(&pong, 0, 0);
+	std::atomic<bool> stop{false};
+	std::thread partner([&] {
+		for (;;) {
+			while (sem_wait(&ping) != 0) {
+			}
+			if (stop.load(std::memory_order_relaxed))
+				break;
+			sem_post(&pong);
+		}
+	});
+	for (auto _ : state) {
+		for (int i = 0; i < kRoundTrips; i++) {
+			sem_post(&ping);
+			while (sem_wait(&pong) != 0) {
+			}
+		}
+	}
+	stop.store(true);
+	sem_post(&ping);
+	partner.join();
+	sem_destroy(&ping);
+	sem_destroy(&pong);
+	state.SetItemsProcessed(state.iterations() * kRoundTrips);
+}
+
+} // namespace
+
+BENCHMARK(PostThroughput_zvkit)
+    ->Name("PostThroughput:zvkit")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+#ifdef ZVKIT_HAVE_ASIO
+BENCHMARK(PostThroughput_asio)
+    ->Name("PostThroughput:asio")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+#endif
+BENCHMARK(PostThroughput_mutexcv)
+    ->Name("PostThroughput:mutex+condvar")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(PingPong_zvkit)->Name("PingPong:zvkit")->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(PingPong_semaphore)->Name("PingPong:sem_t")->UseRealTime()->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,53 @@
+// WrapperCalls.h: the algorithms of ZvThread::CurrentID, ZvSemaphore::Acquire
+// and ZvSemaphore::Release as inline functions.
+//
+// The wrappers are implemented by these, and ZvLocker works through the
+// same functions, so a lock or unlock costs no calls beyond the kernel kit's
+// own.
+#ifndef ZVKIT_WRAPPER_CALLS_H
+#define ZVKIT_WRAPPER_CALLS_H
+
+#include <OS.h>
+#include <SupportDefs.h>
+
+namespace zvkit_private {
+
+// find_thread(NULL) of the calling thread, cached here as well so that the
+// lock's fast path makes no call into the platform library. A forked child
+// clears the cache of its one thread (see ZvThread.cpp).
+extern thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec")));
+
+inline uint32 CurrentThread()
+{
+	uint32 id = tCurrentThread;
+	if (__builtin_expect(id == 0, 0)) {
+		id = static_cast<uint32>(find_thread(nullptr));
+		tCurrentThread = id;
+	}
+	return id;
+}
+
+// 1 acquired, 2 timed out, 0 failed; timeout in milliseconds.
+inline int32 AcquireSemaphore(uint32 sem, int32 timeout)
+{
+	// No untimed wait: a negative time-out is the longest one, 2147483646 ms.
+	if (timeout < 0)
+		timeout = 0x7FFFFFFE;
+	const bigtime_t microseconds = static_cast<bigtime_t>(timeout) * 1000;
+	const status_t status =
+	    acquire_sem_etc(static_cast<sem_id>(sem), 1, B_RELATIVE_TIMEOUT, microseconds);
+	if (status == B_OK)
+		return 1;
+	if (status == B_TIMED_OUT)
+		return 2;
+	return 0;
+}
+
+inline bool ReleaseSemaphore(uint32 sem)
+{
+	return release_sem(static_cast<sem_id>(sem)) == B_OK;
+}
+
+} // namespace zvkit_private
+
+#endif // ZVKIT_WRAPPER_CALLS_H
