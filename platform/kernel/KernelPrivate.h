@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
 
 namespace zvplatform {
 
@@ -56,6 +57,36 @@ inline void CopyName(char* target, size_t size, const char* name)
 	memcpy(target, name, length);
 	target[length] = '\0';
 }
+
+// The kit's internal locks are taken inside a critical section: a
+// suspend_thread that reaches a thread there is deferred until the thread
+// leaves it, so a paused thread never holds a lock that resume_thread, or
+// any other call of the kit, needs. Sections nest; they cost nothing for
+// threads not made by spawn_thread.
+void EnterKitSection();
+void LeaveKitSection();
+
+class KitLock
+{
+public:
+	explicit KitLock(std::mutex& mutex) : fMutex(mutex)
+	{
+		EnterKitSection();
+		fMutex.lock();
+	}
+
+	~KitLock()
+	{
+		fMutex.unlock();
+		LeaveKitSection();
+	}
+
+	KitLock(const KitLock&) = delete;
+	KitLock& operator=(const KitLock&) = delete;
+
+private:
+	std::mutex& fMutex;
+};
 
 // The calling process's id, cached (refreshed in a forked child).
 team_id CurrentTeam();

@@ -130,7 +130,7 @@ void FreeSlotLocked(uint32 index)
 
 void FreeSlot(uint32 index)
 {
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	FreeSlotLocked(index);
 }
 
@@ -161,7 +161,7 @@ sem_id create_sem(int32 count, const char* name)
 	if (count < 0)
 		return B_BAD_VALUE;
 
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	// Open more slots while few are free, so that freed identifiers rest a
 	// while before their slot is used again.
 	while (gFreeCount < kMinFree && gSlotsOpened < kSlotCount) {
@@ -198,7 +198,7 @@ status_t delete_sem(sem_id id)
 		return B_BAD_SEM_ID;
 	const uint32 tag = LiveTagOf(id);
 
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	uint64 word = slot->word.load(std::memory_order_relaxed);
 	uint64 dead;
 	do {
@@ -442,7 +442,7 @@ status_t get_sem_info(sem_id id, sem_info* info)
 		return B_BAD_SEM_ID;
 	if (info == nullptr)
 		return B_BAD_VALUE;
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	const uint64 word = slot->word.load(std::memory_order_acquire);
 	if (TagOf(word) != LiveTagOf(id))
 		return B_BAD_SEM_ID;
@@ -461,7 +461,7 @@ status_t set_sem_owner(sem_id id, team_id team)
 		return B_BAD_SEM_ID;
 	if (!TeamExists(team))
 		return B_BAD_TEAM_ID;
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	const uint64 word = slot->word.load(std::memory_order_acquire);
 	if (TagOf(word) != LiveTagOf(id))
 		return B_BAD_SEM_ID;

@@ -679,3 +679,41 @@ TEST(OSThread, ForkedChildIsANewTeamWithItsOwnThreadId)
 	EXPECT_EQ(WEXITSTATUS(status), 0);
 	EXPECT_EQ(find_thread(nullptr), parentThread);
 }
+
+TEST(OSThread, SuspendingAThreadBusyInTheKitNeverDeadlocksTheKit)
+{
+	zvtest::Watchdog watchdog(60s);
+	// The target keeps taking the kit's internal locks; suspending it at any
+	// point must leave every other kit call (resume_thread first) working.
+	Spinner spinner;
+	const thread_id thread = spawn_thread(
+	    [](void* data) -> int32 {
+		    auto* spinner = static_cast<Spinner*>(data);
+		    while (!spinner->stop.load()) {
+			    const sem_id sem = create_sem(0, "churn");
+			    thread_info info;
+			    get_thread_info(find_thread(nullptr), &info);
+			    sem_info semInfo;
+			    get_sem_info(sem, &semInfo);
+			    delete_sem(sem);
+			    spinner->counter++;
+		    }
+		    return 0;
+	    },
+	    "kit user", B_NORMAL_PRIORITY, &spinner);
+	ASSERT_EQ(resume_thread(thread), B_OK);
+	for (int round = 0; round < 200; round++) {
+		const int64 before = spinner.counter.load();
+		ASSERT_TRUE(zvtest::WaitUntil([&] { return spinner.counter.load() > before; }));
+		ASSERT_EQ(suspend_thread(thread), B_OK);
+		// Other kit calls go on while it is paused.
+		const sem_id sem = create_sem(1, "meanwhile");
+		thread_info info;
+		EXPECT_EQ(get_thread_info(thread, &info), B_OK);
+		EXPECT_EQ(info.state, B_THREAD_SUSPENDED);
+		EXPECT_EQ(delete_sem(sem), B_OK);
+		ASSERT_EQ(resume_thread(thread), B_OK);
+	}
+	spinner.stop = true;
+	EXPECT_EQ(wait_for_thread(thread, nullptr), B_OK);
+}
