@@ -11,10 +11,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
+#include "NoSystemCalls.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -639,4 +641,27 @@ TEST(OSSemaphore, WaitersKilledDuringReleasesLeaveNoUnitUnclaimed)
 		EXPECT_EQ(CountOf(sem), 8 - acquired);
 		delete_sem(sem);
 	}
+}
+
+TEST(OSSemaphore, UncontendedAcquireAndReleaseMakeNoSystemCall)
+{
+	static sem_id sem;
+	static thread_id first;
+	const bool clean = zvtest::RunsWithoutSystemCalls(
+	    [] {
+		    sem = create_sem(2, "quiet");
+		    first = find_thread(nullptr);
+	    },
+	    [] {
+		    for (int i = 0; i < 1000; i++) {
+			    if (acquire_sem(sem) != B_OK ||
+			        acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0) != B_OK ||
+			        release_sem_etc(sem, 2, 0) != B_OK || find_thread(nullptr) != first) {
+				    syscall(SYS_exit_group, 3);
+			    }
+		    }
+	    });
+	EXPECT_TRUE(clean);
+	// The check itself works: a call that does enter the kernel is caught.
+	EXPECT_FALSE(zvtest::RunsWithoutSystemCalls([] {}, [] { syscall(SYS_getppid); }));
 }
