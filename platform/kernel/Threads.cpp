@@ -113,8 +113,11 @@ struct DeadThread
 };
 
 std::mutex gThreadLock;
-std::unordered_map<thread_id, std::shared_ptr<ThreadControl>> gThreads;
-std::deque<DeadThread> gDeadThreads;
+// The tables are never destroyed: detached threads may still be ending
+// while the process runs its exit-time destructors.
+std::unordered_map<thread_id, std::shared_ptr<ThreadControl>>& gThreads =
+    *new std::unordered_map<thread_id, std::shared_ptr<ThreadControl>>();
+std::deque<DeadThread>& gDeadThreads = *new std::deque<DeadThread>();
 std::atomic<team_id> gTeam{0};
 int gSuspendSignal = 0;
 
