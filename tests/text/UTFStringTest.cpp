@@ -907,6 +907,15 @@ TEST(UTFString, MalformedTextThroughEveryOperation)
 		EXPECT_EQ(text.size(), s.ByteLength());
 		UTFString copy(s);
 		EXPECT_TRUE(copy == s);
+		copy.CalcLength();
+		EXPECT_EQ(length, copy.Length());
+		UTFString copied;
+		copied.CopyString(text.c_str());
+		EXPECT_EQ(length, copied.Length());
+		UTFString doubled(s);
+		doubled.StrCat(text.c_str());
+		doubled.CalcLength();
+		EXPECT_EQ(Starts(text + text).size(), doubled.Length());
 
 		for (uint32 i = 0; i <= length + 2; i++) {
 			const size_t at = i < length ? starts[i] : text.size();
