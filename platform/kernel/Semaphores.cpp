@@ -352,6 +352,16 @@ status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtim
 	}
 
 	NoteWaitingOnSem(0);
+	if (result != B_OK && result != B_BAD_SEM_ID) {
+		// A waiter leaving without units (killed, timed out, interrupted) may
+		// have taken a wake-up meant for a unit that is still free: pass it
+		// on to the other waiters, so that none sleeps beside a free unit.
+		word = slot->word.load(std::memory_order_seq_cst);
+		if (TagOf(word) == tag && CountOf(word) > 0 && WaitersOf(word) > 1) {
+			slot->wakeSeq.fetch_add(1, std::memory_order_seq_cst);
+			FutexWake(&slot->wakeSeq, INT_MAX);
+		}
+	}
 	// Leave the bookkeeping before unregistering: once unregistered, a
 	// deleted slot may be reused at once.
 	slot->demand.fetch_sub(count, std::memory_order_relaxed);

@@ -11,10 +11,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
+#include "NoSystemCalls.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -600,4 +602,66 @@ TEST(OSSemaphore, SetSemOwnerRefusesAnEndedButUnreapedProcess)
 	ASSERT_EQ(waitpid(child, &status, 0), child);
 	EXPECT_EQ(set_sem_owner(sem, child), B_BAD_TEAM_ID);
 	delete_sem(sem);
+}
+
+TEST(OSSemaphore, WaitersKilledDuringReleasesLeaveNoUnitUnclaimed)
+{
+	zvtest::Watchdog watchdog(120s);
+	// Each release wakes one sleeper. A sleeper that is killed as it wakes
+	// must pass the wake-up on: otherwise a live waiter would sleep on
+	// beside a free unit, and its wait below would never end.
+	for (int round = 0; round < 30; round++) {
+		const sem_id sem = create_sem(0, "contested");
+		std::vector<thread_id> waiters;
+		for (int i = 0; i < 8; i++) {
+			waiters.push_back(spawn_thread(
+			    [](void* data) -> int32 {
+				    return acquire_sem(static_cast<sem_id>(reinterpret_cast<intptr_t>(data)));
+			    },
+			    "contender", B_NORMAL_PRIORITY, reinterpret_cast<void*>(intptr_t{sem})));
+			ASSERT_EQ(resume_thread(waiters.back()), B_OK);
+		}
+		ASSERT_TRUE(CountBecomes(sem, -8));
+		std::thread releaser([sem] {
+			for (int i = 0; i < 8; i++)
+				release_sem(sem);
+		});
+		for (int i = 0; i < 8; i += 2)
+			kill_thread(waiters[i]);
+		releaser.join();
+		int acquired = 0;
+		for (thread_id waiter : waiters) {
+			status_t value = -1;
+			ASSERT_EQ(wait_for_thread(waiter, &value), B_OK);
+			ASSERT_TRUE(value == B_OK || value == B_INTERRUPTED) << value;
+			if (value == B_OK)
+				acquired++;
+		}
+		EXPECT_GE(acquired, 4);
+		EXPECT_EQ(CountOf(sem), 8 - acquired);
+		delete_sem(sem);
+	}
+}
+
+TEST(OSSemaphore, UncontendedAcquireAndReleaseMakeNoSystemCall)
+{
+	static sem_id sem;
+	static thread_id first;
+	const bool clean = zvtest::RunsWithoutSystemCalls(
+	    [] {
+		    sem = create_sem(2, "quiet");
+		    first = find_thread(nullptr);
+	    },
+	    [] {
+		    for (int i = 0; i < 1000; i++) {
+			    if (acquire_sem(sem) != B_OK ||
+			        acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0) != B_OK ||
+			        release_sem_etc(sem, 2, 0) != B_OK || find_thread(nullptr) != first) {
+				    syscall(SYS_exit_group, 3);
+			    }
+		    }
+	    });
+	EXPECT_TRUE(clean);
+	// The check itself works: a call that does enter the kernel is caught.
+	EXPECT_FALSE(zvtest::RunsWithoutSystemCalls([] {}, [] { syscall(SYS_getppid); }));
 }
