@@ -92,6 +92,21 @@ inline bool EndsOnBoundary(const char* text, size_t n)
 // than the bytes up to it, and a loop of searches stays linear.
 const char* FindBytes(const char* from, const char* end, const char* pattern, size_t patternBytes)
 {
+	if (patternBytes <= 16) {
+		// A short pattern: find its first byte, then compare the rest (no
+		// set-up per search, which matters when matches are close).
+		const char first = pattern[0];
+		while (static_cast<size_t>(end - from) >= patternBytes) {
+			const char* candidate =
+			    static_cast<const char*>(memchr(from, first, (end - from) - (patternBytes - 1)));
+			if (candidate == NULL)
+				return NULL;
+			if (patternBytes == 1 || memcmp(candidate + 1, pattern + 1, patternBytes - 1) == 0)
+				return candidate;
+			from = candidate + 1;
+		}
+		return NULL;
+	}
 	size_t window = std::max<size_t>(256, 2 * patternBytes);
 	while (static_cast<size_t>(end - from) >= patternBytes) {
 		const size_t span = std::min(window, static_cast<size_t>(end - from));

@@ -3,6 +3,7 @@
 // reading.
 #include <UTFString.h>
 
+#include "FailingAllocator.h"
 #include "TestSupport.h"
 #include "TextModel.h"
 
@@ -10,6 +11,8 @@
 
 #include <string.h>
 
+#include <functional>
+#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -904,6 +907,15 @@ TEST(UTFString, MalformedTextThroughEveryOperation)
 		EXPECT_EQ(text.size(), s.ByteLength());
 		UTFString copy(s);
 		EXPECT_TRUE(copy == s);
+		copy.CalcLength();
+		EXPECT_EQ(length, copy.Length());
+		UTFString copied;
+		copied.CopyString(text.c_str());
+		EXPECT_EQ(length, copied.Length());
+		UTFString doubled(s);
+		doubled.StrCat(text.c_str());
+		doubled.CalcLength();
+		EXPECT_EQ(Starts(text + text).size(), doubled.Length());
 
 		for (uint32 i = 0; i <= length + 2; i++) {
 			const size_t at = i < length ? starts[i] : text.size();
@@ -992,6 +1004,72 @@ TEST(UTFString, LeadSwallowsTheBytesThatFollowIt)
 	             s.GetChar(0).Buffer());
 	EXPECT_EQ(1, s.InStr(UTFString("b")));
 	EXPECT_EQ(2, s.InStr(UTFString("d")));
+}
+
+// #pragma mark - allocation failures
+
+TEST(UTFString, FailedAllocationPropagatesAndLeavesAValidString)
+{
+	// Each operation is run with its first, second, ... allocation failing:
+	// the exception reaches the caller, every temporary is released (the
+	// leak checker of the sanitizer builds watches), and the string is
+	// still a valid string, its old text or its new one.
+	const std::vector<std::pair<const char*, std::function<void(UTFString&)>>> operations = {
+	    {"assign", [](UTFString& s) { s = "\xE6\x97\xA5 new text"; }},
+	    {"append", [](UTFString& s) { s += UTFString(" more"); }},
+	    {"plus", [](UTFString& s) { s = s + UTFString("!"); }},
+	    {"insert", [](UTFString& s) { s.Insert(2, 4, UTFString("\xC3\xA9")); }},
+	    {"remove", [](UTFString& s) { (void)s.Remove(1, 3); }},
+	    {"split",
+	     [](UTFString& s) {
+		     UTFString l;
+		     UTFString r;
+		     s.Split(3, l, r);
+		     (void)s.Split(UTFString(","), l, r);
+		     (void)s.SplitChar(UTFString(",;"), l, r);
+	     }},
+	    {"slices",
+	     [](UTFString& s) {
+		     (void)s.Left(3);
+		     (void)s.Right(3);
+		     (void)s.Mid(1, 3);
+		     (void)s.StringAt(2);
+	     }},
+	    {"replace", [](UTFString& s) { s.Replace(UTFString(","), UTFString("\xE3\x80\x81")); }},
+	    {"replace malformed", [](UTFString& s) { s.Replace(UTFString("\x80"), UTFString("-")); }},
+	    {"set char", [](UTFString& s) { s.SetChar(UTFChar("x"), 1); }},
+	    {"strcat",
+	     [](UTFString& s) {
+		     s.StrCat("tail");
+		     s.CalcLength();
+	     }},
+	};
+	for (const auto& operation : operations) {
+		bool completed = false;
+		for (long k = 0; k < 64 && !completed; k++) {
+			UTFString s("a,b\xC3\xA9\xE6\x97\xA5,c;d\x80"
+			            "e");
+			const std::string before = Text(s);
+			bool threw = false;
+			{
+				failing::Disarm disarm;
+				failing::FailAfter(k);
+				try {
+					operation.second(s);
+				} catch (const std::bad_alloc&) {
+					threw = true;
+				}
+				completed = !failing::Failed();
+			}
+			EXPECT_EQ(threw, !completed) << operation.first << " " << k;
+			ASSERT_NE(nullptr, s.Buffer()) << operation.first << " " << k;
+			EXPECT_EQ(Starts(Text(s)).size(), s.Length()) << operation.first << " " << k;
+			if (threw) {
+				EXPECT_EQ(before, Text(s)) << operation.first << " " << k;
+			}
+		}
+		EXPECT_TRUE(completed) << operation.first;
+	}
 }
 
 // #pragma mark - concurrency
