@@ -128,7 +128,8 @@ public:
 	// newText). oldText and newText may be this string. Where the loop would
 	// never end (an empty oldText with a non-empty newText, or a newText that
 	// brings the pattern back at every resume point) the string is left as
-	// it is.
+	// it is; so it is where malformed text would make the loop run more
+	// passes than the text has bytes, or grow past 16 times its size.
 	void Replace(const UTFString& oldText, const UTFString& newText);
 
 	// In place; only characters whose single byte is an ASCII letter change.
@@ -172,8 +173,8 @@ private:
 	void Adopt(char* buffer, size_t byteLength);
 	void AssignBytes(const char* bytes, size_t byteLength);
 	size_t ByteOffsetOf(uint32 index) const;
-	bool ReplaceSlowly(const UTFString& pattern, const UTFString& replacement);
-	bool ReplaceWellFormed(const UTFString& pattern, const UTFString& replacement);
+	bool ReplaceInStep(const UTFString& pattern, const UTFString& replacement);
+	void ReplaceSlowly(const UTFString& pattern, const UTFString& replacement);
 
 	char* fBuffer;
 	uint32 fLength;

@@ -35,8 +35,10 @@ public:
 
 private:
 	// fLocked and fOwner are read by other threads before they wait on the
-	// semaphore (the recursion test); they are atomics so that those reads
-	// are well defined, with no ordering needed beyond the semaphore's.
+	// semaphore (the recursion test), and fCount by CountLock; they are
+	// atomics so that those reads are well defined. A new owner stores
+	// fLocked last (release) and the test loads it first (acquire), so a
+	// thread that sees the lock taken also sees who took it.
 	std::atomic<int32> fCount;
 	std::atomic<bool> fLocked;
 	std::atomic<uint32> fSem;

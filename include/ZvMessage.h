@@ -300,7 +300,9 @@ public:
 	// Reads a block from at most size bytes, checking every count, size and
 	// terminator against them. On a malformed or truncated block, returns
 	// false with the message's items removed (what and flags untouched).
-	// Bytes after the block are ignored.
+	// A count of 0 or below means no records, as in the trusting form; bytes
+	// after the block are ignored. The buffer must not lie inside this
+	// message's own items.
 	bool Unflatten(const void* buffer, size_t size);
 
 	// Dumps the message on standard output.

@@ -12,9 +12,19 @@
 
 namespace zvkit_private {
 
+// find_thread(NULL) of the calling thread, cached here as well so that the
+// lock's fast path makes no call into the platform library. A forked child
+// clears the cache of its one thread (see ZvThread.cpp).
+extern thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec")));
+
 inline uint32 CurrentThread()
 {
-	return static_cast<uint32>(find_thread(nullptr));
+	uint32 id = tCurrentThread;
+	if (__builtin_expect(id == 0, 0)) {
+		id = static_cast<uint32>(find_thread(nullptr));
+		tCurrentThread = id;
+	}
+	return id;
 }
 
 // 1 acquired, 2 timed out, 0 failed; timeout in milliseconds.

@@ -7,7 +7,26 @@
 
 #include <cstdio>
 
+#include <pthread.h>
+
+namespace zvkit_private {
+
+thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec"))) = 0;
+
+} // namespace zvkit_private
+
 namespace {
+
+// The forking thread is the child's only thread, with a new identifier.
+void ForgetThreadInChild()
+{
+	zvkit_private::tCurrentThread = 0;
+}
+
+struct ForkHandlerInstaller
+{
+	ForkHandlerInstaller() { pthread_atfork(nullptr, nullptr, &ForgetThreadInChild); }
+} sForkHandlerInstaller;
 
 int32 KernelPriority(zv_thread_priority priority)
 {

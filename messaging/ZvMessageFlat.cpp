@@ -128,11 +128,16 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 		return false;
 
 	const uint8* in = static_cast<const uint8*>(buffer);
-	const int32 count = (bounded && size < kHeaderSize) ? -1 : ReadInt(in + 8);
-	// Every record takes at least kMinRecordSize bytes: a count that cannot
-	// fit is refused before anything is allocated.
-	if (bounded &&
-	    (count < 0 || static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize)) {
+	if (bounded && size < kHeaderSize) {
+		MakeEmpty();
+		return false;
+	}
+	// A count of 0 or below means no records, in both forms. Every record
+	// takes at least kMinRecordSize bytes: a count that cannot fit is
+	// refused before anything is allocated.
+	const int32 count = ReadInt(in + 8);
+	if (bounded && count > 0 &&
+	    static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize) {
 		MakeEmpty();
 		return false;
 	}

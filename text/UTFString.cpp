@@ -86,6 +86,76 @@ inline bool EndsOnBoundary(const char* text, size_t n)
 	return true;
 }
 
+// First occurrence of pattern in [from, end), or NULL. The range is searched
+// in windows that grow from a few hundred bytes, so a search that finds its
+// match early touches (and has checked, under a memory checker) little more
+// than the bytes up to it, and a loop of searches stays linear.
+const char* FindBytes(const char* from, const char* end, const char* pattern, size_t patternBytes)
+{
+	if (patternBytes <= 16) {
+		// A short pattern: find its first byte, then compare the rest (no
+		// set-up per search, which matters when matches are close).
+		const char first = pattern[0];
+		while (static_cast<size_t>(end - from) >= patternBytes) {
+			const char* candidate =
+			    static_cast<const char*>(memchr(from, first, (end - from) - (patternBytes - 1)));
+			if (candidate == NULL)
+				return NULL;
+			if (patternBytes == 1 || memcmp(candidate + 1, pattern + 1, patternBytes - 1) == 0)
+				return candidate;
+			from = candidate + 1;
+		}
+		return NULL;
+	}
+	size_t window = std::max<size_t>(256, 2 * patternBytes);
+	while (static_cast<size_t>(end - from) >= patternBytes) {
+		const size_t span = std::min(window, static_cast<size_t>(end - from));
+		const void* hit = memmem(from, span, pattern, patternBytes);
+		if (hit != NULL)
+			return static_cast<const char*>(hit);
+		if (span == static_cast<size_t>(end - from))
+			return NULL;
+		// The next window overlaps this one by one byte less than the
+		// pattern, so no occurrence straddling the border is missed.
+		from += span - (patternBytes - 1);
+		window = std::min<size_t>(window * 2, 1 << 16);
+	}
+	return NULL;
+}
+
+// The offset of the first character start at or after offset in [text,
+// text + n), walking from text (n when that character runs past the end).
+// Matches usually lie a few bytes apart, where one plain step at a time is
+// quicker than setting up the block walk.
+inline size_t FirstStartFrom(const char* text, size_t n, size_t offset)
+{
+	if (offset >= 64)
+		return WalkChars(text, n, CountChars(text, offset));
+	// ASCII bytes are characters of their own: the offset is a start.
+	uint8 high = 0;
+	for (size_t k = 0; k < offset; k++)
+		high |= static_cast<uint8>(text[k]);
+	if (high < 0x80)
+		return offset;
+	size_t i = 0;
+	while (i < offset)
+		i += CharSize(text + i);
+	return std::min(i, n);
+}
+
+// WalkChars for the few characters of a pattern.
+inline size_t StepChars(const char* text, size_t n, uint32 count, size_t* walked)
+{
+	if (count >= 16)
+		return WalkChars(text, n, count, walked);
+	size_t i = 0;
+	uint32 done = 0;
+	for (; done < count && i < n; done++)
+		i += CharSize(text + i);
+	*walked = done;
+	return std::min(i, n);
+}
+
 } // namespace
 
 // #pragma mark - UTFChar
@@ -574,26 +644,28 @@ void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 		return;
 	}
 
-	bool ownWellFormed;
 	bool patternWellFormed;
 	bool replacementWellFormed = true;
-	CountChars(fBuffer, strlen(fBuffer), &ownWellFormed);
 	CountChars(pattern.fBuffer, strlen(pattern.fBuffer), &patternWellFormed);
 	if (replacement.fBuffer != NULL)
 		CountChars(replacement.fBuffer, strlen(replacement.fBuffer), &replacementWellFormed);
-	if (ownWellFormed && patternWellFormed && replacementWellFormed)
-		ReplaceWellFormed(pattern, replacement);
-	else
-		ReplaceSlowly(pattern, replacement);
+	if (patternWellFormed && replacementWellFormed && ReplaceInStep(pattern, replacement))
+		return;
+	ReplaceSlowly(pattern, replacement);
 }
 
-// In well-formed text a match of a well-formed pattern starts on a character
-// and covers exactly the pattern's characters, and lengths add up under
-// concatenation. After a pass the text still to be searched is the part of
-// the new text beyond the pattern's length (Q), followed by the rest of the
-// original. If Q holds the pattern, every later pass finds a match inside Q
-// again and the loop never ends; otherwise each pass consumes original text.
-bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& replacement)
+// With a well-formed pattern and new text, a match that starts on a
+// character covers exactly the pattern's characters, and lengths add up
+// under concatenation, so no character index needs to be known: each pass
+// keeps what lies before the match, and the text still to be searched is the
+// part of the new text beyond the pattern's length (Q) followed by the rest
+// of the original. If Q holds the pattern, every later pass finds a match
+// inside Q again and the loop never ends; otherwise each pass consumes
+// original text. The string's own text may be malformed: the characters a
+// pass replaces are found by stepping from the last character start, and
+// only a pass that would run out of characters (returning false with nothing
+// changed) is left to the general path.
+bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replacement)
 {
 	const char* const text = fBuffer;
 	const size_t total = strlen(text);
@@ -606,7 +678,7 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 	const uint32 withChars = replacement.fLength;
 
 	if (strstr(text, old) == NULL)
-		return false;
+		return true;
 
 	// The search resumes inside the new text when it has at least as many
 	// characters as the pattern, and beyond it (skipping original
@@ -620,7 +692,7 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 		rescan = with + keptBytes;
 		rescanBytes = withBytes - keptBytes;
 		if (rescanBytes >= oldBytes && memmem(rescan, rescanBytes, old, oldBytes) != NULL)
-			return false;
+			return true;
 	}
 
 	ByteBuilder out(total);
@@ -642,13 +714,27 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 			out.Append(rescan, matchInRescan);
 			rest += matchInRescan + oldBytes - rescanBytes;
 		} else {
-			const char* match = strstr(rest, old);
+			const char* match = FindBytes(rest, end, old, oldBytes);
 			if (match == NULL)
 				break;
+			// rest begins on a character. The replaced characters begin at
+			// the match, or, when the match begins inside a character of
+			// malformed text, at the next character (the match's index
+			// counts the characters that start before it).
+			const size_t restBytes = end - rest;
+			const size_t from = FirstStartFrom(rest, restBytes, match - rest);
+			size_t walked;
+			const size_t to = from + StepChars(rest + from, restBytes - from, oldChars, &walked);
+			if (walked < oldChars) {
+				// Fewer characters left than the pattern has: the pass keeps
+				// all but the first character of the string after the new
+				// text, which only the general path does.
+				return false;
+			}
 			if (rescanPending)
 				out.Append(rescan, rescanBytes);
-			out.Append(rest, match - rest);
-			rest = match + oldBytes;
+			out.Append(rest, from);
+			rest += to;
 		}
 		out.Append(with, keptBytes);
 		if (resumesInside) {
@@ -676,9 +762,11 @@ bool UTFString::ReplaceWellFormed(const UTFString& pattern, const UTFString& rep
 // on the part of the string after the last match only. "done" holds the
 // bytes before the match (its characters end exactly at its end), "work" the
 // rest. The number of passes is bounded by the original byte length plus
-// one, which no ending loop on well-formed text exceeds; a loop that goes on
-// beyond it leaves the string unchanged.
-bool UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replacement)
+// one, which no ending loop on well-formed text exceeds. A match cut by a
+// malformed sequence can make a pass copy part of the string again, so the
+// text is also kept below 16 times its size and that of the new text, plus
+// 64 KiB. A loop that goes beyond either bound leaves the string unchanged.
+void UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replacement)
 {
 	const char* const old = pattern.fBuffer;
 	const uint32 oldChars = pattern.fLength;
@@ -687,15 +775,16 @@ bool UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replace
 
 	const char* first = strstr(fBuffer, old);
 	if (first == NULL)
-		return false;
+		return;
 	std::string done;
 	uint32 doneChars = 0;
 	std::string work(fBuffer, total);
 	uint32 position = static_cast<uint32>(CountChars(fBuffer, first - fBuffer));
 
+	const size_t maxBytes = 65536 + 16 * (total + with.size());
 	for (size_t passes = 1;; passes++) {
-		if (passes > total + 1)
-			return false;
+		if (passes > total + 1 || done.size() + work.size() > maxBytes)
+			return;
 		const uint32 length = doneChars + static_cast<uint32>(CountChars(work.data(), work.size()));
 
 		// Left(position)
@@ -740,5 +829,4 @@ bool UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replace
 	}
 	const std::string result = done + work;
 	AssignBytes(result.data(), result.size());
-	return true;
 }

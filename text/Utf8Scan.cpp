@@ -1,21 +1,44 @@
 // Utf8Scan.cpp: character counting and stepping over bounded byte ranges.
 //
-// Counting works eight bytes at a time where it can. Within a word that
-// begins at a character start, the bytes that must be continuation bytes
-// (the ones covered by a lead in the same word) are computed with shifts and
-// compared with the bytes that are continuation bytes. When the two sets
-// agree, the character starts in the word are exactly its non-continuation
-// bytes, and the last character may run a few bytes past the word (the
-// "spill"), which the next step skips. When they disagree the text is not
-// well-formed there, and those bytes are stepped one character at a time, so
-// the count always equals the number of steps of the byte-wise walk.
+// The text is examined in blocks of 64 bytes. For each byte the block test
+// computes whether the lead bytes just before it (one, two or three bytes
+// back) say it must be a continuation byte, and compares that with whether it
+// is one. When the two agree over a whole block, and the walk entered the
+// block in step with its lead bytes, the character starts in the block are
+// exactly its non-continuation bytes, so counting them gives the number of
+// steps the byte-wise walk would take. Where they disagree the text is not
+// well-formed, and the walk goes one character at a time until it is again at
+// a character start that no earlier lead reaches past. The count therefore
+// always equals the number of steps of the byte-wise walk.
+//
+// Where the processor has AVX2 a block is two 32-byte vectors; otherwise
+// eight 64-bit words (the 32-bit build always takes the words).
 #include "Utf8Scan.h"
 
 #include <string.h>
 
+#include <algorithm>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace zvtext {
 
 namespace {
+
+const size_t kBlock = 64;
+
+inline bool IsContinuation(char c)
+{
+	return (static_cast<uint8>(c) & 0xC0) == 0x80;
+}
+
+// A block scan examines up to `blocks` blocks from p (p - 3 must be
+// readable) and stops before the first one in which some byte's being a
+// continuation byte disagrees with the leads before it. It returns the number
+// of good blocks and adds their non-continuation bytes to *starts.
+typedef size_t (*BlockScan)(const char* p, size_t blocks, size_t* starts);
 
 const uint64 kHighBits = 0x8080808080808080ull;
 const uint64 kByteOnes = 0x0101010101010101ull;
@@ -31,46 +54,130 @@ inline uint64 LoadWord(const char* p)
 	return word;
 }
 
-// Number of bytes whose bit 7 is set in a mask that has no other bits.
-inline uint32 CountFlags(uint64 mask)
+// Eight 64-bit words at a time, on any machine.
+size_t ScanBlocksWords(const char* p, size_t blocks, size_t* starts)
 {
-	return static_cast<uint32>(((mask >> 7) * kByteOnes) >> 56);
+	size_t good = 0;
+	for (; good < blocks; good++) {
+		const char* block = p + good * kBlock;
+		uint64 disagree = 0;
+		uint64 continuations = 0;
+		for (size_t i = 0; i < kBlock; i += 8) {
+			const char* q = block + i;
+			const uint64 bytes = LoadWord(q);
+			const uint64 back1 = LoadWord(q - 1);
+			const uint64 back2 = LoadWord(q - 2);
+			const uint64 back3 = LoadWord(q - 3);
+			// Bit 7 of each byte: set when the byte is 10xxxxxx.
+			const uint64 continuation = bytes & ~(bytes << 1) & kHighBits;
+			// Set when the byte 1 back is 0xC0 or above, 2 back 0xE0 or
+			// above, 3 back 0xF0 or above (the shifts bring bits 6..4 to
+			// bit 7).
+			const uint64 reach2 = back1 & (back1 << 1);
+			const uint64 reach3 = back2 & (back2 << 1) & (back2 << 2);
+			const uint64 reach4 = back3 & (back3 << 1) & (back3 << 2) & (back3 << 3);
+			const uint64 reached = (reach2 | reach3 | reach4) & kHighBits;
+			disagree |= reached ^ continuation;
+			continuations += continuation >> 7;
+		}
+		if (disagree != 0)
+			break;
+		*starts += kBlock - static_cast<size_t>((continuations * kByteOnes) >> 56);
+	}
+	return good;
 }
 
-inline bool IsContinuation(char c)
+#if defined(__x86_64__)
+
+// Two 32-byte vectors at a time, where the processor has AVX2.
+__attribute__((target("avx2"))) size_t ScanBlocksAvx2(const char* p, size_t blocks, size_t* starts)
 {
-	return (static_cast<uint8>(c) & 0xC0) == 0x80;
+	const __m256i zero = _mm256_setzero_si256();
+	const __m256i continuationLimit = _mm256_set1_epi8(-64);
+	const __m256i after2 = _mm256_set1_epi8(static_cast<char>(0xBF));
+	const __m256i after3 = _mm256_set1_epi8(static_cast<char>(0xDF));
+	const __m256i after4 = _mm256_set1_epi8(static_cast<char>(0xEF));
+	// Continuation bytes of the good blocks, summed in four 64-bit lanes.
+	__m256i total = zero;
+	size_t good = 0;
+	for (; good < blocks; good++) {
+		const char* block = p + good * kBlock;
+		__m256i agree = _mm256_set1_epi8(-1);
+		__m256i continuations = zero;
+		for (size_t i = 0; i < kBlock; i += 32) {
+			const char* q = block + i;
+			const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q));
+			const __m256i back1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 1));
+			const __m256i back2 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 2));
+			const __m256i back3 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q - 3));
+			// 0x80-0xBF as signed bytes are the ones below -64.
+			const __m256i continuation = _mm256_cmpgt_epi8(continuationLimit, bytes);
+			// Non-zero where a lead 1, 2 or 3 bytes back reaches this byte.
+			const __m256i reached = _mm256_or_si256(
+			    _mm256_subs_epu8(back1, after2),
+			    _mm256_or_si256(_mm256_subs_epu8(back2, after3), _mm256_subs_epu8(back3, after4)));
+			const __m256i unreached = _mm256_cmpeq_epi8(reached, zero);
+			// Each byte is either reached or an unreached non-continuation
+			// byte: the xor is all ones where that holds.
+			agree = _mm256_and_si256(agree, _mm256_xor_si256(unreached, continuation));
+			continuations = _mm256_sub_epi8(continuations, continuation);
+		}
+		if (static_cast<uint32>(_mm256_movemask_epi8(agree)) != 0xFFFFFFFFu)
+			break;
+		total = _mm256_add_epi64(total, _mm256_sad_epu8(continuations, zero));
+	}
+	const size_t continuationCount = static_cast<size_t>(_mm256_extract_epi64(total, 0)) +
+	                                 static_cast<size_t>(_mm256_extract_epi64(total, 1)) +
+	                                 static_cast<size_t>(_mm256_extract_epi64(total, 2)) +
+	                                 static_cast<size_t>(_mm256_extract_epi64(total, 3));
+	*starts += good * kBlock - continuationCount;
+	return good;
 }
 
-// Examines a word that begins at a character start. Returns false when its
-// bytes do not follow the lead structure. Otherwise *starts receives the
-// number of characters that start in the word and *spill the number of bytes
-// (0..3) by which the last of them runs past it.
-inline bool ScanWord(uint64 word, uint32* starts, uint32* spill)
+#endif
+
+BlockScan ChooseBlockScan()
 {
-	const uint64 bit7 = word & kHighBits;
-	const uint64 bit6 = (word << 1) & kHighBits;
-	const uint64 bit5 = (word << 2) & kHighBits;
-	const uint64 bit4 = (word << 3) & kHighBits;
-	const uint64 continuation = bit7 & ~bit6;
-	const uint64 lead2 = bit7 & bit6;  // 0xC0-0xFF: covers the next byte
-	const uint64 lead3 = lead2 & bit5; // 0xE0-0xFF: and the one after
-	const uint64 lead4 = lead3 & bit4; // 0xF0-0xFF: and a third one
-	const uint64 covered = (lead2 << 8) | (lead3 << 16) | (lead4 << 24);
-	if (covered != continuation)
-		return false;
-	*starts = 8 - CountFlags(continuation);
-	*spill = CountFlags((lead2 >> 56) | (lead3 >> 48) | (lead4 >> 40));
-	return true;
+#if defined(__x86_64__)
+	__builtin_cpu_init();
+	if (__builtin_cpu_supports("avx2"))
+		return ScanBlocksAvx2;
+#endif
+	return ScanBlocksWords;
+}
+
+// Chosen once, on first use.
+BlockScan TheBlockScan()
+{
+	static const BlockScan scan = ChooseBlockScan();
+	return scan;
+}
+
+// Bytes at the start of [p, ...) that the leads in the three bytes before p
+// cover (the walk is in step with those leads).
+inline size_t Overhang(const char* p)
+{
+	size_t overhang = 0;
+	for (size_t back = 1; back <= 3; back++) {
+		const uint32 size = CharSize(p - back);
+		if (size > back && size - back > overhang)
+			overhang = size - back;
+	}
+	return overhang;
+}
+
+// Whether the block test may start at character start p: none of the three
+// bytes before it is a lead that would reach p or beyond.
+inline bool BlockMayStart(const char* text, size_t p)
+{
+	return p >= 3 && Overhang(text + p) == 0;
 }
 
 // Whether the character that starts at text[i] is complete and followed by
 // the right continuation bytes inside [text, text + n).
 inline bool CharIsWellFormed(const char* text, size_t n, size_t i, uint32 size)
 {
-	if (IsContinuation(text[i]))
-		return false;
-	if (i + size > n)
+	if (IsContinuation(text[i]) || i + size > n)
 		return false;
 	for (uint32 k = 1; k < size; k++) {
 		if (!IsContinuation(text[i + k]))
@@ -79,47 +186,56 @@ inline bool CharIsWellFormed(const char* text, size_t n, size_t i, uint32 size)
 	return true;
 }
 
-template <bool kCheck> size_t CountCharsImpl(const char* text, size_t n, bool* wellFormed)
+// After a run of good blocks ending at i (or at a start no lead reaches
+// past, where there is nothing to skip): the last lead counted may still
+// cover the next bytes, which belong to its character. Returns the offset
+// after them.
+template <bool kCheck> inline size_t SkipOverhang(const char* text, size_t n, size_t i, bool* ok)
 {
+	const size_t overhang = Overhang(text + i);
+	if (kCheck) {
+		for (size_t k = 0; k < overhang; k++)
+			*ok = *ok && i + k < n && IsContinuation(text[i + k]);
+	}
+	return i + overhang;
+}
+
+// The walk shared by counting and stepping: goes from the start of text
+// until n, or until limit characters have been stepped over, using whole
+// blocks where they can be taken. Returns the offset after the last
+// character stepped over (past n when that character is cut short) and the
+// number of characters.
+template <bool kCheck>
+size_t Walk(const char* text, size_t n, size_t limit, size_t* steps, bool* wellFormed)
+{
+	const BlockScan scanBlocks = TheBlockScan();
 	size_t i = 0;
 	size_t count = 0;
 	bool ok = true;
-	while (i + 8 <= n) {
-		const uint64 word = LoadWord(text + i);
-		if ((word & kHighBits) == 0) {
-			// ASCII: run ahead 32 bytes at a time while it lasts.
-			count += 8;
-			i += 8;
-			while (i + 32 <= n) {
-				const uint64 any = LoadWord(text + i) | LoadWord(text + i + 8) |
-				                   LoadWord(text + i + 16) | LoadWord(text + i + 24);
-				if ((any & kHighBits) != 0)
-					break;
-				count += 32;
-				i += 32;
-			}
-			continue;
+	// inStep: i is a character start and the block test may start there, or
+	// i follows a run of good blocks (the leads before it are in step).
+	bool inStep = false;
+	while (i < n && count < limit) {
+		if (!inStep)
+			inStep = BlockMayStart(text, i);
+		if (inStep) {
+			// Each block holds at most kBlock character starts.
+			const size_t blocks = std::min((n - i) / kBlock, (limit - count) / kBlock);
+			const size_t good = blocks != 0 ? scanBlocks(text + i, blocks, &count) : 0;
+			i += good * kBlock;
+			if (good != 0 && good == blocks)
+				continue;
 		}
-		uint32 starts;
-		uint32 spill;
-		if (ScanWord(word, &starts, &spill)) {
-			if (kCheck && spill != 0) {
-				// The bytes inside the word were checked above; the ones the
-				// last character runs into must be there and continue it.
-				if (i + 8 + spill > n) {
-					ok = false;
-				} else {
-					for (uint32 k = 0; k < spill; k++)
-						ok = ok && IsContinuation(text[i + 8 + k]);
-				}
-			}
-			count += starts;
-			i += 8 + spill;
-			continue;
+		if (inStep) {
+			// Leave the block walk at the next character start.
+			i = SkipOverhang<kCheck>(text, n, i, &ok);
+			inStep = false;
+			if (i >= n)
+				break;
 		}
-		// Not well-formed here: step these bytes one character at a time.
-		const size_t end = i + 8;
-		while (i < end) {
+		// One character at a time to the end of this block's worth.
+		const size_t end = i + kBlock;
+		while (i < n && i < end && count < limit) {
 			const uint32 size = CharSize(text + i);
 			if (kCheck)
 				ok = ok && CharIsWellFormed(text, n, i, size);
@@ -127,56 +243,37 @@ template <bool kCheck> size_t CountCharsImpl(const char* text, size_t n, bool* w
 			i += size;
 		}
 	}
-	while (i < n) {
-		const uint32 size = CharSize(text + i);
-		if (kCheck)
-			ok = ok && CharIsWellFormed(text, n, i, size);
-		count++;
-		i += size;
-	}
+	if (inStep)
+		i = SkipOverhang<kCheck>(text, n, i, &ok);
+	if (steps != NULL)
+		*steps = count;
 	if (wellFormed != NULL)
 		*wellFormed = ok;
-	return count;
+	return i;
 }
 
 } // namespace
 
 size_t CountChars(const char* text, size_t n, bool* wellFormed)
 {
+	size_t count;
 	if (wellFormed != NULL)
-		return CountCharsImpl<true>(text, n, wellFormed);
-	return CountCharsImpl<false>(text, n, NULL);
+		Walk<true>(text, n, static_cast<size_t>(-1), &count, wellFormed);
+	else
+		Walk<false>(text, n, static_cast<size_t>(-1), &count, NULL);
+	return count;
 }
 
 size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked, bool* cut)
 {
-	size_t i = 0;
-	size_t done = 0;
-	while (done < count && i < n) {
-		if (i + 8 <= n && count - done >= 8) {
-			const uint64 word = LoadWord(text + i);
-			if ((word & kHighBits) == 0) {
-				i += 8;
-				done += 8;
-				continue;
-			}
-			uint32 starts;
-			uint32 spill;
-			if (ScanWord(word, &starts, &spill)) {
-				i += 8 + spill;
-				done += starts;
-				continue;
-			}
-		}
-		i += CharSize(text + i);
-		done++;
-	}
+	size_t steps;
+	size_t i = Walk<false>(text, n, count, &steps, NULL);
 	if (cut != NULL)
 		*cut = i > n;
 	if (i > n)
 		i = n;
 	if (walked != NULL)
-		*walked = done;
+		*walked = steps;
 	return i;
 }
 

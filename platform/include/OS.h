@@ -23,7 +23,8 @@
 //    wait_for_thread resumes a suspended thread, then returns its exit
 //    value. suspend_thread pauses a running thread wherever it is (a
 //    real-time signal whose handler waits until resume_thread) and returns
-//    once it is paused. suspend_thread, resume_thread, kill_thread and
+//    once it is paused; a thread inside one of the kit's own short critical
+//    sections pauses as it leaves it, so it never holds a lock of the kit. suspend_thread, resume_thread, kill_thread and
 //    wait_for_thread act only on threads made by spawn_thread in this
 //    process; other existing threads give B_NOT_ALLOWED.
 //  - Threads are detached host threads: one that nobody waits for cleans up

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
 
 namespace zvplatform {
 
@@ -57,8 +58,42 @@ inline void CopyName(char* target, size_t size, const char* name)
 	target[length] = '\0';
 }
 
+// The kit's internal locks are taken inside a critical section: a
+// suspend_thread that reaches a thread there is deferred until the thread
+// leaves it, so a paused thread never holds a lock that resume_thread, or
+// any other call of the kit, needs. Sections nest; they cost nothing for
+// threads not made by spawn_thread.
+void EnterKitSection();
+void LeaveKitSection();
+
+class KitLock
+{
+public:
+	explicit KitLock(std::mutex& mutex) : fMutex(mutex)
+	{
+		EnterKitSection();
+		fMutex.lock();
+	}
+
+	~KitLock()
+	{
+		fMutex.unlock();
+		LeaveKitSection();
+	}
+
+	KitLock(const KitLock&) = delete;
+	KitLock& operator=(const KitLock&) = delete;
+
+private:
+	std::mutex& fMutex;
+};
+
 // The calling process's id, cached (refreshed in a forked child).
 team_id CurrentTeam();
+
+// The team (process) of any live thread of the host, from /proc; -1 when
+// there is no such thread or it has ended.
+team_id TeamOfThread(thread_id thread);
 
 // Sets *waiting to the semaphore the calling thread blocks on (0 when none),
 // for get_thread_info; a no-op for threads not made by spawn_thread.

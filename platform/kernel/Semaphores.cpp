@@ -30,17 +30,11 @@
 #include <OS.h>
 
 #include <atomic>
-#include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <string>
 
 #include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
 namespace zvplatform {
 namespace {
@@ -136,7 +130,7 @@ void FreeSlotLocked(uint32 index)
 
 void FreeSlot(uint32 index)
 {
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	FreeSlotLocked(index);
 }
 
@@ -152,26 +146,7 @@ void Unregister(SemSlot* slot, sem_id id)
 // A team exists when it is a live process (not merely a thread id).
 bool TeamExists(team_id team)
 {
-	if (team <= 0)
-		return false;
-	if (team == CurrentTeam())
-		return true;
-	if (kill(team, 0) != 0 && errno != EPERM)
-		return false;
-	const std::string path = "/proc/" + std::to_string(team) + "/status";
-	FILE* file = fopen(path.c_str(), "re");
-	if (file == nullptr)
-		return false;
-	char line[256];
-	team_id group = -1;
-	while (fgets(line, sizeof(line), file) != nullptr) {
-		if (strncmp(line, "Tgid:", 5) == 0) {
-			group = static_cast<team_id>(strtol(line + 5, nullptr, 10));
-			break;
-		}
-	}
-	fclose(file);
-	return group == team;
+	return team > 0 && (team == CurrentTeam() || TeamOfThread(team) == team);
 }
 
 status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout);
@@ -186,7 +161,7 @@ sem_id create_sem(int32 count, const char* name)
 	if (count < 0)
 		return B_BAD_VALUE;
 
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	// Open more slots while few are free, so that freed identifiers rest a
 	// while before their slot is used again.
 	while (gFreeCount < kMinFree && gSlotsOpened < kSlotCount) {
@@ -223,7 +198,7 @@ status_t delete_sem(sem_id id)
 		return B_BAD_SEM_ID;
 	const uint32 tag = LiveTagOf(id);
 
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	uint64 word = slot->word.load(std::memory_order_relaxed);
 	uint64 dead;
 	do {
@@ -377,6 +352,16 @@ status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtim
 	}
 
 	NoteWaitingOnSem(0);
+	if (result != B_OK && result != B_BAD_SEM_ID) {
+		// A waiter leaving without units (killed, timed out, interrupted) may
+		// have taken a wake-up meant for a unit that is still free: pass it
+		// on to the other waiters, so that none sleeps beside a free unit.
+		word = slot->word.load(std::memory_order_seq_cst);
+		if (TagOf(word) == tag && CountOf(word) > 0 && WaitersOf(word) > 1) {
+			slot->wakeSeq.fetch_add(1, std::memory_order_seq_cst);
+			FutexWake(&slot->wakeSeq, INT_MAX);
+		}
+	}
 	// Leave the bookkeeping before unregistering: once unregistered, a
 	// deleted slot may be reused at once.
 	slot->demand.fetch_sub(count, std::memory_order_relaxed);
@@ -467,7 +452,7 @@ status_t get_sem_info(sem_id id, sem_info* info)
 		return B_BAD_SEM_ID;
 	if (info == nullptr)
 		return B_BAD_VALUE;
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	const uint64 word = slot->word.load(std::memory_order_acquire);
 	if (TagOf(word) != LiveTagOf(id))
 		return B_BAD_SEM_ID;
@@ -486,7 +471,7 @@ status_t set_sem_owner(sem_id id, team_id team)
 		return B_BAD_SEM_ID;
 	if (!TeamExists(team))
 		return B_BAD_TEAM_ID;
-	std::lock_guard<std::mutex> lock(gTableLock);
+	KitLock lock(gTableLock);
 	const uint64 word = slot->word.load(std::memory_order_acquire);
 	if (TagOf(word) != LiveTagOf(id))
 		return B_BAD_SEM_ID;

@@ -75,6 +75,10 @@ struct ThreadControl
 	// Set by the suspend handler once the thread is parked.
 	std::atomic<uint32> pauseAck{0};
 	std::atomic<uint32> killed{0};
+	// Kit sections the thread is in, and a suspension deferred until it
+	// leaves them. Touched only by the thread itself and its signal handler.
+	std::atomic<int32> sections{0};
+	std::atomic<bool> suspendPending{false};
 	std::atomic<int32> priority{B_NORMAL_PRIORITY};
 	std::atomic<sem_id> waitingSem{0};
 	// Sequence words: snooze sleeps on sleepSeq, waiters on doneSeq.
@@ -109,8 +113,11 @@ struct DeadThread
 };
 
 std::mutex gThreadLock;
-std::unordered_map<thread_id, std::shared_ptr<ThreadControl>> gThreads;
-std::deque<DeadThread> gDeadThreads;
+// The tables are never destroyed: detached threads may still be ending
+// while the process runs its exit-time destructors.
+std::unordered_map<thread_id, std::shared_ptr<ThreadControl>>& gThreads =
+    *new std::unordered_map<thread_id, std::shared_ptr<ThreadControl>>();
+std::deque<DeadThread>& gDeadThreads = *new std::deque<DeadThread>();
 std::atomic<team_id> gTeam{0};
 int gSuspendSignal = 0;
 
@@ -180,18 +187,6 @@ bool ReadSmallFile(const std::string& path, char* buffer, size_t size)
 	fclose(file);
 	buffer[got] = '\0';
 	return true;
-}
-
-// The team (process) of any thread of the host, or -1 when there is none.
-team_id TeamOfThread(thread_id thread)
-{
-	char buffer[2048];
-	if (!ReadSmallFile("/proc/" + std::to_string(thread) + "/status", buffer, sizeof(buffer)))
-		return -1;
-	const char* tgid = strstr(buffer, "\nTgid:");
-	if (tgid == nullptr)
-		return -1;
-	return static_cast<team_id>(strtol(tgid + 6, nullptr, 10));
 }
 
 // name has room for B_OS_NAME_LENGTH characters.
@@ -271,7 +266,7 @@ std::shared_ptr<ThreadControl> FindLocked(thread_id id)
 
 std::shared_ptr<ThreadControl> Find(thread_id id)
 {
-	std::lock_guard<std::mutex> lock(gThreadLock);
+	KitLock lock(gThreadLock);
 	return FindLocked(id);
 }
 
@@ -286,7 +281,7 @@ DeadThread* FindDeadLocked(thread_id id)
 
 bool HasEnded(thread_id id)
 {
-	std::lock_guard<std::mutex> lock(gThreadLock);
+	KitLock lock(gThreadLock);
 	return FindDeadLocked(id) != nullptr;
 }
 
@@ -313,8 +308,12 @@ void SuspendHandler(int)
 {
 	const int savedErrno = errno;
 	ThreadControl* self = tSelf;
-	if (self != nullptr)
-		PauseSelf(self);
+	if (self != nullptr) {
+		if (self->sections.load(std::memory_order_relaxed) > 0)
+			self->suspendPending.store(true, std::memory_order_relaxed);
+		else
+			PauseSelf(self);
+	}
 	errno = savedErrno;
 }
 
@@ -367,8 +366,12 @@ public:
 	{
 		ThreadControl* self = fControl.get();
 		const thread_id id = self->id.load(std::memory_order_relaxed);
+		// From here on suspend_thread and resume_thread see an ended thread;
+		// a suspension already signalled finds the state changed and does
+		// not park the thread.
+		self->state.store(kStateDone, std::memory_order_seq_cst);
 		{
-			std::lock_guard<std::mutex> lock(gThreadLock);
+			KitLock lock(gThreadLock);
 			auto found = gThreads.find(id);
 			if (found != gThreads.end() && found->second == fControl)
 				gThreads.erase(found);
@@ -377,7 +380,6 @@ public:
 			if (gDeadThreads.size() > kMaxDeadThreads)
 				gDeadThreads.pop_front();
 		}
-		self->state.store(kStateDone, std::memory_order_release);
 		self->done.store(true, std::memory_order_release);
 		self->doneSeq.fetch_add(1, std::memory_order_seq_cst);
 		FutexWake(&self->doneSeq, INT_MAX);
@@ -432,6 +434,46 @@ team_id CurrentTeam()
 	return team;
 }
 
+team_id TeamOfThread(thread_id thread)
+{
+	if (thread <= 0)
+		return -1;
+	char buffer[2048];
+	if (!ReadSmallFile("/proc/" + std::to_string(thread) + "/status", buffer, sizeof(buffer)))
+		return -1;
+	// A zombie (ended, not yet reaped) is no live thread or team.
+	const char* state = strstr(buffer, "\nState:");
+	if (state != nullptr) {
+		state += 7;
+		while (*state == ' ' || *state == '\t')
+			state++;
+		if (*state == 'Z' || *state == 'X')
+			return -1;
+	}
+	const char* tgid = strstr(buffer, "\nTgid:");
+	if (tgid == nullptr)
+		return -1;
+	return static_cast<team_id>(strtol(tgid + 6, nullptr, 10));
+}
+
+void EnterKitSection()
+{
+	ThreadControl* self = tSelf;
+	if (self != nullptr)
+		self->sections.fetch_add(1, std::memory_order_relaxed);
+	std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+void LeaveKitSection()
+{
+	std::atomic_signal_fence(std::memory_order_seq_cst);
+	ThreadControl* self = tSelf;
+	if (self != nullptr && self->sections.fetch_sub(1, std::memory_order_relaxed) == 1 &&
+	    self->suspendPending.exchange(false, std::memory_order_relaxed)) {
+		PauseSelf(self);
+	}
+}
+
 bool CurrentThreadKilled()
 {
 	ThreadControl* self = tSelf;
@@ -458,14 +500,14 @@ block_outcome BlockOn(std::atomic<uint32>* word, uint32 expected, bigtime_t dead
 	ThreadControl* self = tSelf;
 	if (self != nullptr) {
 		{
-			std::lock_guard<std::mutex> lock(self->waitLock);
+			KitLock lock(self->waitLock);
 			self->waitingOn = word;
 		}
 		// kill_thread sets killed before it looks at waitingOn: either it
 		// sees the word above and bumps it (the wait below returns), or this
 		// load sees the mark.
 		if (self->killed.load(std::memory_order_seq_cst) != 0) {
-			std::lock_guard<std::mutex> lock(self->waitLock);
+			KitLock lock(self->waitLock);
 			self->waitingOn = nullptr;
 			return BLOCK_KILLED;
 		}
@@ -475,7 +517,7 @@ block_outcome BlockOn(std::atomic<uint32>* word, uint32 expected, bigtime_t dead
 	if (self != nullptr) {
 		self->blocked.store(false, std::memory_order_release);
 		{
-			std::lock_guard<std::mutex> lock(self->waitLock);
+			KitLock lock(self->waitLock);
 			self->waitingOn = nullptr;
 		}
 		if (self->killed.load(std::memory_order_seq_cst) != 0)
@@ -524,7 +566,7 @@ thread_id spawn_thread(thread_func function, const char* name, int32 priority, v
 		FutexWait(&control->idReady, 0, kNoDeadline);
 	const thread_id id = control->id.load(std::memory_order_relaxed);
 
-	std::lock_guard<std::mutex> lock(gThreadLock);
+	KitLock lock(gThreadLock);
 	gThreads[id] = control;
 	// A record of an earlier thread with the same (reused) host id is stale.
 	gDeadThreads.erase(std::remove_if(gDeadThreads.begin(), gDeadThreads.end(),
@@ -590,7 +632,7 @@ status_t wait_for_thread(thread_id id, status_t* returnValue)
 {
 	std::shared_ptr<ThreadControl> control;
 	{
-		std::lock_guard<std::mutex> lock(gThreadLock);
+		KitLock lock(gThreadLock);
 		control = FindLocked(id);
 		if (control == nullptr) {
 			DeadThread* dead = FindDeadLocked(id);
@@ -631,7 +673,7 @@ status_t wait_for_thread(thread_id id, status_t* returnValue)
 		}
 	}
 	{
-		std::lock_guard<std::mutex> lock(gThreadLock);
+		KitLock lock(gThreadLock);
 		control->joiners--;
 	}
 	if (killed)
@@ -661,7 +703,7 @@ status_t kill_thread(thread_id id)
 	}
 	FutexWake(&control->state, INT_MAX);
 	// A thread blocked in the kit wakes up, sees the mark and unwinds.
-	std::lock_guard<std::mutex> lock(control->waitLock);
+	KitLock lock(control->waitLock);
 	if (control->waitingOn != nullptr) {
 		control->waitingOn->fetch_add(1, std::memory_order_seq_cst);
 		FutexWake(control->waitingOn, INT_MAX);
@@ -687,7 +729,7 @@ __attribute__((noinline)) thread_id FindThreadByName(const char* name)
 	char wanted[B_OS_NAME_LENGTH];
 	CopyName(wanted, sizeof(wanted), name);
 	{
-		std::lock_guard<std::mutex> lock(gThreadLock);
+		KitLock lock(gThreadLock);
 		for (const auto& entry : gThreads) {
 			if (entry.second->team == CurrentTeam() && strcmp(entry.second->name, wanted) == 0)
 				return entry.first;
@@ -737,7 +779,7 @@ status_t get_thread_info(thread_id id, thread_info* info)
 
 	std::shared_ptr<ThreadControl> control;
 	{
-		std::lock_guard<std::mutex> lock(gThreadLock);
+		KitLock lock(gThreadLock);
 		control = FindLocked(id);
 		if (control != nullptr)
 			memcpy(info->name, control->name, sizeof(info->name));
@@ -797,7 +839,7 @@ status_t rename_thread(thread_id id, const char* newName)
 		return B_BAD_VALUE;
 	const std::shared_ptr<ThreadControl> control = Find(id);
 	if (control != nullptr) {
-		std::lock_guard<std::mutex> lock(gThreadLock);
+		KitLock lock(gThreadLock);
 		CopyName(control->name, sizeof(control->name), newName);
 	} else if (id <= 0 || HasEnded(id) || TeamOfThread(id) != CurrentTeam()) {
 		return NotOurs(id);

@@ -10,7 +10,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
+#include "NoSystemCalls.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -198,4 +200,23 @@ TEST(Benaphore, MutualExclusionUnderContention)
 		thread.join();
 	EXPECT_EQ(shared, 80000);
 	EXPECT_EQ(CountOf(benaphore), 1);
+}
+
+TEST(Benaphore, UncontendedAcquireAndReleaseMakeNoSystemCall)
+{
+	static Benaphore* benaphore;
+	EXPECT_TRUE(zvtest::RunsWithoutSystemCalls(
+	    [] {
+		    static Benaphore instance;
+		    instance.Reset(3, "quiet");
+		    benaphore = &instance;
+	    },
+	    [] {
+		    for (int i = 0; i < 1000; i++) {
+			    if (benaphore->Acquire() != B_OK || benaphore->Acquire(2) != B_OK ||
+			        benaphore->Release(2) != B_OK || benaphore->Release() != B_OK) {
+				    syscall(SYS_exit_group, 3);
+			    }
+		    }
+	    }));
 }

@@ -63,7 +63,7 @@ TEST(ZvSemaphore, AcquireWithZeroTimeoutOnEmptySemaphoreReturnsTwoAtOnce)
 	const uint32 sem = ZvSemaphore::Create(0, nullptr);
 	const bigtime_t start = system_time();
 	EXPECT_EQ(ZvSemaphore::Acquire(sem, 0), 2);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 	ASSERT_TRUE(ZvSemaphore::Release(sem));
 	EXPECT_EQ(ZvSemaphore::Acquire(sem, 0), 1);
 	EXPECT_EQ(ZvSemaphore::Acquire(sem, 0), 2);

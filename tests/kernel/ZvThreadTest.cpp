@@ -9,6 +9,8 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
@@ -245,4 +247,23 @@ TEST(ZvThread, CurrentIDIsTheKernelThreadId)
 	std::thread([&] { other = ZvThread::CurrentID(); }).join();
 	EXPECT_NE(other, ZvThread::CurrentID());
 	EXPECT_NE(other, 0u);
+}
+
+TEST(ZvThread, CurrentIDInAForkedChildIsTheChildsThread)
+{
+	const uint32 parent = ZvThread::CurrentID();
+	fflush(stdout);
+	const pid_t child = fork();
+	if (child == 0) {
+		const uint32 mine = ZvThread::CurrentID();
+		const bool good = mine == static_cast<uint32>(syscall(SYS_gettid)) && mine != parent &&
+		                  mine == static_cast<uint32>(find_thread(nullptr));
+		_exit(good ? 0 : 1);
+	}
+	ASSERT_GT(child, 0);
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	ASSERT_TRUE(WIFEXITED(status));
+	EXPECT_EQ(WEXITSTATUS(status), 0);
+	EXPECT_EQ(ZvThread::CurrentID(), parent);
 }

@@ -273,23 +273,55 @@ TEST(ZvMessageBoundedUnflattenTest, AcceptsEveryWellFormedBlockAndIgnoresTrailin
 	EXPECT_EQ(flat, FlatBytes(restored));
 }
 
-TEST(ZvMessageBoundedUnflattenTest, RefusesShortHeaderNegativeCountAndImpossibleCount)
+TEST(ZvMessageBoundedUnflattenTest, RefusesAShortHeaderAndACountThatCannotFit)
 {
 	ZvMessage message(3);
 	message.SetFlags(4);
 	message.AddInt32("stale", 1);
-	const std::vector<uint8> header = Bytes({9, 0, 0, 0, 8, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF});
+	const std::vector<uint8> header = Bytes({9, 0, 0, 0, 8, 0, 0, 0, 1, 0, 0, 0});
 	EXPECT_FALSE(message.Unflatten(header.data(), 11));
 	EXPECT_TRUE(message.IsEmpty());
 	EXPECT_EQ(3u, message.what);
 	EXPECT_EQ(4u, FlagsOf(message));
+	// One record announced, none there.
+	message.AddInt32("stale", 1);
 	EXPECT_FALSE(message.Unflatten(header.data(), header.size()));
+	EXPECT_TRUE(message.IsEmpty());
 
 	// A count of 2^31 - 1 cannot fit in a small block; it is refused before
 	// any record is read.
 	const std::vector<uint8> huge = Bytes({9, 0, 0, 0, 8, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F});
 	EXPECT_FALSE(message.Unflatten(huge.data(), huge.size()));
 	EXPECT_TRUE(message.IsEmpty());
+	EXPECT_EQ(3u, message.what);
+}
+
+TEST(ZvMessageBoundedUnflattenTest, CountZeroOrNegativeGivesAnEmptyMessageAsInTheTrustingForm)
+{
+	for (int32 count : {0, -1, static_cast<int32>(0x80000000)}) {
+		std::vector<uint8> block = Bytes({9, 0, 0, 0, 8, 0, 0, 0});
+		block.resize(12);
+		memcpy(&block[8], &count, 4);
+		ZvMessage message(3);
+		message.AddInt32("stale", 1);
+		ASSERT_TRUE(message.Unflatten(block.data(), block.size())) << count;
+		EXPECT_TRUE(message.IsEmpty());
+		EXPECT_EQ(9u, message.what);
+		EXPECT_EQ(8u, FlagsOf(message));
+	}
+}
+
+TEST(ZvMessageBoundedUnflattenTest, FindMessageOfANegativeCountBlockIsAnEmptyMessage)
+{
+	const std::vector<uint8> block = Bytes({7, 0, 0, 0, 6, 0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF});
+	ZvMessage outer(0);
+	outer.AddData("m", ZV_MESSAGE_TYPE, block.data(), static_cast<int32>(block.size()));
+	ZvMessage found(1);
+	found.AddBool("old", true);
+	ASSERT_TRUE(outer.FindMessage("m", &found));
+	EXPECT_TRUE(found.IsEmpty());
+	EXPECT_EQ(7u, found.what);
+	EXPECT_EQ(6u, FlagsOf(found));
 }
 
 TEST(ZvMessageBoundedUnflattenTest, RefusesANameWithoutTerminatorWithinSixtyFourBytes)
@@ -387,8 +419,15 @@ void ExpectAcceptedOrRefused(const std::vector<uint8>& block)
 	ZvMessage message(0);
 	message.AddInt32("before", 1);
 	if (message.Unflatten(exact, block.size())) {
-		const std::vector<uint8> again = FlatBytes(message);
+		std::vector<uint8> again = FlatBytes(message);
 		ASSERT_LE(again.size(), block.size());
+		// A negative count was read as none: compare with the count it had.
+		int32 count;
+		memcpy(&count, block.data() + 8, 4);
+		if (count < 0) {
+			EXPECT_EQ(12u, again.size());
+			memcpy(again.data() + 8, &count, 4);
+		}
 		EXPECT_TRUE(std::equal(again.begin(), again.end(), block.begin()));
 	} else {
 		EXPECT_TRUE(message.IsEmpty());

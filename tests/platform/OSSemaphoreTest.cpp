@@ -11,9 +11,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
+#include "NoSystemCalls.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -170,7 +173,7 @@ TEST(OSSemaphore, RelativeTimeoutZeroOnUnavailableSemaphoreTimesOutAtOnce)
 	const sem_id sem = create_sem(0, "poll");
 	const bigtime_t start = system_time();
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0), B_TIMED_OUT);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 	EXPECT_EQ(CountOf(sem), 0);
 	ASSERT_EQ(release_sem(sem), B_OK);
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0), B_OK);
@@ -198,7 +201,7 @@ TEST(OSSemaphore, AbsoluteTimeoutIsOnTheSystemTimeClock)
 	// A deadline in the past does not wait.
 	const bigtime_t start = system_time();
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_ABSOLUTE_TIMEOUT, start - 1000000), B_TIMED_OUT);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 	// And an available semaphore is taken whatever the deadline.
 	release_sem(sem);
 	EXPECT_EQ(acquire_sem_etc(sem, 1, B_ABSOLUTE_TIMEOUT, 0), B_OK);
@@ -581,4 +584,84 @@ TEST(OSSemaphore, TableRunsOutWithNoMoreSemsAndRecovers)
 	ASSERT_GT(sem, 0);
 	EXPECT_EQ(acquire_sem(sem), B_OK);
 	delete_sem(sem);
+}
+
+TEST(OSSemaphore, SetSemOwnerRefusesAnEndedButUnreapedProcess)
+{
+	const sem_id sem = create_sem(1, "kept");
+	fflush(stdout);
+	const pid_t child = fork();
+	if (child == 0)
+		_exit(0);
+	ASSERT_GT(child, 0);
+	// Wait until the child has ended, leaving it a zombie (not reaped).
+	siginfo_t info;
+	ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+	EXPECT_EQ(set_sem_owner(sem, child), B_BAD_TEAM_ID);
+	int status;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(set_sem_owner(sem, child), B_BAD_TEAM_ID);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, WaitersKilledDuringReleasesLeaveNoUnitUnclaimed)
+{
+	zvtest::Watchdog watchdog(120s);
+	// Each release wakes one sleeper. A sleeper that is killed as it wakes
+	// must pass the wake-up on: otherwise a live waiter would sleep on
+	// beside a free unit, and its wait below would never end.
+	for (int round = 0; round < 30; round++) {
+		const sem_id sem = create_sem(0, "contested");
+		std::vector<thread_id> waiters;
+		for (int i = 0; i < 8; i++) {
+			waiters.push_back(spawn_thread(
+			    [](void* data) -> int32 {
+				    return acquire_sem(static_cast<sem_id>(reinterpret_cast<intptr_t>(data)));
+			    },
+			    "contender", B_NORMAL_PRIORITY, reinterpret_cast<void*>(intptr_t{sem})));
+			ASSERT_EQ(resume_thread(waiters.back()), B_OK);
+		}
+		ASSERT_TRUE(CountBecomes(sem, -8));
+		std::thread releaser([sem] {
+			for (int i = 0; i < 8; i++)
+				release_sem(sem);
+		});
+		for (int i = 0; i < 8; i += 2)
+			kill_thread(waiters[i]);
+		releaser.join();
+		int acquired = 0;
+		for (thread_id waiter : waiters) {
+			status_t value = -1;
+			ASSERT_EQ(wait_for_thread(waiter, &value), B_OK);
+			ASSERT_TRUE(value == B_OK || value == B_INTERRUPTED) << value;
+			if (value == B_OK)
+				acquired++;
+		}
+		EXPECT_GE(acquired, 4);
+		EXPECT_EQ(CountOf(sem), 8 - acquired);
+		delete_sem(sem);
+	}
+}
+
+TEST(OSSemaphore, UncontendedAcquireAndReleaseMakeNoSystemCall)
+{
+	static sem_id sem;
+	static thread_id first;
+	const bool clean = zvtest::RunsWithoutSystemCalls(
+	    [] {
+		    sem = create_sem(2, "quiet");
+		    first = find_thread(nullptr);
+	    },
+	    [] {
+		    for (int i = 0; i < 1000; i++) {
+			    if (acquire_sem(sem) != B_OK ||
+			        acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0) != B_OK ||
+			        release_sem_etc(sem, 2, 0) != B_OK || find_thread(nullptr) != first) {
+				    syscall(SYS_exit_group, 3);
+			    }
+		    }
+	    });
+	EXPECT_TRUE(clean);
+	// The check itself works: a call that does enter the kernel is caught.
+	EXPECT_FALSE(zvtest::RunsWithoutSystemCalls([] {}, [] { syscall(SYS_getppid); }));
 }

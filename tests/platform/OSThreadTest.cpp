@@ -586,17 +586,21 @@ TEST(OSThread, GetThreadInfoRefusesBadArguments)
 TEST(OSThread, PrioritiesAreReportedAsGivenAndMappedToNiceValues)
 {
 	zvtest::Watchdog watchdog(20s);
+	// A new thread starts with its creator's nice value; lowering it needs
+	// privileges, without which the thread keeps the creator's value.
+	errno = 0;
+	const int base = getpriority(PRIO_PROCESS, 0);
+	ASSERT_EQ(errno, 0);
 	struct Case
 	{
 		int32 priority;
-		int nice; // what the thread sees; -1 when it depends on privileges
+		int nice;
 	};
-	for (const Case& c :
-	     {Case{B_LOW_PRIORITY, 10}, Case{B_NORMAL_PRIORITY, 0}, Case{B_REAL_TIME_PRIORITY, -1}}) {
+	for (const Case& c : {Case{B_LOW_PRIORITY, 10}, Case{B_NORMAL_PRIORITY, 0},
+	                      Case{B_REAL_TIME_PRIORITY, -10}, Case{1, 18}, Case{15, -1}}) {
 		std::atomic<int> nice{1000};
 		const thread_id thread = spawn_thread(
 		    [](void* data) -> int32 {
-			    errno = 0;
 			    static_cast<std::atomic<int>*>(data)->store(getpriority(PRIO_PROCESS, 0));
 			    return 0;
 		    },
@@ -605,10 +609,8 @@ TEST(OSThread, PrioritiesAreReportedAsGivenAndMappedToNiceValues)
 		ASSERT_EQ(get_thread_info(thread, &info), B_OK);
 		EXPECT_EQ(info.priority, c.priority);
 		ASSERT_EQ(wait_for_thread(thread, nullptr), B_OK);
-		if (c.nice >= 0)
-			EXPECT_EQ(nice.load(), c.nice) << c.priority;
-		else
-			EXPECT_LE(nice.load(), 0) << c.priority; // -10 when allowed, else unchanged
+		EXPECT_TRUE(nice.load() == c.nice || (c.nice < base && nice.load() == base))
+		    << "priority " << c.priority << " ran at nice " << nice.load();
 	}
 }
 
@@ -625,16 +627,18 @@ TEST(OSThread, SetThreadPriorityReturnsTheOldPriority)
 
 TEST(OSTime, SystemTimeIsMonotonicMicroseconds)
 {
+	const auto steadyBefore = std::chrono::steady_clock::now();
 	const bigtime_t first = system_time();
-	const auto steady = std::chrono::steady_clock::now();
 	snooze(20000);
 	const bigtime_t second = system_time();
-	const auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(
-	    std::chrono::steady_clock::now() - steady);
-	EXPECT_GE(second - first, 20000);
-	// The same clock as steady_clock, to within a millisecond or two.
-	EXPECT_LT(second - first, elapsed.count() + 2000);
+	const auto steadyAfter = std::chrono::steady_clock::now();
+	const auto outer =
+	    std::chrono::duration_cast<std::chrono::microseconds>(steadyAfter - steadyBefore);
 	EXPECT_GE(first, 0);
+	EXPECT_GE(second - first, 20000);
+	// The same clock as steady_clock: the interval lies within the outer one
+	// (one microsecond of rounding on each side).
+	EXPECT_LE(second - first, outer.count() + 2);
 }
 
 TEST(OSTime, SnoozeOfZeroOrLessReturnsAtOnce)
@@ -642,7 +646,7 @@ TEST(OSTime, SnoozeOfZeroOrLessReturnsAtOnce)
 	const bigtime_t start = system_time();
 	EXPECT_EQ(snooze(0), B_OK);
 	EXPECT_EQ(snooze(-100), B_OK);
-	EXPECT_LT(system_time() - start, 20000);
+	EXPECT_LT(system_time() - start, 200000);
 }
 
 TEST(OSTime, SnoozeUntilAnAbsoluteTime)
@@ -674,4 +678,42 @@ TEST(OSThread, ForkedChildIsANewTeamWithItsOwnThreadId)
 	ASSERT_TRUE(WIFEXITED(status));
 	EXPECT_EQ(WEXITSTATUS(status), 0);
 	EXPECT_EQ(find_thread(nullptr), parentThread);
+}
+
+TEST(OSThread, SuspendingAThreadBusyInTheKitNeverDeadlocksTheKit)
+{
+	zvtest::Watchdog watchdog(60s);
+	// The target keeps taking the kit's internal locks; suspending it at any
+	// point must leave every other kit call (resume_thread first) working.
+	Spinner spinner;
+	const thread_id thread = spawn_thread(
+	    [](void* data) -> int32 {
+		    auto* spinner = static_cast<Spinner*>(data);
+		    while (!spinner->stop.load()) {
+			    const sem_id sem = create_sem(0, "churn");
+			    thread_info info;
+			    get_thread_info(find_thread(nullptr), &info);
+			    sem_info semInfo;
+			    get_sem_info(sem, &semInfo);
+			    delete_sem(sem);
+			    spinner->counter++;
+		    }
+		    return 0;
+	    },
+	    "kit user", B_NORMAL_PRIORITY, &spinner);
+	ASSERT_EQ(resume_thread(thread), B_OK);
+	for (int round = 0; round < 200; round++) {
+		const int64 before = spinner.counter.load();
+		ASSERT_TRUE(zvtest::WaitUntil([&] { return spinner.counter.load() > before; }));
+		ASSERT_EQ(suspend_thread(thread), B_OK);
+		// Other kit calls go on while it is paused.
+		const sem_id sem = create_sem(1, "meanwhile");
+		thread_info info;
+		EXPECT_EQ(get_thread_info(thread, &info), B_OK);
+		EXPECT_EQ(info.state, B_THREAD_SUSPENDED);
+		EXPECT_EQ(delete_sem(sem), B_OK);
+		ASSERT_EQ(resume_thread(thread), B_OK);
+	}
+	spinner.stop = true;
+	EXPECT_EQ(wait_for_thread(thread, nullptr), B_OK);
 }

@@ -9,6 +9,7 @@
 #include <UTFString.h>
 
 #include <ctype.h>
+#include <stdint.h>
 
 #include <algorithm>
 #include <string>
@@ -20,6 +21,7 @@ namespace textmodel {
 inline std::vector<size_t> Starts(const std::string& text)
 {
 	std::vector<size_t> starts;
+	starts.reserve(text.size());
 	for (size_t i = 0; i < text.size();) {
 		starts.push_back(i);
 		i += kx_utf8_size(text.c_str() + i);
@@ -65,19 +67,30 @@ inline std::string Text(const UTFString& s)
 }
 
 // The replacement loop as the string operations define it, bounded by
-// maxPasses; *ended tells whether it finished within them.
+// maxPasses; *ended tells whether it finished within them. When the string
+// grows beyond maxBytes the loop gives up (*gaveUp set, *ended false): the
+// outcome is then unknown.
 inline UTFString ReferenceReplace(UTFString s, const UTFString& old, const UTFString& with,
-                                  size_t maxPasses, bool* ended)
+                                  size_t maxPasses, bool* ended, size_t maxBytes = SIZE_MAX,
+                                  bool* gaveUp = nullptr)
 {
 	int32 p = s.InStr(old);
 	size_t passes = 0;
 	*ended = true;
+	if (gaveUp != nullptr)
+		*gaveUp = false;
 	while (p != -1) {
 		if (++passes > maxPasses) {
 			*ended = false;
 			return s;
 		}
 		s = s.Left(p) + with + s.Right(s.Length() - (old.Length() + p));
+		if (s.ByteLength() > maxBytes) {
+			*ended = false;
+			if (gaveUp != nullptr)
+				*gaveUp = true;
+			return s;
+		}
 		p = s.InStr(p + static_cast<int32>(old.Length()), old);
 	}
 	return s;

@@ -3,6 +3,7 @@
 // reading.
 #include <UTFString.h>
 
+#include "FailingAllocator.h"
 #include "TestSupport.h"
 #include "TextModel.h"
 
@@ -10,6 +11,8 @@
 
 #include <string.h>
 
+#include <functional>
+#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -50,6 +53,16 @@ const std::vector<std::string>& MalformedTexts()
 	    "\xED\xA0\x80\xED\xBF\xBF",
 	};
 	return texts;
+}
+
+// Replace on text, checked against the expected text and its length.
+void ExpectReplaced(const char* text, const char* old, const char* with, const char* expected)
+{
+	UTFString s(text);
+	s.Replace(UTFString(old), UTFString(with));
+	EXPECT_EQ(std::string(expected), Text(s))
+	    << "'" << text << "': '" << old << "' -> '" << with << "'";
+	EXPECT_EQ(Starts(expected).size(), s.Length());
 }
 
 } // namespace
@@ -611,48 +624,31 @@ TEST(UTFString, SetCharReplacesOrAppends)
 
 TEST(UTFString, ReplaceAllOccurrences)
 {
-	UTFString s("abcab");
-	s.Replace(UTFString("ab"), UTFString("x"));
-	EXPECT_EQ(UTFString("xcx"), s);
-	EXPECT_EQ(3u, s.Length());
-	UTFString t("aa");
-	t.Replace(UTFString("a"), UTFString("bb"));
-	EXPECT_EQ(UTFString("bbbb"), t);
-	EXPECT_EQ(4u, t.Length());
+	ExpectReplaced("abcab", "ab", "x", "xcx");
+	ExpectReplaced("aa", "a", "bb", "bbbb");
 }
 
 TEST(UTFString, ReplaceResumesAfterTheOldLength)
 {
 	// After "abab" -> "xab" the search resumes at index 2 ("b"), so the
 	// second "ab" stays: the resume index adds the old length.
-	UTFString s("abab");
-	s.Replace(UTFString("ab"), UTFString("x"));
-	EXPECT_EQ(UTFString("xab"), s);
+	ExpectReplaced("abab", "ab", "x", "xab");
 	// A longer new text is searched from inside itself.
-	UTFString t("aXa");
-	t.Replace(UTFString("a"), UTFString("ab"));
-	EXPECT_EQ(UTFString("abXab"), t);
-	// A match that starts in the new text and runs into the old text.
-	UTFString u("abc");
-	u.Replace(UTFString("ab"), UTFString("xya"));
+	ExpectReplaced("aXa", "a", "ab", "abXab");
 	// "xya" + "c": resume at 2 ("ac"), no "ab".
-	EXPECT_EQ(UTFString("xyac"), u);
-	UTFString v("abb");
-	v.Replace(UTFString("ab"), UTFString("xya"));
-	// "xyab": resume at 2, "ab" found at 2 -> "xy" + "xya" = "xyxya".
-	EXPECT_EQ(UTFString("xyxya"), v);
+	ExpectReplaced("abc", "ab", "xya", "xyac");
+	// A match that starts in the new text and runs into the old text:
+	// "xyab", resume at 2, "ab" found at 2 -> "xy" + "xya" = "xyxya".
+	ExpectReplaced("abb", "ab", "xya", "xyxya");
 }
 
 TEST(UTFString, ReplaceMultiByteText)
 {
-	UTFString s("\xE6\x97\xA5\xE6\x9C\xAC\xE6\x97\xA5");
-	s.Replace(UTFString("\xE6\x97\xA5"), UTFString("\xC3\xA9"));
-	EXPECT_EQ(UTFString("\xC3\xA9\xE6\x9C\xAC\xC3\xA9"), s);
-	EXPECT_EQ(3u, s.Length());
-	UTFString t("a\xC3\xA9"
-	            "b\xC3\xA9");
-	t.Replace(UTFString("\xC3\xA9"), UTFString(""));
-	EXPECT_EQ(UTFString("ab"), t);
+	ExpectReplaced("\xE6\x97\xA5\xE6\x9C\xAC\xE6\x97\xA5", "\xE6\x97\xA5", "\xC3\xA9",
+	               "\xC3\xA9\xE6\x9C\xAC\xC3\xA9");
+	ExpectReplaced("a\xC3\xA9"
+	               "b\xC3\xA9",
+	               "\xC3\xA9", "", "ab");
 }
 
 TEST(UTFString, ReplaceWithoutMatchChangesNothing)
@@ -677,27 +673,45 @@ TEST(UTFString, ReplaceByNullTextRemoves)
 
 TEST(UTFString, ReplaceOfEmptyPatternByEmptyTextEmptiesTheString)
 {
-	UTFString s("a\xC3\xA9z");
-	s.Replace(UTFString(""), UTFString(""));
-	EXPECT_EQ(UTFString(""), s);
-	EXPECT_EQ(0u, s.Length());
+	ExpectReplaced("a\xC3\xA9z", "", "", "");
+	ExpectReplaced("", "", "", "");
 }
 
 TEST(UTFString, ReplaceThatWouldNeverEndLeavesTheString)
 {
-	UTFString s("abc");
-	s.Replace(UTFString(""), UTFString("x"));
-	EXPECT_EQ(UTFString("abc"), s);
-	UTFString t("xay");
-	t.Replace(UTFString("a"), UTFString("aa"));
-	EXPECT_EQ(UTFString("xay"), t);
-	UTFString u("\xE6\x97\xA5");
-	u.Replace(UTFString("\xE6\x97\xA5"), UTFString("-\xE6\x97\xA5"));
-	EXPECT_EQ(UTFString("\xE6\x97\xA5"), u);
+	ExpectReplaced("abc", "", "x", "abc");
+	ExpectReplaced("xay", "a", "aa", "xay");
+	ExpectReplaced("\xE6\x97\xA5", "\xE6\x97\xA5", "-\xE6\x97\xA5", "\xE6\x97\xA5");
 	// Without a match there is no loop at all.
-	UTFString v("xyz");
-	v.Replace(UTFString("a"), UTFString("aa"));
-	EXPECT_EQ(UTFString("xyz"), v);
+	ExpectReplaced("xyz", "a", "aa", "xyz");
+}
+
+TEST(UTFString, ReplaceOfMatchInsideACharacterReplacesTheNextCharacter)
+{
+	// The Latin-1 byte E9 reads as a three-byte lead that takes " a" with
+	// it. The first space is found inside that character, at index 4, so the
+	// character at index 4 ("u") is the one replaced; the search then goes on
+	// from index 5.
+	ExpectReplaced("caf\xE9 au lait", " ", "_", "caf\xE9 a__lait");
+}
+
+TEST(UTFString, ReplaceOnLargeMalformedTextIsLinear)
+{
+	zvtest::Watchdog watchdog(std::chrono::seconds(60), "replace on Latin-1 text");
+	std::string text;
+	while (text.size() < 400000)
+		text += "caf\xE9 au lait, cr\xE8me br\xFBl\xE9"
+		        "e; ";
+	std::string expected = text;
+	for (char& c : expected) {
+		if (c == ',')
+			c = '|';
+	}
+	UTFString s(text.c_str());
+	const uint32 length = s.Length();
+	s.Replace(UTFString(","), UTFString("|"));
+	EXPECT_EQ(expected, Text(s));
+	EXPECT_EQ(length, s.Length());
 }
 
 TEST(UTFString, ReplaceWithItselfAsArgument)
@@ -829,6 +843,57 @@ TEST(UTFString, LongMixedTextCountsAndIndexesExactly)
 	}
 }
 
+TEST(UTFString, LongTextWithRareMalformedBytesCountsExactly)
+{
+	// Long well-formed runs (counted in blocks) broken by single malformed
+	// bytes at every offset of a block, and truncated sequences at the end.
+	const std::vector<std::string> good = {"ab", "\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80",
+	                                       "x"};
+	const std::vector<std::string> bad = {"\x80", "\xE3", "\xC3", "\xF8", "\xBF\xBF", "\xF0\x9F"};
+	std::mt19937 random(99);
+	for (int round = 0; round < 120; round++) {
+		std::string text;
+		const size_t size = 64 + random() % 400;
+		while (text.size() < size) {
+			if (random() % 97 == 0)
+				text += bad[random() % bad.size()];
+			else
+				text += good[random() % good.size()];
+		}
+		if (round % 5 == 0)
+			text += bad[random() % bad.size()];
+		const std::vector<size_t> starts = Starts(text);
+		UTFString s(text.c_str());
+		ASSERT_EQ(starts.size(), s.Length()) << round;
+		for (size_t i = 0; i <= starts.size(); i += 1 + random() % 9) {
+			const size_t at = i < starts.size() ? starts[i] : text.size();
+			ASSERT_EQ(text.substr(0, at), Text(s.Left(static_cast<uint32>(i))))
+			    << round << " " << i;
+			if (i < starts.size()) {
+				ASSERT_EQ(
+				    text.substr(at, (i + 1 < starts.size() ? starts[i + 1] : text.size()) - at),
+				    s.GetChar(static_cast<uint32>(i)).Buffer());
+			}
+		}
+		// Replace over the same text, well-formed or not, against the loop.
+		const std::string& old = good[random() % good.size()];
+		const std::string& with = good[random() % good.size()];
+		// (Malformed text can make the loop copy ever more of itself; the
+		// written-out loop gives up on that, the comparison is skipped.)
+		bool ended;
+		bool gaveUp;
+		const UTFString expected =
+		    ReferenceReplace(s, UTFString(old.c_str()), UTFString(with.c_str()), text.size() + 1,
+		                     &ended, 8 * text.size(), &gaveUp);
+		UTFString replaced(s);
+		replaced.Replace(UTFString(old.c_str()), UTFString(with.c_str()));
+		if (!gaveUp) {
+			ASSERT_EQ(ended ? Text(expected) : text, Text(replaced)) << round;
+		}
+		ASSERT_EQ(Starts(Text(replaced)).size(), replaced.Length());
+	}
+}
+
 // #pragma mark - malformed text through every operation
 
 TEST(UTFString, MalformedTextThroughEveryOperation)
@@ -842,6 +907,15 @@ TEST(UTFString, MalformedTextThroughEveryOperation)
 		EXPECT_EQ(text.size(), s.ByteLength());
 		UTFString copy(s);
 		EXPECT_TRUE(copy == s);
+		copy.CalcLength();
+		EXPECT_EQ(length, copy.Length());
+		UTFString copied;
+		copied.CopyString(text.c_str());
+		EXPECT_EQ(length, copied.Length());
+		UTFString doubled(s);
+		doubled.StrCat(text.c_str());
+		doubled.CalcLength();
+		EXPECT_EQ(Starts(text + text).size(), doubled.Length());
 
 		for (uint32 i = 0; i <= length + 2; i++) {
 			const size_t at = i < length ? starts[i] : text.size();
@@ -930,6 +1004,72 @@ TEST(UTFString, LeadSwallowsTheBytesThatFollowIt)
 	             s.GetChar(0).Buffer());
 	EXPECT_EQ(1, s.InStr(UTFString("b")));
 	EXPECT_EQ(2, s.InStr(UTFString("d")));
+}
+
+// #pragma mark - allocation failures
+
+TEST(UTFString, FailedAllocationPropagatesAndLeavesAValidString)
+{
+	// Each operation is run with its first, second, ... allocation failing:
+	// the exception reaches the caller, every temporary is released (the
+	// leak checker of the sanitizer builds watches), and the string is
+	// still a valid string, its old text or its new one.
+	const std::vector<std::pair<const char*, std::function<void(UTFString&)>>> operations = {
+	    {"assign", [](UTFString& s) { s = "\xE6\x97\xA5 new text"; }},
+	    {"append", [](UTFString& s) { s += UTFString(" more"); }},
+	    {"plus", [](UTFString& s) { s = s + UTFString("!"); }},
+	    {"insert", [](UTFString& s) { s.Insert(2, 4, UTFString("\xC3\xA9")); }},
+	    {"remove", [](UTFString& s) { (void)s.Remove(1, 3); }},
+	    {"split",
+	     [](UTFString& s) {
+		     UTFString l;
+		     UTFString r;
+		     s.Split(3, l, r);
+		     (void)s.Split(UTFString(","), l, r);
+		     (void)s.SplitChar(UTFString(",;"), l, r);
+	     }},
+	    {"slices",
+	     [](UTFString& s) {
+		     (void)s.Left(3);
+		     (void)s.Right(3);
+		     (void)s.Mid(1, 3);
+		     (void)s.StringAt(2);
+	     }},
+	    {"replace", [](UTFString& s) { s.Replace(UTFString(","), UTFString("\xE3\x80\x81")); }},
+	    {"replace malformed", [](UTFString& s) { s.Replace(UTFString("\x80"), UTFString("-")); }},
+	    {"set char", [](UTFString& s) { s.SetChar(UTFChar("x"), 1); }},
+	    {"strcat",
+	     [](UTFString& s) {
+		     s.StrCat("tail");
+		     s.CalcLength();
+	     }},
+	};
+	for (const auto& operation : operations) {
+		bool completed = false;
+		for (long k = 0; k < 64 && !completed; k++) {
+			UTFString s("a,b\xC3\xA9\xE6\x97\xA5,c;d\x80"
+			            "e");
+			const std::string before = Text(s);
+			bool threw = false;
+			{
+				failing::Disarm disarm;
+				failing::FailAfter(k);
+				try {
+					operation.second(s);
+				} catch (const std::bad_alloc&) {
+					threw = true;
+				}
+				completed = !failing::Failed();
+			}
+			EXPECT_EQ(threw, !completed) << operation.first << " " << k;
+			ASSERT_NE(nullptr, s.Buffer()) << operation.first << " " << k;
+			EXPECT_EQ(Starts(Text(s)).size(), s.Length()) << operation.first << " " << k;
+			if (threw) {
+				EXPECT_EQ(before, Text(s)) << operation.first << " " << k;
+			}
+		}
+		EXPECT_TRUE(completed) << operation.first;
+	}
 }
 
 // #pragma mark - concurrency

@@ -1,6 +1,8 @@
 // Tests of ZvRString, the minimal owned byte string.
 #include <ZvRString.h>
 
+#include "FailingAllocator.h"
+
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -201,4 +203,52 @@ TEST(ZvRString, CopyingTheObjectSharesTheArray)
 	t[0] = 'S';
 	EXPECT_STREQ("Shared", s.data);
 	s._free();
+}
+
+TEST(ZvRString, FailedAllocationInUseKeepsTheMeasuredLength)
+{
+	ZvRString s;
+	s.use("old");
+	{
+		failing::Disarm disarm;
+		failing::FailAfter(0);
+		s.use("abcd");
+		EXPECT_TRUE(failing::Failed());
+	}
+	EXPECT_EQ(nullptr, s.data);
+	EXPECT_EQ(4u, s.length);
+	EXPECT_EQ(0, s[0]);
+	s._free();
+}
+
+TEST(ZvRString, FailedAllocationInConcatReleasesTheOldArray)
+{
+	ZvRString s;
+	s.use("abc");
+	{
+		failing::Disarm disarm;
+		failing::FailAfter(0);
+		s.concat("de");
+		EXPECT_TRUE(failing::Failed());
+	}
+	EXPECT_EQ(nullptr, s.data);
+	EXPECT_EQ(3u, s.length);
+	s.concat("x");
+	EXPECT_STREQ("x", s.data);
+	EXPECT_EQ(1u, s.length);
+	s._free();
+}
+
+TEST(ZvRString, FailedAllocationInSetDataLeavesItEmpty)
+{
+	ZvRString s;
+	s.use("abc");
+	{
+		failing::Disarm disarm;
+		failing::FailAfter(0);
+		s.setData("xyz", 3);
+		EXPECT_TRUE(failing::Failed());
+	}
+	EXPECT_EQ(nullptr, s.data);
+	EXPECT_EQ(0u, s.length);
 }
