@@ -10,6 +10,12 @@
 //  - each RemoveMessage that leaves the queue at or above the limit lets one
 //    blocked adder through, which then appends whatever the count.
 //
+// Units are released only by removals that leave the queue at or above the
+// limit. When several adders wait at once and the remover takes the queue
+// below the limit before the woken ones have appended, the others keep
+// waiting until the queue next reaches the limit; with a single adder this
+// cannot happen.
+//
 // Ownership: the queue owns the messages it holds; RemoveMessage hands the
 // oldest one to the caller. Messages still queued when the queue is destroyed
 // are deleted with it.
