@@ -180,6 +180,42 @@ TEST_F(ZvMessageQueueTest, UnitsReleasedWhileNobodyWaitsLetLaterAddsPassTheBound
 	EXPECT_EQ(queue.CountItems(), 5);
 }
 
+TEST_F(ZvMessageQueueTest, AddersWokenWhileTheRemoverEmptiesTheQueueLeaveALaterAdderWaiting)
+{
+	zvtest::Watchdog watchdog(30s, "several waiting adders");
+	ZvMessageQueue queue(2);
+	AddNumbered(queue, 1, 4);
+	// Three adders find 4 > 2 with no unit left: all three wait.
+	std::vector<std::unique_ptr<BackgroundAdd>> adders;
+	for (uint32 what = 10; what < 13; what++)
+		adders.push_back(std::make_unique<BackgroundAdd>(queue, new ZvMessage(what)));
+	for (auto& adder : adders)
+		EXPECT_FALSE(adder->FinishesWithin(200ms));
+
+	// Holding the queue's lock, empty it: the removals leaving 3 and 2
+	// release one unit each, those leaving 1 and 0 none. The two woken
+	// adders append only once the lock is free.
+	ASSERT_TRUE(queue.Lock());
+	for (uint32 what = 1; what <= 4; what++)
+		ExpectNext(queue, what);
+	queue.Unlock();
+	while (queue.CountItems() < 2)
+		std::this_thread::yield();
+
+	int waiting = 0;
+	for (auto& adder : adders)
+		waiting += adder->FinishesWithin(200ms) ? 0 : 1;
+	EXPECT_EQ(waiting, 1);
+	EXPECT_EQ(queue.CountItems(), 2);
+
+	// It goes on only when a removal leaves the queue at the limit again.
+	queue.AddMessage(new ZvMessage(20));
+	std::unique_ptr<ZvMessage> oldest(queue.RemoveMessage());
+	for (auto& adder : adders)
+		EXPECT_TRUE(adder->FinishesWithin(10s));
+	EXPECT_EQ(queue.CountItems(), 3);
+}
+
 TEST_F(ZvMessageQueueTest, RemoveOnAnEmptyQueueWithLimitZeroReleasesAUnit)
 {
 	zvtest::Watchdog watchdog(20s, "limit 0");
