@@ -20,11 +20,29 @@
 // no system call.
 //
 // Waiting. A thread that must wait registers in the waiter field, then
-// sleeps on the slot's wake sequence (a futex word). A release that sees
-// waiters in the word it replaced bumps the sequence and wakes sleepers. A
-// registered waiter pins its slot: a deleted slot goes back to the free list
-// only when its last waiter has left, so a woken waiter never works on a
-// semaphore that has meanwhile been created in the same slot.
+// sleeps on the slot's wake sequence (a futex word). A registered waiter pins
+// its slot: a deleted slot goes back to the free list only when its last
+// waiter has left, so a woken waiter never works on a semaphore that has
+// meanwhile been created in the same slot.
+//
+// Wake sequence. Bit 0 of the sequence is the "may sleep" bit; the rest
+// counts wake-ups (in steps of 2). Before each look at the state word, a
+// waiter sets the bit, and it sleeps only on the sequence value that has the
+// bit set. A release that sees waiters in the word it replaced reads the
+// sequence and makes a system call only when the bit is set: a waiter that is
+// registered but awake (just woken, or not asleep yet) costs the releaser
+// nothing. This is a Dekker-style handshake, both sides seq_cst:
+//   waiter:   set the bit in the sequence, then read the state word;
+//   releaser: change the state word, then read the sequence.
+// At least one of them sees the other's write: either the waiter sees the
+// new units, or the releaser sees the bit and changes the sequence before
+// waking, so the waiter's futex wait either fails at once (value changed) or
+// is woken. A releaser clears the bit only when it wakes every sleeper, so a
+// clear bit means nobody is asleep who has not re-set it first. A releaser
+// waking fewer than all advances the sequence but leaves the bit set, so the
+// next release wakes the sleepers that remain. delete_sem and a waiter
+// passing on a wake-up advance the sequence by 2 (keeping the bit as it is)
+// and wake all.
 #include "KernelPrivate.h"
 
 #include <OS.h>
@@ -69,7 +87,8 @@ inline int32 CountOf(uint64 word)
 struct alignas(64) SemSlot
 {
 	std::atomic<uint64> word{0};
-	// Bumped by every release that finds waiters and by delete_sem.
+	// Bit 0: a waiter may be asleep (see "Wake sequence" above); bits 31..1
+	// advance with every wake-up.
 	std::atomic<uint32> wakeSeq{0};
 	// Units wanted by the registered waiters (for get_sem_count), and how
 	// many of them want more than one unit (then a release wakes all).
@@ -213,7 +232,8 @@ status_t delete_sem(sem_id id)
 		FreeSlotLocked(static_cast<uint32>(id) & 0xFFFF);
 	} else {
 		// Every waiter wakes, sees the dead tag and returns B_BAD_SEM_ID.
-		slot->wakeSeq.fetch_add(1, std::memory_order_seq_cst);
+		// Adding 2 changes the value without touching the "may sleep" bit.
+		slot->wakeSeq.fetch_add(2, std::memory_order_seq_cst);
 		FutexWake(&slot->wakeSeq, INT_MAX);
 	}
 	return B_OK;
@@ -318,9 +338,11 @@ status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtim
 	status_t result;
 	bool killed = false;
 	while (true) {
-		// Read the sequence before the word: a release that lands after this
-		// read changes the sequence, so the futex wait below cannot miss it.
-		const uint32 seq = slot->wakeSeq.load(std::memory_order_seq_cst);
+		// Set the "may sleep" bit before reading the word (seq_cst, pairs
+		// with the release's CAS on the word and its read of the sequence):
+		// a release the word read below misses sees the bit and changes the
+		// sequence before waking, so the futex wait below cannot miss it.
+		const uint32 seq = slot->wakeSeq.fetch_or(1, std::memory_order_seq_cst) | 1;
 		word = slot->word.load(std::memory_order_seq_cst);
 		if (TagOf(word) != tag) {
 			result = B_BAD_SEM_ID;
@@ -358,7 +380,7 @@ status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtim
 		// on to the other waiters, so that none sleeps beside a free unit.
 		word = slot->word.load(std::memory_order_seq_cst);
 		if (TagOf(word) == tag && CountOf(word) > 0 && WaitersOf(word) > 1) {
-			slot->wakeSeq.fetch_add(1, std::memory_order_seq_cst);
+			slot->wakeSeq.fetch_add(2, std::memory_order_seq_cst);
 			FutexWake(&slot->wakeSeq, INT_MAX);
 		}
 	}
@@ -407,12 +429,27 @@ inline status_t ReleaseUnits(sem_id id, int32 count, uint32 flags)
 		}
 	}
 	if (WaitersOf(word) != 0) {
-		slot->wakeSeq.fetch_add(1, std::memory_order_seq_cst);
-		// Waiters wanting one unit each: wake as many as units arrived.
-		// With a waiter wanting more, wake all, so that no waiter that the
-		// new units satisfy keeps sleeping behind one they do not.
-		const bool wakeAll = slot->bigWaiters.load(std::memory_order_seq_cst) != 0;
-		FutexWake(&slot->wakeSeq, wakeAll ? INT_MAX : count);
+		// Waiters wanting one unit each: wake as many as units arrived, or
+		// all when that is at least the waiters registered. With a waiter
+		// wanting more, wake all, so that no waiter that the new units
+		// satisfy keeps sleeping behind one they do not.
+		const bool wakeAll = static_cast<uint32>(count) >= WaitersOf(word) ||
+		                     slot->bigWaiters.load(std::memory_order_seq_cst) != 0;
+		// seq_cst read, after the CAS on the word: see "Wake sequence". A
+		// clear bit means no waiter can sleep without first seeing the
+		// units. Waking all clears the bit (every sleeper wakes and sets it
+		// again before it looks at the word); waking fewer keeps it set for
+		// the sleepers left behind. Either way the value changes, so a
+		// waiter about to sleep on the old value does not sleep.
+		uint32 seq = slot->wakeSeq.load(std::memory_order_seq_cst);
+		while ((seq & 1) != 0) {
+			const uint32 next = wakeAll ? seq + 1 : seq + 2;
+			if (slot->wakeSeq.compare_exchange_weak(seq, next, std::memory_order_seq_cst,
+			                                        std::memory_order_seq_cst)) {
+				FutexWake(&slot->wakeSeq, wakeAll ? INT_MAX : count);
+				break;
+			}
+		}
 	}
 	return B_OK;
 }
