@@ -268,6 +268,56 @@ TEST(OSSemaphore, ReleaseWithCountWakesThatManyWaiters)
 	delete_sem(sem);
 }
 
+TEST(OSSemaphore, BackToBackSingleReleasesWakeEverySleepingWaiter)
+{
+	// Each release wakes fewer than the sleepers; the ones left asleep must
+	// still be woken by the releases that follow at once.
+	zvtest::Watchdog watchdog(60s);
+	constexpr int kWaiters = 6;
+	for (int round = 0; round < 20; round++) {
+		const sem_id sem = create_sem(0, "singles");
+		std::atomic<int> done{0};
+		std::vector<std::thread> waiters;
+		for (int i = 0; i < kWaiters; i++) {
+			waiters.emplace_back([&] {
+				EXPECT_EQ(acquire_sem(sem), B_OK);
+				done++;
+			});
+		}
+		ASSERT_TRUE(CountBecomes(sem, -kWaiters));
+		for (int i = 0; i < kWaiters; i++)
+			EXPECT_EQ(release_sem(sem), B_OK);
+		for (std::thread& waiter : waiters)
+			waiter.join();
+		EXPECT_EQ(done.load(), kWaiters);
+		EXPECT_EQ(CountOf(sem), 0);
+		delete_sem(sem);
+	}
+}
+
+TEST(OSSemaphore, PingPongBetweenTwoThreadsLosesNoWakeUp)
+{
+	zvtest::Watchdog watchdog(60s);
+	const sem_id ping = create_sem(0, "ping");
+	const sem_id pong = create_sem(0, "pong");
+	constexpr int kRounds = 20000;
+	std::thread partner([&] {
+		for (int i = 0; i < kRounds; i++) {
+			ASSERT_EQ(acquire_sem(ping), B_OK);
+			ASSERT_EQ(release_sem(pong), B_OK);
+		}
+	});
+	for (int i = 0; i < kRounds; i++) {
+		ASSERT_EQ(release_sem(ping), B_OK);
+		ASSERT_EQ(acquire_sem(pong), B_OK);
+	}
+	partner.join();
+	EXPECT_EQ(CountOf(ping), 0);
+	EXPECT_EQ(CountOf(pong), 0);
+	delete_sem(ping);
+	delete_sem(pong);
+}
+
 TEST(OSSemaphore, SmallWaiterIsNotStarvedBehindALargeOne)
 {
 	zvtest::Watchdog watchdog(30s);
