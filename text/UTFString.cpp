@@ -687,12 +687,13 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 	size_t keptBytes = withBytes;
 	const char* rescan = with + withBytes;
 	size_t rescanBytes = 0;
+	bool rescanHoldsPattern = false;
 	if (resumesInside) {
 		keptBytes = WalkChars(with, withBytes, oldChars);
 		rescan = with + keptBytes;
 		rescanBytes = withBytes - keptBytes;
-		if (rescanBytes >= oldBytes && memmem(rescan, rescanBytes, old, oldBytes) != NULL)
-			return true;
+		rescanHoldsPattern =
+		    rescanBytes >= oldBytes && memmem(rescan, rescanBytes, old, oldBytes) != NULL;
 	}
 
 	ByteBuilder out(total);
@@ -731,6 +732,14 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 				// text, which only the general path does.
 				return false;
 			}
+			// A Q that holds the pattern means a loop without end only once
+			// this first pass is known to step over the pattern's
+			// characters, leaving the kept text ending on a character.
+			// When the match lies inside a truncated sequence at the end
+			// the pass runs out of characters (above): the new text then
+			// continues that sequence and the loop can end.
+			if (rescanHoldsPattern)
+				return true;
 			if (rescanPending)
 				out.Append(rescan, rescanBytes);
 			out.Append(rest, from);

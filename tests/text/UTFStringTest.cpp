@@ -686,6 +686,22 @@ TEST(UTFString, ReplaceThatWouldNeverEndLeavesTheString)
 	ExpectReplaced("xyz", "a", "aa", "xyz");
 }
 
+TEST(UTFString, ReplaceOfMatchInsideTruncatedEndContinuesTheCharacterAndEnds)
+{
+	// FE reads as a four-byte lead cut short by the terminator, so "\xFE."
+	// is one character and the "." is found inside it at index 1. The pass
+	// keeps Left(1), the whole string, and appends the new text, which the
+	// lead takes in: the string is still one character long, the search
+	// resumes at index 2, past the end, and the loop ends, although the new
+	// text holds the old one beyond its first character.
+	ExpectReplaced("\xFE.", ".", "\x7F.", "\xFE.\x7F.");
+	UTFString s("\xFE.");
+	s.Replace(UTFString("."), UTFString("\x7F."));
+	EXPECT_EQ(1u, s.Length());
+	// The same new text after a complete character does loop without end.
+	ExpectReplaced("\xC3\xA9.", ".", "\x7F.", "\xC3\xA9.");
+}
+
 TEST(UTFString, ReplaceOfMatchInsideACharacterReplacesTheNextCharacter)
 {
 	// The Latin-1 byte E9 reads as a three-byte lead that takes " a" with
