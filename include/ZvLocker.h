@@ -16,7 +16,8 @@
 
 #include <atomic>
 
-class ZV_EXPORT ZvLocker {
+class ZV_EXPORT ZvLocker
+{
 public:
 	ZvLocker();
 	virtual ~ZvLocker();

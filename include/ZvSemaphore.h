@@ -14,7 +14,8 @@
 
 #include <ZvExport.h>
 
-class ZV_EXPORT ZvSemaphore {
+class ZV_EXPORT ZvSemaphore
+{
 public:
 	// Creates a semaphore with count free units, named "ZvSemaphore" when
 	// name is null. Returns its identifier, or 0 on failure.

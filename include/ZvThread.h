@@ -16,20 +16,22 @@
 #include <ZvExport.h>
 
 // Library-level thread priorities; any other value means normal.
-enum zv_thread_priority {
+enum zv_thread_priority
+{
 	ZV_LOW_PRIORITY = 0,       // kernel priority 5
 	ZV_NORMAL_PRIORITY = 1,    // kernel priority 10
 	ZV_REAL_TIME_PRIORITY = 2, // kernel priority 120
 };
 
-class ZV_EXPORT ZvThread {
+class ZV_EXPORT ZvThread
+{
 public:
 	// Creates a suspended thread running entry(data); start it with Resume.
 	// entry has the form of thread_func. Returns the new thread's identifier,
 	// or the kernel's negative error code.
 	static int32 Create(void* entry, void* data, zv_thread_priority priority, const char* name);
 	static int32 Create(thread_func entry, void* data, zv_thread_priority priority,
-		const char* name);
+	                    const char* name);
 
 	// Always true; deliberately does nothing.
 	static bool Delete(uint32 thread);

@@ -18,7 +18,8 @@ const type_code kRawType = 0x52415754;
 
 // One field of the mixed content: a string, a raw block, a rectangle or a
 // point, with values from 16 bytes to 1 KiB.
-struct Field {
+struct Field
+{
 	std::string name;
 	int kind;
 	std::vector<uint8> bytes;
@@ -54,20 +55,20 @@ void BuildMessage(ZvMessage* message)
 	for (const Field& field : MixedFields()) {
 		const char* name = field.name.c_str();
 		switch (field.kind) {
-			case 0:
-				message->AddString(name, reinterpret_cast<const char*>(field.bytes.data()));
-				break;
-			case 1:
-				message->AddData(name, kRawType, field.bytes.data(),
-					static_cast<int32>(field.bytes.size()));
-				break;
-			case 2:
-				message->AddRect(name, ZvRect<double>{field.numbers[0], field.numbers[1],
-										   field.numbers[2], field.numbers[3]});
-				break;
-			case 3:
-				message->AddPoint(name, ZvPoint<double>{field.numbers[0], field.numbers[1]});
-				break;
+		case 0:
+			message->AddString(name, reinterpret_cast<const char*>(field.bytes.data()));
+			break;
+		case 1:
+			message->AddData(name, kRawType, field.bytes.data(),
+			                 static_cast<int32>(field.bytes.size()));
+			break;
+		case 2:
+			message->AddRect(name, ZvRect<double>{field.numbers[0], field.numbers[1],
+			                                      field.numbers[2], field.numbers[3]});
+			break;
+		case 3:
+			message->AddPoint(name, ZvPoint<double>{field.numbers[0], field.numbers[1]});
+			break;
 		}
 	}
 }
@@ -79,24 +80,24 @@ void PackFields(msgpack_packer* packer)
 		msgpack_pack_str(packer, field.name.size());
 		msgpack_pack_str_body(packer, field.name.data(), field.name.size());
 		switch (field.kind) {
-			case 0: {
-				const size_t length = strlen(reinterpret_cast<const char*>(field.bytes.data()));
-				msgpack_pack_str(packer, length);
-				msgpack_pack_str_body(packer, field.bytes.data(), length);
-				break;
-			}
-			case 1:
-				msgpack_pack_bin(packer, field.bytes.size());
-				msgpack_pack_bin_body(packer, field.bytes.data(), field.bytes.size());
-				break;
-			case 2:
-			case 3: {
-				const int count = field.kind == 2 ? 4 : 2;
-				msgpack_pack_array(packer, count);
-				for (int i = 0; i < count; i++)
-					msgpack_pack_double(packer, field.numbers[i]);
-				break;
-			}
+		case 0: {
+			const size_t length = strlen(reinterpret_cast<const char*>(field.bytes.data()));
+			msgpack_pack_str(packer, length);
+			msgpack_pack_str_body(packer, field.bytes.data(), length);
+			break;
+		}
+		case 1:
+			msgpack_pack_bin(packer, field.bytes.size());
+			msgpack_pack_bin_body(packer, field.bytes.data(), field.bytes.size());
+			break;
+		case 2:
+		case 3: {
+			const int count = field.kind == 2 ? 4 : 2;
+			msgpack_pack_array(packer, count);
+			for (int i = 0; i < count; i++)
+				msgpack_pack_double(packer, field.numbers[i]);
+			break;
+		}
 		}
 	}
 }
@@ -132,8 +133,8 @@ void MixedRoundTrip_msgpack(benchmark::State& state)
 		msgpack_sbuffer_clear(&buffer);
 		PackFields(&packer);
 		size_t offset = 0;
-		if (msgpack_unpack_next(&unpacked, buffer.data, buffer.size, &offset)
-			!= MSGPACK_UNPACK_SUCCESS) {
+		if (msgpack_unpack_next(&unpacked, buffer.data, buffer.size, &offset) !=
+		    MSGPACK_UNPACK_SUCCESS) {
 			state.SkipWithError("unpack failed");
 		}
 		benchmark::DoNotOptimize(unpacked.data.via.map.size);

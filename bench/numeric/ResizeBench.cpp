@@ -16,14 +16,15 @@
 
 namespace {
 
-struct Sizes {
+struct Sizes
+{
 	int sw, sh, dw, dh;
 };
 
 Sizes SizesOf(const benchmark::State& state)
 {
 	return Sizes{static_cast<int>(state.range(0)), static_cast<int>(state.range(1)),
-		static_cast<int>(state.range(2)), static_cast<int>(state.range(3))};
+	             static_cast<int>(state.range(2)), static_cast<int>(state.range(3))};
 }
 
 // The source image plus the one word of slack the resampler may read.
@@ -55,9 +56,10 @@ void Resize_stb(benchmark::State& state)
 	std::vector<uint32> dst(static_cast<size_t>(s.dw) * s.dh);
 	for (auto _ : state) {
 		if (!stbir_resize_uint8_generic(reinterpret_cast<const unsigned char*>(src.data()), s.sw,
-				s.sh, s.sw * 4, reinterpret_cast<unsigned char*>(dst.data()), s.dw, s.dh, s.dw * 4,
-				4, STBIR_ALPHA_CHANNEL_NONE, 0, STBIR_EDGE_CLAMP, STBIR_FILTER_BOX,
-				STBIR_COLORSPACE_LINEAR, nullptr))
+		                                s.sh, s.sw * 4,
+		                                reinterpret_cast<unsigned char*>(dst.data()), s.dw, s.dh,
+		                                s.dw * 4, 4, STBIR_ALPHA_CHANNEL_NONE, 0, STBIR_EDGE_CLAMP,
+		                                STBIR_FILTER_BOX, STBIR_COLORSPACE_LINEAR, nullptr))
 			std::abort();
 		benchmark::DoNotOptimize(dst.data());
 		benchmark::ClobberMemory();
@@ -69,25 +71,25 @@ void Resize_pixman(benchmark::State& state)
 	const Sizes s = SizesOf(state);
 	std::vector<uint32> src = Source(s);
 	std::vector<uint32> dst(static_cast<size_t>(s.dw) * s.dh);
-	pixman_image_t* source
-		= pixman_image_create_bits(PIXMAN_a8r8g8b8, s.sw, s.sh, src.data(), s.sw * 4);
-	pixman_image_t* target
-		= pixman_image_create_bits(PIXMAN_a8r8g8b8, s.dw, s.dh, dst.data(), s.dw * 4);
+	pixman_image_t* source =
+	    pixman_image_create_bits(PIXMAN_a8r8g8b8, s.sw, s.sh, src.data(), s.sw * 4);
+	pixman_image_t* target =
+	    pixman_image_create_bits(PIXMAN_a8r8g8b8, s.dw, s.dh, dst.data(), s.dw * 4);
 	const double scaleX = static_cast<double>(s.sw) / s.dw;
 	const double scaleY = static_cast<double>(s.sh) / s.dh;
 	pixman_transform_t transform;
-	pixman_transform_init_scale(
-		&transform, pixman_double_to_fixed(scaleX), pixman_double_to_fixed(scaleY));
+	pixman_transform_init_scale(&transform, pixman_double_to_fixed(scaleX),
+	                            pixman_double_to_fixed(scaleY));
 	pixman_image_set_transform(source, &transform);
 	int count = 0;
-	pixman_fixed_t* params = pixman_filter_create_separable_convolution(&count,
-		pixman_double_to_fixed(scaleX), pixman_double_to_fixed(scaleY), PIXMAN_KERNEL_BOX,
-		PIXMAN_KERNEL_BOX, PIXMAN_KERNEL_BOX, PIXMAN_KERNEL_BOX, 0, 0);
+	pixman_fixed_t* params = pixman_filter_create_separable_convolution(
+	    &count, pixman_double_to_fixed(scaleX), pixman_double_to_fixed(scaleY), PIXMAN_KERNEL_BOX,
+	    PIXMAN_KERNEL_BOX, PIXMAN_KERNEL_BOX, PIXMAN_KERNEL_BOX, 0, 0);
 	pixman_image_set_filter(source, PIXMAN_FILTER_SEPARABLE_CONVOLUTION, params, count);
 	std::free(params);
 	for (auto _ : state) {
-		pixman_image_composite32(
-			PIXMAN_OP_SRC, source, nullptr, target, 0, 0, 0, 0, 0, 0, s.dw, s.dh);
+		pixman_image_composite32(PIXMAN_OP_SRC, source, nullptr, target, 0, 0, 0, 0, 0, 0, s.dw,
+		                         s.dh);
 		benchmark::DoNotOptimize(dst.data());
 		benchmark::ClobberMemory();
 	}

@@ -25,7 +25,7 @@ void ShowMessaging()
 	ZvRect<int32> frame;
 	message.FindRect("frame", &frame);
 	printf("greeting #1: %s; frame as int32: %d,%d,%d,%d\n", second, (int)frame.left,
-		(int)frame.top, (int)frame.right, (int)frame.bottom);
+	       (int)frame.top, (int)frame.right, (int)frame.bottom);
 	printf("orange in CMYK: %u %u %u %u\n", orange.C(), orange.M(), orange.Y(), orange.K());
 
 	// Nested messages are deep copies in flat form.
@@ -40,10 +40,10 @@ void ShowMessaging()
 	ZvMessage inner(0);
 	restored.FindMessage("inner", &inner);
 	printf("flat size %zu bytes; inner message has %d names\n", flat.size(),
-		(int)inner.CountNames(ZV_ANY_TYPE));
+	       (int)inner.CountNames(ZV_ANY_TYPE));
 	ZvMessage broken(0);
 	printf("truncated block accepted: %s\n",
-		broken.Unflatten(flat.data(), flat.size() - 1) ? "yes" : "no");
+	       broken.Unflatten(flat.data(), flat.size() - 1) ? "yes" : "no");
 
 	ZvMessage small(0x74657374);
 	small.AddInt32("n", 1);

@@ -16,10 +16,10 @@ void ShowText()
 {
 	UTFString greeting("caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC, ok");
 	printf("  \"%s\": %u characters in %u bytes\n", greeting.Buffer(),
-		static_cast<unsigned>(greeting.Length()), static_cast<unsigned>(greeting.ByteLength()));
+	       static_cast<unsigned>(greeting.Length()), static_cast<unsigned>(greeting.ByteLength()));
 	printf("  character 5 is \"%s\" (%d bytes), \"%s\" starts at index %d\n",
-		greeting.GetChar(5).Buffer(), static_cast<int>(greeting.GetChar(5).ByteLength()),
-		"\xE6\x9C\xAC", static_cast<int>(greeting.InStr(UTFString("\xE6\x9C\xAC"))));
+	       greeting.GetChar(5).Buffer(), static_cast<int>(greeting.GetChar(5).ByteLength()),
+	       "\xE6\x9C\xAC", static_cast<int>(greeting.InStr(UTFString("\xE6\x9C\xAC"))));
 
 	UTFString word;
 	UTFString rest;
@@ -29,14 +29,14 @@ void ShowText()
 	// Left counts characters; Right never includes the first character and
 	// Mid stops before the last one.
 	UTFString abc("abc");
-	printf("  \"abc\": Left(2) \"%s\", Right(10) \"%s\", Mid(0, 3) \"%s\"\n",
-		abc.Left(2).Buffer(), abc.Right(10).Buffer(), abc.Mid(0, 3).Buffer());
+	printf("  \"abc\": Left(2) \"%s\", Right(10) \"%s\", Mid(0, 3) \"%s\"\n", abc.Left(2).Buffer(),
+	       abc.Right(10).Buffer(), abc.Mid(0, 3).Buffer());
 
 	UTFString edited(greeting);
 	edited.Replace(UTFString("\xE6\x97\xA5\xE6\x9C\xAC"), UTFString("Japan"));
 	edited.ToUpper();
 	printf("  replaced and upper-cased: \"%s\" (%u characters)\n", edited.Buffer(),
-		static_cast<unsigned>(edited.Length()));
+	       static_cast<unsigned>(edited.Length()));
 
 	// Stepping backwards through raw bytes.
 	const char* text = greeting.Buffer();
@@ -58,7 +58,7 @@ void ShowText()
 	raw.concat("def");
 	raw.cut(raw.data + 4);
 	printf("  ZvRString: \"%s\" (%u bytes), byte 9 reads as %d\n", raw.data,
-		static_cast<unsigned>(raw.length), raw[9]);
+	       static_cast<unsigned>(raw.length), raw[9]);
 	raw._free();
 }
 

@@ -6,7 +6,8 @@
 #ifndef ZVKIT_TOUR_H
 #define ZVKIT_TOUR_H
 
-struct TourSection {
+struct TourSection
+{
 	// Sections run by increasing order; the title is printed above each.
 	TourSection(int order, const char* title, void (*run)());
 };

@@ -9,7 +9,8 @@
 
 namespace {
 
-struct Section {
+struct Section
+{
 	int order;
 	const char* title;
 	void (*run)();
@@ -33,7 +34,7 @@ int main()
 	std::printf("ZvKit %s tour\n", ZVKIT_VERSION_STRING);
 	std::vector<Section> sections = Sections();
 	std::stable_sort(sections.begin(), sections.end(),
-		[](const Section& a, const Section& b) { return a.order < b.order; });
+	                 [](const Section& a, const Section& b) { return a.order < b.order; });
 	for (const Section& section : sections) {
 		std::printf("\n== %s ==\n", section.title);
 		std::fflush(stdout);

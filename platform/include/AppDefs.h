@@ -11,14 +11,15 @@ enum
 {
 	// Asks a looper to quit: the looper calls QuitRequested() and quits when
 	// it answers true. A waiting sender gets a reply with the bool "result".
-	B_QUIT_REQUESTED = 0x5F515251, // '_QRQ'
-	// The reply a synchronous sender receives when the message was deleted
-	// (handled, dropped, or its looper gone) without anyone replying.
+	B_QUIT_REQUESTED =
+	    0x5F515251,          // '_QRQ'
+	                         // The reply a synchronous sender receives when the message was deleted
+	                         // (handled, dropped, or its looper gone) without anyone replying.
 	B_NO_REPLY = 0x5F4E5250, // '_NRP'
-	// A handler did not understand the message it was sent.
+	                         // A handler did not understand the message it was sent.
 	B_MESSAGE_NOT_UNDERSTOOD = 0x5F4D4E55, // '_MNU'
-	// A plain acknowledgement.
-	B_REPLY = 0x5F52504C, // '_RPL'
+	                                       // A plain acknowledgement.
+	B_REPLY = 0x5F52504C,                  // '_RPL'
 };
 
 // Number of messages a looper's queue accepts before posting fails with

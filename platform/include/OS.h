@@ -24,9 +24,9 @@
 //    value. suspend_thread pauses a running thread wherever it is (a
 //    real-time signal whose handler waits until resume_thread) and returns
 //    once it is paused; a thread inside one of the kit's own short critical
-//    sections pauses as it leaves it, so it never holds a lock of the kit. suspend_thread, resume_thread, kill_thread and
-//    wait_for_thread act only on threads made by spawn_thread in this
-//    process; other existing threads give B_NOT_ALLOWED.
+//    sections pauses as it leaves it, so it never holds a lock of the kit. suspend_thread,
+//    resume_thread, kill_thread and wait_for_thread act only on threads made by spawn_thread in
+//    this process; other existing threads give B_NOT_ALLOWED.
 //  - Threads are detached host threads: one that nobody waits for cleans up
 //    after itself. The exit values of the last 256 threads that ended are
 //    kept for a wait_for_thread that comes after the end (once each).
@@ -71,7 +71,8 @@ typedef int32 thread_id;
 #define B_INFINITE_TIMEOUT (9223372036854775807LL)
 
 // Flags of acquire_sem_etc and release_sem_etc.
-enum {
+enum
+{
 	B_CAN_INTERRUPT = 0x01,
 	B_DO_NOT_RESCHEDULE = 0x02,
 	B_CHECK_PERMISSION = 0x04,
@@ -81,7 +82,8 @@ enum {
 };
 
 // Thread priorities.
-enum {
+enum
+{
 	B_IDLE_PRIORITY = 0,
 	B_LOWEST_ACTIVE_PRIORITY = 1,
 	B_LOW_PRIORITY = 5,
@@ -93,7 +95,8 @@ enum {
 	B_REAL_TIME_PRIORITY = 120,
 };
 
-typedef struct sem_info {
+typedef struct sem_info
+{
 	sem_id sem;
 	team_id team;
 	char name[B_OS_NAME_LENGTH];
@@ -101,7 +104,8 @@ typedef struct sem_info {
 	thread_id latest_holder;
 } sem_info;
 
-typedef enum {
+typedef enum
+{
 	B_THREAD_RUNNING = 1,
 	B_THREAD_READY,
 	B_THREAD_RECEIVING,
@@ -110,7 +114,8 @@ typedef enum {
 	B_THREAD_WAITING,
 } thread_state;
 
-typedef struct thread_info {
+typedef struct thread_info
+{
 	thread_id thread;
 	team_id team;
 	char name[B_OS_NAME_LENGTH];

@@ -33,7 +33,8 @@ typedef uint32 perform_code;
 #define B_APP_ERROR_BASE (B_GENERAL_ERROR_BASE + 0x2000)
 #define B_INTERFACE_ERROR_BASE (B_GENERAL_ERROR_BASE + 0x3000)
 
-enum {
+enum
+{
 	B_OK = 0,
 	B_NO_ERROR = 0,
 	B_ERROR = -1,
