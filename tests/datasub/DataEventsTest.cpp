@@ -20,6 +20,7 @@
 #include <vector>
 
 using zvtest::Code;
+using zvtest::CountField;
 using zvtest::MakeUnsubscribed;
 using zvtest::RecordingSubscriber;
 using zvtest::Watchdog;
@@ -125,15 +126,6 @@ int32 TouchedWhatOf(const BMessage& message)
 	int32 touched = -1;
 	EXPECT_EQ(message.FindInt32("touched_what", &touched), B_OK);
 	return touched;
-}
-
-int32 CountField(const BMessage& message, const char* name)
-{
-	type_code type = 0;
-	int32 count = 0;
-	if (message.GetInfo(name, &type, &count) != B_OK)
-		return 0;
-	return count;
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 //    subscribers to check the order of a propagation.
 //  - RegistryTest: a fixture that requires zv_registry to be null before and
 //    after each test, since the registry is process-wide.
+//  - CountField: how many values a message holds under a name.
 //  - MakeUnsubscribed: a valid subscriber that is not in the registry,
 //    ready to get data and to subscribe later with chosen flags.
 #ifndef ZVKIT_DATA_TEST_SUPPORT_H
@@ -13,6 +14,8 @@
 
 #include <ZvDataRegistry.h>
 #include <ZvDataSubscriber.h>
+
+#include <Message.h>
 
 #include "TestSupport.h"
 
@@ -30,6 +33,16 @@ constexpr uint32 Code(const char (&text)[5])
 {
 	return (uint32(uint8(text[0])) << 24) | (uint32(uint8(text[1])) << 16) |
 	       (uint32(uint8(text[2])) << 8) | uint32(uint8(text[3]));
+}
+
+// How many values the message holds under name; 0 when it has none.
+inline int32 CountField(const BMessage& message, const char* name)
+{
+	type_code type = 0;
+	int32 count = 0;
+	if (message.GetInfo(name, &type, &count) != B_OK)
+		return 0;
+	return count;
 }
 
 struct EventLog

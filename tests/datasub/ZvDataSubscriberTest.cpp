@@ -20,6 +20,7 @@
 #include <vector>
 
 using zvtest::Code;
+using zvtest::CountField;
 using zvtest::EventLog;
 using zvtest::MakeUnsubscribed;
 using zvtest::OutputCapture;
@@ -30,15 +31,6 @@ namespace {
 class ZvDataSubscriberTest : public zvtest::RegistryTest
 {
 };
-
-int32 CountField(const BMessage& message, const char* name)
-{
-	type_code type = 0;
-	int32 count = 0;
-	if (message.GetInfo(name, &type, &count) != B_OK)
-		return 0;
-	return count;
-}
 
 } // namespace
 
