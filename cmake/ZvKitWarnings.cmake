@@ -1,4 +1,5 @@
-# Warning and sanitizer flags shared by every target of the project.
+# Build helpers shared by every CMake file of the project: warning and
+# sanitizer flags, and the folder scan behind tests/ and bench/.
 
 if(ZVKIT_SANITIZE)
     add_compile_options(-fsanitize=${ZVKIT_SANITIZE} -fno-omit-frame-pointer -g)
@@ -13,4 +14,21 @@ function(zvkit_set_warnings target)
     if(ZVKIT_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
+endfunction()
+
+# Sets <out> to the names of the folders below <dir> that hold .cpp sources:
+# tests/ and bench/ build one executable per such folder.
+function(zvkit_source_folders out dir)
+    file(GLOB entries LIST_DIRECTORIES true CONFIGURE_DEPENDS ${dir}/*)
+    set(names)
+    foreach(entry IN LISTS entries)
+        if(IS_DIRECTORY ${entry})
+            file(GLOB sources CONFIGURE_DEPENDS ${entry}/*.cpp)
+            if(sources)
+                get_filename_component(name ${entry} NAME)
+                list(APPEND names ${name})
+            endif()
+        endif()
+    endforeach()
+    set(${out} ${names} PARENT_SCOPE)
 endfunction()

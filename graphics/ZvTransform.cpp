@@ -54,6 +54,17 @@ void SetRotationMatrix(double* m, double angle, ZvPoint<double> center)
 	m[8] = 1;
 }
 
+// Scaling by factor about center, with the centre terms in the bottom row.
+void SetScalingMatrix(double* m, ZvPoint<double> factor, ZvPoint<double> center)
+{
+	std::memset(m, 0, 9 * sizeof(double));
+	m[0] = factor.x;
+	m[4] = factor.y;
+	m[6] = (1 - factor.x) * center.x;
+	m[7] = (1 - factor.y) * center.y;
+	m[8] = 1;
+}
+
 } // namespace
 
 ZvTransform::ZvTransform()
@@ -127,18 +138,8 @@ void ZvTransform::SetScaling(ZvPoint<double> factor, ZvPoint<double> center)
 {
 	fScalingFactor = factor;
 	fScalingCenter = center;
-	std::memset(fScalingMatrix, 0, sizeof(fScalingMatrix));
-	fScalingMatrix[0] = factor.x;
-	fScalingMatrix[4] = factor.y;
-	fScalingMatrix[6] = (1 - factor.x) * center.x;
-	fScalingMatrix[7] = (1 - factor.y) * center.y;
-	fScalingMatrix[8] = 1;
-	std::memset(fScalingMatrixInverse, 0, sizeof(fScalingMatrixInverse));
-	fScalingMatrixInverse[0] = 1 / factor.x;
-	fScalingMatrixInverse[4] = 1 / factor.y;
-	fScalingMatrixInverse[6] = (1 - 1 / factor.x) * center.x;
-	fScalingMatrixInverse[7] = (1 - 1 / factor.y) * center.y;
-	fScalingMatrixInverse[8] = 1;
+	SetScalingMatrix(fScalingMatrix, factor, center);
+	SetScalingMatrix(fScalingMatrixInverse, ZvPoint<double>{1 / factor.x, 1 / factor.y}, center);
 	RecalcMatrix();
 }
 

@@ -48,6 +48,13 @@ inline bool ReleaseSemaphore(uint32 sem)
 	return release_sem(static_cast<sem_id>(sem)) == B_OK;
 }
 
+// The "alien" check shared by ZvSemaphore::Delete and ZvThread::Terminate:
+// true when the object's team is the calling thread's. lookup is the status
+// of the query that gave ownerTeam; a failed query of the object or of the
+// caller gives false silently. A foreign team prints refusal followed by the
+// identifier ("%08x") and a newline on standard output, and gives false.
+bool BelongsToCallersTeam(status_t lookup, team_id ownerTeam, const char* refusal, uint32 id);
+
 } // namespace zvkit_private
 
 #endif // ZVKIT_WRAPPER_CALLS_H

@@ -5,8 +5,6 @@
 
 #include <OS.h>
 
-#include <cstdio>
-
 uint32 ZvSemaphore::Create(int32 count, const char* name)
 {
 	const sem_id sem = create_sem(count, name != nullptr ? name : "ZvSemaphore");
@@ -15,16 +13,11 @@ uint32 ZvSemaphore::Create(int32 count, const char* name)
 
 bool ZvSemaphore::Delete(uint32 sem)
 {
-	thread_info caller;
-	if (get_thread_info(find_thread(nullptr), &caller) != B_OK)
+	sem_info info = {};
+	const status_t lookup = get_sem_info(static_cast<sem_id>(sem), &info);
+	if (!zvkit_private::BelongsToCallersTeam(
+	        lookup, info.team, "Fatal! Trying to delete an alien semaphore! semaphore ", sem))
 		return false;
-	sem_info info;
-	if (get_sem_info(static_cast<sem_id>(sem), &info) != B_OK)
-		return false;
-	if (info.team != caller.team) {
-		printf("Fatal! Trying to delete an alien semaphore! semaphore %08x\n", sem);
-		return false;
-	}
 	// Another thread may delete the semaphore between the check and here;
 	// delete_sem's own status is deliberately not looked at.
 	delete_sem(static_cast<sem_id>(sem));

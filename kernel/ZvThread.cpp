@@ -13,6 +13,18 @@ namespace zvkit_private {
 
 thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec"))) = 0;
 
+bool BelongsToCallersTeam(status_t lookup, team_id ownerTeam, const char* refusal, uint32 id)
+{
+	thread_info caller;
+	if (get_thread_info(find_thread(nullptr), &caller) != B_OK || lookup != B_OK)
+		return false;
+	if (ownerTeam != caller.team) {
+		printf("%s%08x\n", refusal, id);
+		return false;
+	}
+	return true;
+}
+
 } // namespace zvkit_private
 
 namespace {
@@ -82,16 +94,11 @@ bool ZvThread::Wait(uint32 thread, int32* exitValue)
 
 bool ZvThread::Terminate(uint32 thread)
 {
-	thread_info caller;
-	if (get_thread_info(find_thread(nullptr), &caller) != B_OK)
+	thread_info target = {};
+	const status_t lookup = get_thread_info(static_cast<thread_id>(thread), &target);
+	if (!zvkit_private::BelongsToCallersTeam(
+	        lookup, target.team, "Fatal! Trying to terminate an alien thread! Thread ", thread))
 		return false;
-	thread_info target;
-	if (get_thread_info(static_cast<thread_id>(thread), &target) != B_OK)
-		return false;
-	if (caller.team != target.team) {
-		printf("Fatal! Trying to terminate an alien thread! Thread %08x\n", thread);
-		return false;
-	}
 	return kill_thread(static_cast<thread_id>(thread)) == B_OK;
 }
 

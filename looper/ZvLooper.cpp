@@ -214,10 +214,13 @@ bool ZvLooper::RemoveHandler(ZvHandler* handler)
 		return false;
 
 	bool removed = false;
-	if (handler != nullptr && _IndexOf(handler) >= 0) {
+	// Writers hold the looper's lock, so the index stays valid until the
+	// removal below.
+	const int32 index = handler != nullptr ? _IndexOf(handler) : -1;
+	if (index >= 0) {
 		handler->SetLooper(nullptr);
 		std::lock_guard<std::mutex> hold(fHandlersGuard);
-		fHandlers.RemoveItem(_IndexOf(handler));
+		fHandlers.RemoveItem(index);
 		removed = true;
 	}
 

@@ -54,7 +54,6 @@ int32 sOperatorCount;
 double sValues[kValueCapacity];
 int32 sValueCount;
 int32 sOpenCount;
-int32 sState;
 
 ZvLocker& EvaluatorLock()
 {
@@ -281,11 +280,12 @@ int32 Evaluate(char* text, double* result)
 	sOperatorCount = 0;
 	sValueCount = 0;
 	sOpenCount = 0;
-	sState = 0;
+	// True after an operand, where an operator must come next.
+	bool expectOperator = false;
 
 	char* cursor = text;
 	while (*cursor != '\0') {
-		if (sState == 0) {
+		if (!expectOperator) {
 			const int32 length = TokenLength(cursor);
 			if (length < 0)
 				return -1;
@@ -299,7 +299,7 @@ int32 Evaluate(char* text, double* result)
 				double value;
 				if (!ReadNumber(cursor, length, &value) || !PushValue(value))
 					return -1;
-				sState = 1;
+				expectOperator = true;
 			}
 			cursor += length;
 		} else {
@@ -318,7 +318,7 @@ int32 Evaluate(char* text, double* result)
 					ApplyTop();
 				if (!PushOperator(*entry))
 					return -1;
-				sState = 0;
+				expectOperator = false;
 			}
 			cursor += entry->length;
 		}

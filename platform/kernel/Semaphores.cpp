@@ -126,13 +126,19 @@ struct ForkGuardInstaller
 	ForkGuardInstaller() { pthread_atfork(&PrepareFork, &AfterFork, &AfterFork); }
 } sForkGuardInstaller;
 
+// The slot index of an identifier (its low 16 bits).
+inline uint32 SlotIndexOf(sem_id id)
+{
+	return static_cast<uint32>(id) & 0xFFFF;
+}
+
 // The slot an identifier names, or null when it cannot name any. The caller
 // still has to compare the generation with the slot's tag.
 SemSlot* SlotFor(sem_id id)
 {
 	if (id <= 0)
 		return nullptr;
-	return &gSlots[static_cast<uint32>(id) & 0xFFFF];
+	return &gSlots[SlotIndexOf(id)];
 }
 
 inline uint32 LiveTagOf(sem_id id)
@@ -159,7 +165,7 @@ void Unregister(SemSlot* slot, sem_id id)
 {
 	const uint64 previous = slot->word.fetch_sub(kOneWaiter, std::memory_order_acq_rel);
 	if ((TagOf(previous) & kDeadBit) != 0 && WaitersOf(previous) == 1)
-		FreeSlot(static_cast<uint32>(id) & 0xFFFF);
+		FreeSlot(SlotIndexOf(id));
 }
 
 // A team exists when it is a live process (not merely a thread id).
@@ -229,7 +235,7 @@ status_t delete_sem(sem_id id)
 	} while (!slot->word.compare_exchange_weak(word, dead, std::memory_order_acq_rel));
 
 	if (WaitersOf(word) == 0) {
-		FreeSlotLocked(static_cast<uint32>(id) & 0xFFFF);
+		FreeSlotLocked(SlotIndexOf(id));
 	} else {
 		// Every waiter wakes, sees the dead tag and returns B_BAD_SEM_ID.
 		// Adding 2 changes the value without touching the "may sleep" bit.

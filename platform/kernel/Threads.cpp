@@ -876,14 +876,11 @@ status_t set_thread_priority(thread_id id, int32 newPriority)
 	return old;
 }
 
-status_t snooze(bigtime_t microseconds)
-{
-	if (microseconds <= 0)
-		return B_OK;
-	return snooze_until(DeadlineAfter(microseconds), 0);
-}
+namespace {
 
-status_t snooze_until(bigtime_t time, int /*timeBase*/)
+// Sleeps until deadline; kNoDeadline (what a snooze too long to express
+// becomes) sleeps for ever.
+status_t SleepUntil(bigtime_t time)
 {
 	ThreadControl* self = tSelf;
 	if (self != nullptr) {
@@ -905,4 +902,22 @@ status_t snooze_until(bigtime_t time, int /*timeBase*/)
 	while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr) == EINTR) {
 	}
 	return B_OK;
+}
+
+} // namespace
+
+status_t snooze(bigtime_t microseconds)
+{
+	if (microseconds <= 0)
+		return B_OK;
+	return SleepUntil(DeadlineAfter(microseconds));
+}
+
+status_t snooze_until(bigtime_t time, int /*timeBase*/)
+{
+	// Every negative time is in the past; -1 must not be taken for the
+	// internal "no deadline" marker.
+	if (time < 0)
+		return B_OK;
+	return SleepUntil(time);
 }

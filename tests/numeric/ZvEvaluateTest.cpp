@@ -325,13 +325,15 @@ std::string RandomTerm(std::mt19937& random, int depth)
 	       RandomTerm(random, depth - 1) + ")";
 }
 
+// One expression in ZV_Evaluate's spelling and in muparser's.
+struct Pair
+{
+	const char* ours;
+	const char* theirs;
+};
+
 TEST(ZvEvaluateMuparser, AgreesBitForBitWhereTheRulesMatch)
 {
-	struct Pair
-	{
-		const char* ours;
-		const char* theirs;
-	};
 	const Pair kPairs[] = {
 	    {"1+2+3.5", "1+2+3.5"},
 	    {"10-4-3", "10-4-3"},
@@ -358,11 +360,6 @@ TEST(ZvEvaluateMuparser, AgreesBitForBitWhereTheRulesMatch)
 
 TEST(ZvEvaluateMuparser, FunctionsAndPowerAgreeWithinOneUlp)
 {
-	struct Pair
-	{
-		const char* ours;
-		const char* theirs;
-	};
 	const Pair kPairs[] = {
 	    {"SIN(0.5)", "sin(0.5)"},
 	    {"COS(1.25)", "cos(1.25)"},

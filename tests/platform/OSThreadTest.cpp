@@ -656,6 +656,29 @@ TEST(OSTime, SnoozeUntilAnAbsoluteTime)
 	EXPECT_GE(system_time(), until);
 }
 
+int32 SnoozeUntilPastTimes(void*)
+{
+	const bigtime_t start = system_time();
+	if (snooze_until(-1, 0) != B_OK || snooze_until(-5000, 0) != B_OK ||
+	    snooze_until(start - 1000, 0) != B_OK)
+		return 1;
+	return system_time() - start < 200000 ? 0 : 2;
+}
+
+TEST(OSTime, SnoozeUntilATimeInThePastReturnsAtOnce)
+{
+	zvtest::Watchdog watchdog(20s);
+	// From a thread the kit did not make, and from one it did.
+	EXPECT_EQ(SnoozeUntilPastTimes(nullptr), 0);
+	const thread_id thread =
+	    spawn_thread(&SnoozeUntilPastTimes, "past", B_NORMAL_PRIORITY, nullptr);
+	ASSERT_GT(thread, 0);
+	ASSERT_EQ(resume_thread(thread), B_OK);
+	status_t result = -1;
+	EXPECT_EQ(wait_for_thread(thread, &result), B_OK);
+	EXPECT_EQ(result, 0);
+}
+
 TEST(OSThread, ForkedChildIsANewTeamWithItsOwnThreadId)
 {
 	const thread_id parentThread = find_thread(nullptr);
