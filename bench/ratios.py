@@ -4,7 +4,9 @@
 Benchmarks are named "<case>:<implementation>" (Google Benchmark may append
 "/arg" parts after the implementation). For every case, the median time of
 "<case>:zvkit" is divided by the median time of each other implementation:
-a ratio below 1.0 means ZvKit is faster.
+a ratio below 1.0 means ZvKit is faster. Repetitions of all benchmarks run
+in random interleaved order, so that a change of load on a shared machine
+weighs on ZvKit and its peers alike.
 
 usage: ratios.py [--repetitions N] [--filter REGEX] executable...
 """
@@ -17,7 +19,8 @@ import sys
 def run(exe, repetitions, regex):
     cmd = [exe, "--benchmark_format=json",
            f"--benchmark_repetitions={repetitions}",
-           "--benchmark_report_aggregates_only=true"]
+           "--benchmark_report_aggregates_only=true",
+           "--benchmark_enable_random_interleaving=true"]
     if regex:
         cmd.append(f"--benchmark_filter={regex}")
     out = subprocess.run(cmd, check=True, capture_output=True, text=True).stdout

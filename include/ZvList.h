@@ -7,6 +7,11 @@
 // capacities with step 16 run 16, 32, 48, 72, 108, 162, ... Every growth and
 // every shrink copies the array into a fresh one.
 //
+// Slot arrays come from the library's per-thread block cache (see
+// ZvListStorage), so a list filled on one thread and emptied on another, as
+// the items of a posted message are, costs no allocator lock. items is the
+// list's own: never free or replace it.
+//
 // Ownership: the list owns its slot array only. It never deletes what the
 // entries point to; that is the owner's job. The optional lock, when set, is
 // owned by the list and deleted by its destructor (no list of the library
@@ -17,11 +22,29 @@
 
 #include <SupportDefs.h>
 
+#include <ZvExport.h>
 #include <ZvGeometry.h>
 #include <ZvLocker.h>
 
-template <class T> class ZvList
+#include <stddef.h>
+#include <string.h>
+#include <type_traits>
+
+// The allocator of every list's slot array.
+class ZV_EXPORT ZvListStorage
 {
+protected:
+	// An array of bytes bytes, not filled: a list writes a slot before it
+	// reads it.
+	static void* AllocateSlots(size_t bytes);
+	// Frees an array from AllocateSlots(bytes), given the same size.
+	static void FreeSlots(void* slots, size_t bytes);
+};
+
+template <class T> class ZvList : protected ZvListStorage
+{
+	static_assert(std::is_pointer<T>::value, "ZvList holds pointers");
+
 public:
 	explicit ZvList(int32 step = 16)
 	    : count(0), capacity(0), growStep(step), blockSize(step), defaultItem(nullptr),
@@ -46,7 +69,7 @@ public:
 	// Frees the slot array (not the objects); the step is kept.
 	virtual void MakeEmpty()
 	{
-		delete[] items;
+		FreeSlots(items, static_cast<size_t>(capacity) * sizeof(T));
 		items = nullptr;
 		count = 0;
 		capacity = 0;
@@ -114,11 +137,12 @@ private:
 	// Moves the entries into a fresh array of newCapacity slots.
 	void _Resize(int32 newCapacity)
 	{
-		T* fresh = new T[newCapacity]();
+		T* fresh = static_cast<T*>(AllocateSlots(static_cast<size_t>(newCapacity) * sizeof(T)));
 		const int32 keep = MIN(newCapacity, capacity);
-		for (int32 i = 0; i < keep; i++)
-			fresh[i] = items[i];
-		delete[] items;
+		// Slots past count may never have been written: copied as bytes.
+		if (keep > 0)
+			memcpy(static_cast<void*>(fresh), items, static_cast<size_t>(keep) * sizeof(T));
+		FreeSlots(items, static_cast<size_t>(capacity) * sizeof(T));
 		items = fresh;
 		capacity = newCapacity;
 	}

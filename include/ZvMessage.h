@@ -22,6 +22,11 @@
 //  - the copy constructors do not copy the flags (they start at 0), while
 //    assignment keeps the target's own flags.
 //
+// Allocation: messages and items come from per-thread caches of small
+// blocks, so that a message built on one thread and deleted on another (a
+// posted message) costs no allocator lock. Values of up to
+// ZvMessageItem::kInlineDataSize bytes are kept inside the item itself.
+//
 // Ownership: a message owns its items and each item its data block. Pointers
 // handed out by FindData, _FindData, GetInfo and FindString point into an
 // item and stay valid until that item is replaced with a larger value,
@@ -42,9 +47,16 @@
 
 #include <stddef.h>
 
+#include <new>
+
 class ZV_EXPORT ZvMessageItem
 {
 public:
+	// Values of up to this many bytes live inside the item: data then points
+	// into the item itself. data is the item's own; never free it or hand
+	// it to another item.
+	static constexpr int32 kInlineDataSize = 32;
+
 	// type 0, size 0, no data, name "@@@Unnamed".
 	ZvMessageItem();
 	// Copies name (cut to 63 characters; null gives "@@@Unnamed") and, when
@@ -78,6 +90,14 @@ public:
 	// Dumps the item on standard output.
 	void PrintToStream() const;
 
+	// Items are allocated from the library's block cache.
+	static void* operator new(size_t size);
+	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+	static void* operator new(size_t, void* where) noexcept { return where; }
+	static void operator delete(void* block, size_t size);
+	static void operator delete(void* block, const std::nothrow_t&) noexcept;
+	static void operator delete(void*, void*) noexcept {}
+
 	type_code type;
 	int32 size;
 	uint8* data;
@@ -86,6 +106,12 @@ public:
 private:
 	// Takes a copy of length bytes as the item's value.
 	void _AdoptBlock(const uint8* source, int32 length);
+	// A block for a value of length bytes: the inline buffer when it fits.
+	uint8* _NewBlock(int32 length);
+	// Frees data unless it is the inline buffer, and clears it.
+	void _FreeBlock();
+
+	uint8 fInlineData[kInlineDataSize];
 };
 
 class ZV_EXPORT ZvMessage
@@ -307,6 +333,15 @@ public:
 
 	// Dumps the message on standard output.
 	void PrintToStream() const;
+
+	// Messages (and classes derived from them) are allocated from the
+	// library's block cache.
+	static void* operator new(size_t size);
+	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+	static void* operator new(size_t, void* where) noexcept { return where; }
+	static void operator delete(void* block, size_t size);
+	static void operator delete(void* block, const std::nothrow_t&) noexcept;
+	static void operator delete(void*, void*) noexcept {}
 
 	uint32 what;
 

@@ -16,6 +16,11 @@
 // waiting until the queue next reaches the limit; with a single adder this
 // cannot happen.
 //
+// Storage: a ring of slots that doubles when full and halves when a quarter
+// full, so taking the oldest message costs the same whatever the queue's
+// length (a list that moves its entries down would make a long queue slow to
+// drain just when the looper most needs to catch up).
+//
 // Ownership: the queue owns the messages it holds; RemoveMessage hands the
 // oldest one to the caller. Messages still queued when the queue is destroyed
 // are deleted with it.
@@ -29,7 +34,6 @@
 #include <SupportDefs.h>
 
 #include <ZvExport.h>
-#include <ZvList.h>
 #include <ZvLocker.h>
 
 #include <atomic>
@@ -59,11 +63,20 @@ public:
 	bool IsEmpty() const;
 
 private:
-	ZvList<ZvMessage*> fMessages;
+	// Resizes the ring to slots (a power of two, at least the count),
+	// keeping the messages in order from index 0.
+	void _Resize(int32 slots);
+
+	// The ring, its size (0 or a power of two), the slot of the oldest
+	// message and the number queued; guarded by the queue's lock.
+	ZvMessage** fSlots;
+	int32 fSlotCount;
+	int32 fHead;
+	int32 fQueued;
 	uint32 fLimitSem;
 	int32 fLimit;
-	// Mirror of fMessages.count, written under the queue's lock, so that
-	// CountItems and IsEmpty can be read from any thread without a lock.
+	// Mirror of fQueued, written under the queue's lock, so that CountItems
+	// and IsEmpty can be read from any thread without a lock.
 	std::atomic<int32> fCount;
 };
 

@@ -6,6 +6,7 @@
 #include "WrapperCalls.h"
 
 using zvkit_private::AcquireSemaphore;
+using zvkit_private::AcquireShortHold;
 using zvkit_private::CurrentThread;
 using zvkit_private::ReleaseSemaphore;
 
@@ -35,7 +36,7 @@ bool ZvLocker::Lock()
 		return true;
 	}
 	// A result of 2 (the 24.8-day time-out expired) is taken as success.
-	if (AcquireSemaphore(fSem.load(std::memory_order_relaxed), -1) == 0)
+	if (AcquireShortHold(fSem.load(std::memory_order_relaxed)) == 0)
 		return false;
 	fOwner.store(me, std::memory_order_relaxed);
 	fCount.store(1, std::memory_order_relaxed);

@@ -309,8 +309,9 @@ bool ZvLooper::ProcessNextMessage()
 
 	// The handler list is searched before the target's link is read: a
 	// handler that was removed and then deleted is not in the list, so its
-	// stale address is only compared, never dereferenced.
-	if (IndexOfHandler(target) >= 0 && target->Looper() == this)
+	// stale address is only compared, never dereferenced. The list changes
+	// only under the looper's lock, which this thread holds: no guard needed.
+	if (_IndexOf(target) >= 0 && target->Looper() == this)
 		DispatchMessage(message, target);
 
 	// Cleared so that CurrentMessage never hands out a deleted message.

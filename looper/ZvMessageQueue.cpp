@@ -7,12 +7,14 @@
 
 namespace {
 
-const int32 kQueueListStep = 16;
+// The ring's smallest size; it never shrinks below this once allocated.
+const int32 kMinSlots = 16;
 
 } // namespace
 
 ZvMessageQueue::ZvMessageQueue(int32 limit)
-    : ZvLocker(), fMessages(kQueueListStep), fLimitSem(0), fLimit(limit), fCount(0)
+    : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fLimitSem(0), fLimit(limit),
+      fCount(0)
 {
 	fLimitSem = ZvSemaphore::Create(1, "_item_limit");
 }
@@ -24,8 +26,12 @@ ZvMessageQueue::~ZvMessageQueue()
 	if (fLimitSem != 0)
 		ZvSemaphore::Delete(fLimitSem);
 	fLimitSem = 0;
-	while (fMessages.CountItems() > 0)
-		delete fMessages.RemoveItem(0);
+	// Oldest first.
+	for (int32 i = 0; i < fQueued; i++)
+		delete fSlots[(fHead + i) & (fSlotCount - 1)];
+	delete[] fSlots;
+	fSlots = nullptr;
+	fQueued = 0;
 	fCount.store(0, std::memory_order_relaxed);
 }
 
@@ -39,7 +45,7 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 	if (!Lock())
 		return false;
 
-	if (fMessages.CountItems() > fLimit) {
+	if (fQueued > fLimit) {
 		// Over the bound: wait for a remover with the queue's lock released,
 		// so that the remover can take it. One unit of "_item_limit" lets one
 		// adder through, which then appends whatever the count: the count is
@@ -47,13 +53,16 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 		Unlock();
 		ZvSemaphore::Acquire(fLimitSem, -1);
 		// The lock can only be gone here if the queue is being destroyed
-		// under the adder's feet; then the list is not touched.
+		// under the adder's feet; then the ring is not touched.
 		if (!Lock())
 			return false;
 	}
 
-	fMessages.AddItem(message);
-	fCount.store(fMessages.CountItems(), std::memory_order_relaxed);
+	if (fQueued == fSlotCount)
+		_Resize(fSlotCount == 0 ? kMinSlots : fSlotCount * 2);
+	fSlots[(fHead + fQueued) & (fSlotCount - 1)] = message;
+	fQueued += 1;
+	fCount.store(fQueued, std::memory_order_relaxed);
 	Unlock();
 	return true;
 }
@@ -63,8 +72,18 @@ ZvMessage* ZvMessageQueue::RemoveMessage()
 	if (!Lock())
 		return nullptr;
 
-	ZvMessage* message = fMessages.RemoveItem(0);
-	const int32 count = fMessages.CountItems();
+	ZvMessage* message = nullptr;
+	if (fQueued > 0) {
+		message = fSlots[fHead];
+		fSlots[fHead] = nullptr;
+		fHead = (fHead + 1) & (fSlotCount - 1);
+		fQueued -= 1;
+		// Halving at a quarter full gives back what a burst took without
+		// resizing back and forth around one length.
+		if (fSlotCount > kMinSlots && fQueued <= fSlotCount / 4)
+			_Resize(fSlotCount / 2);
+	}
+	const int32 count = fQueued;
 	fCount.store(count, std::memory_order_relaxed);
 	// One unit per removal that leaves the queue at or above its bound, also
 	// when nothing was removed: with a bound of 0 or less every call
@@ -84,4 +103,15 @@ int32 ZvMessageQueue::CountItems() const
 bool ZvMessageQueue::IsEmpty() const
 {
 	return CountItems() == 0;
+}
+
+void ZvMessageQueue::_Resize(int32 slots)
+{
+	ZvMessage** fresh = new ZvMessage*[slots]();
+	for (int32 i = 0; i < fQueued; i++)
+		fresh[i] = fSlots[(fHead + i) & (fSlotCount - 1)];
+	delete[] fSlots;
+	fSlots = fresh;
+	fSlotCount = slots;
+	fHead = 0;
 }

@@ -2,6 +2,8 @@
 // operations on which the typed accessors and the flat form rest.
 #include <ZvMessage.h>
 
+#include "internal/BlockCache.h"
+
 #include <string.h>
 
 namespace {
@@ -12,7 +14,9 @@ const int32 kListStep = 16;
 
 bool NameMatches(const ZvMessageItem* item, const char* name)
 {
-	return strcmp(item->name, name) == 0;
+	// Most names that differ differ in their first character: test it
+	// before calling strcmp.
+	return item->name[0] == name[0] && strcmp(item->name, name) == 0;
 }
 
 bool TypeMatches(const ZvMessageItem* item, type_code type)
@@ -54,6 +58,26 @@ ZvMessage::ZvMessage(const void* flat, size_t size) : what(0), fFlags(0), items(
 ZvMessage::~ZvMessage()
 {
 	MakeEmpty();
+}
+
+void* ZvMessage::operator new(size_t size)
+{
+	return zv_internal::AllocateBlock(size);
+}
+
+void* ZvMessage::operator new(size_t size, const std::nothrow_t& tag) noexcept
+{
+	return zv_internal::AllocateBlock(size, tag);
+}
+
+void ZvMessage::operator delete(void* block, size_t size)
+{
+	zv_internal::FreeBlock(block, size);
+}
+
+void ZvMessage::operator delete(void* block, const std::nothrow_t&) noexcept
+{
+	zv_internal::FreeUnsizedBlock(block);
 }
 
 ZvMessage& ZvMessage::operator=(const ZvMessage& other)
@@ -246,7 +270,7 @@ ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 inde
 	int32 matches = 0;
 	for (int32 i = 0; i < items.CountItems(); i++) {
 		ZvMessageItem* item = items.ItemAt(i);
-		if (!NameMatches(item, name) || !TypeMatches(item, type))
+		if (!TypeMatches(item, type) || !NameMatches(item, name))
 			continue;
 		if (matches == index)
 			return item;

@@ -29,9 +29,8 @@ void ZvMessageItem::_AdoptBlock(const uint8* source, int32 length)
 	// A block of the same size is refilled; otherwise a new one is made (an
 	// empty one too, so that a record always leaves a block behind).
 	if (data == nullptr || size != length) {
-		delete[] data;
-		data = nullptr;
-		data = new uint8[length];
+		_FreeBlock();
+		data = _NewBlock(length);
 	}
 	size = length;
 	memcpy(data, source, length);

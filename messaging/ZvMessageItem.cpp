@@ -2,6 +2,7 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "internal/BlockCache.h"
 
 #include <string.h>
 
@@ -31,7 +32,7 @@ ZvMessageItem::ZvMessageItem(const char* name, type_code type, int32 size, const
 {
 	CopyName(this->name, name);
 	if (size >= 1) {
-		this->data = new uint8[size];
+		this->data = _NewBlock(size);
 		if (data != nullptr)
 			memcpy(this->data, data, size);
 		else
@@ -44,7 +45,7 @@ ZvMessageItem::ZvMessageItem(const ZvMessageItem* other)
 {
 	memcpy(name, other->name, sizeof(name));
 	if (size >= 1 && other->data != nullptr) {
-		data = new uint8[size];
+		data = _NewBlock(size);
 		memcpy(data, other->data, size);
 	}
 }
@@ -53,7 +54,41 @@ ZvMessageItem::~ZvMessageItem()
 {
 	// A block read from a flat record may be empty but allocated; free it
 	// whatever the size.
-	delete[] data;
+	_FreeBlock();
+}
+
+void* ZvMessageItem::operator new(size_t size)
+{
+	return zv_internal::AllocateBlock(size);
+}
+
+void* ZvMessageItem::operator new(size_t size, const std::nothrow_t& tag) noexcept
+{
+	return zv_internal::AllocateBlock(size, tag);
+}
+
+void ZvMessageItem::operator delete(void* block, size_t size)
+{
+	zv_internal::FreeBlock(block, size);
+}
+
+void ZvMessageItem::operator delete(void* block, const std::nothrow_t&) noexcept
+{
+	zv_internal::FreeUnsizedBlock(block);
+}
+
+uint8* ZvMessageItem::_NewBlock(int32 length)
+{
+	if (length <= kInlineDataSize)
+		return fInlineData;
+	return new uint8[length];
+}
+
+void ZvMessageItem::_FreeBlock()
+{
+	if (data != fInlineData)
+		delete[] data;
+	data = nullptr;
 }
 
 int32 ZvMessageItem::Size() const
@@ -65,8 +100,11 @@ void ZvMessageItem::ReplaceData(int32 size, const void* data)
 {
 	if (size > this->size) {
 		this->size = size;
-		delete[] this->data;
-		this->data = new uint8[size];
+		// A value that still fits the inline buffer stays there.
+		if (size > kInlineDataSize || this->data != fInlineData) {
+			_FreeBlock();
+			this->data = _NewBlock(size);
+		}
 	}
 	if (this->size >= 1 && this->data != nullptr && data != nullptr)
 		memcpy(this->data, data, this->size);

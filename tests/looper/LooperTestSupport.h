@@ -115,6 +115,17 @@ public:
 		fOwnReceived.fetch_add(1);
 	}
 
+	// Posts one message for a handler that is not attached and drains it,
+	// so that the queue has made its ring of slots (which it keeps): counts
+	// of heap blocks taken afterwards see only what a test's own messages
+	// allocate and free.
+	void PrimeQueue()
+	{
+		ZvHandler stranger("stranger");
+		PostMessage(1, &stranger);
+		Drain();
+	}
+
 	int32 OwnReceived() const { return fOwnReceived.load(); }
 	// Read only once the looper's thread is known to be idle or not running.
 	const std::vector<uint32>& OwnWhats() const { return fOwnWhats; }

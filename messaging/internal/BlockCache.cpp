@@ -1,0 +1,293 @@
+// BlockCache: per-thread caches of small blocks, balanced through a central
+// store in batches.
+#include "BlockCache.h"
+
+#include <new>
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <mutex>
+#include <stdint.h>
+#include <vector>
+
+namespace zv_internal {
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// Decided once per process: blocks made in one mode must be freed in it.
+// ZVKIT_FORCE_NEW in the environment turns the cache off, for tools that
+// want to see every allocation (a memory checker, a test counting blocks).
+bool Enabled()
+{
+	static const bool enabled = !kSanitized && getenv("ZVKIT_FORCE_NEW") == nullptr;
+	return enabled;
+}
+
+// Classes are multiples of 16 bytes, which keeps every block aligned as
+// ::operator new aligns on the hosts built here.
+constexpr size_t kGranule = 16;
+constexpr size_t kClassCount = kMaxCachedBlock / kGranule;
+// Blocks move between a thread and the central store this many at a time; a
+// thread keeps up to two batches per class, so a thread that alternates
+// between allocating and freeing around the boundary does not bounce batches.
+constexpr uint32_t kBatchSize = 32;
+constexpr uint32_t kMaxThreadBlocks = 2 * kBatchSize;
+// What the central store may keep per class. A burst (a looper that falls
+// behind by thousands of messages) frees that many blocks before its
+// producer takes them again; the store keeps them for reuse up to this much.
+constexpr size_t kMaxCentralBytes = size_t(2) << 20;
+
+size_t ClassOf(size_t size)
+{
+	return size == 0 ? 0 : (size - 1) / kGranule;
+}
+
+size_t ClassBytes(size_t sizeClass)
+{
+	return (sizeClass + 1) * kGranule;
+}
+
+// Where every block comes from and goes back to.
+void* NewRaw(size_t bytes)
+{
+	return ::operator new(bytes);
+}
+
+void DeleteRaw(void* block) noexcept
+{
+	::operator delete(block);
+}
+
+// A batch of free blocks on its way between threads. Free blocks are kept
+// in arrays of pointers rather than linked through their first words: a
+// thread taking a block another thread freed then does not have to read the
+// block (a cache miss on another core's line) to find the next one.
+struct Batch
+{
+	void* blocks[kBatchSize];
+};
+
+class CentralStore
+{
+public:
+	// Takes one batch, or returns false when the store has none.
+	bool Take(size_t sizeClass, Batch* batch)
+	{
+		Class& entry = fClasses[sizeClass];
+		std::lock_guard<std::mutex> hold(entry.lock);
+		if (entry.batches.empty())
+			return false;
+		*batch = entry.batches.back();
+		entry.batches.pop_back();
+		return true;
+	}
+
+	// Keeps count blocks (a whole batch, or fewer when a thread ends), or
+	// gives them back to the allocator when the store is full.
+	void Put(size_t sizeClass, void* const* blocks, uint32_t count)
+	{
+		Class& entry = fClasses[sizeClass];
+		const size_t maxBatches = kMaxCentralBytes / (kBatchSize * ClassBytes(sizeClass));
+		if (count == kBatchSize) {
+			std::lock_guard<std::mutex> hold(entry.lock);
+			if (entry.batches.size() < maxBatches) {
+				entry.batches.emplace_back();
+				memcpy(entry.batches.back().blocks, blocks, sizeof(Batch::blocks));
+				return;
+			}
+		}
+		for (uint32_t i = 0; i < count; i++)
+			DeleteRaw(blocks[i]);
+	}
+
+	size_t CountBlocks(size_t sizeClass)
+	{
+		Class& entry = fClasses[sizeClass];
+		std::lock_guard<std::mutex> hold(entry.lock);
+		return entry.batches.size() * kBatchSize;
+	}
+
+private:
+	struct Class
+	{
+		// Guards batches.
+		std::mutex lock;
+		std::vector<Batch> batches;
+	};
+
+	Class fClasses[kClassCount];
+};
+
+// The store is never destroyed: thread caches flush into it when their
+// threads end, which can be after static destructors have run.
+CentralStore& Central()
+{
+	static CentralStore* store = new CentralStore();
+	return *store;
+}
+
+class ThreadCache
+{
+public:
+	// Hands every block over when the thread ends: whole batches to the
+	// central store for other threads, the rest back to the allocator.
+	~ThreadCache()
+	{
+		for (size_t sizeClass = 0; sizeClass < kClassCount; sizeClass++) {
+			Stack& stack = fStacks[sizeClass];
+			while (stack.count > 0) {
+				const uint32_t moved = stack.count < kBatchSize ? stack.count : kBatchSize;
+				stack.count -= moved;
+				Central().Put(sizeClass, stack.blocks + stack.count, moved);
+			}
+		}
+	}
+
+	void* Allocate(size_t sizeClass)
+	{
+		Stack& stack = fStacks[sizeClass];
+		if (stack.count == 0) {
+			Batch batch;
+			if (!Central().Take(sizeClass, &batch))
+				return NewRaw(ClassBytes(sizeClass));
+			memcpy(stack.blocks, batch.blocks, sizeof(batch.blocks));
+			stack.count = kBatchSize;
+		}
+		return stack.blocks[--stack.count];
+	}
+
+	void Free(void* block, size_t sizeClass)
+	{
+		Stack& stack = fStacks[sizeClass];
+		if (stack.count == kMaxThreadBlocks) {
+			// The older half goes; the blocks freed last stay, being the
+			// likeliest to be in this core's cache.
+			Central().Put(sizeClass, stack.blocks, kBatchSize);
+			memmove(stack.blocks, stack.blocks + kBatchSize,
+			        (kMaxThreadBlocks - kBatchSize) * sizeof(void*));
+			stack.count -= kBatchSize;
+		}
+		stack.blocks[stack.count++] = block;
+	}
+
+	size_t Count(size_t sizeClass) const { return fStacks[sizeClass].count; }
+
+private:
+	struct Stack
+	{
+		void* blocks[kMaxThreadBlocks];
+		uint32_t count;
+	};
+
+	Stack fStacks[kClassCount] = {};
+};
+
+// The calling thread's cache: null before its first use, kGone once the
+// thread has begun to end (blocks then go straight to the allocator). The
+// pointer is all the fast path reads, in the initial-exec model, which
+// costs one load instead of a call to find the thread's storage; the cache
+// itself lives on the heap so that the library's static TLS stays small.
+ThreadCache* const kGone = reinterpret_cast<ThreadCache*>(uintptr_t(1));
+thread_local ThreadCache* tCache __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// Owns the thread's cache; its destructor runs when the thread ends.
+class CacheOwner
+{
+public:
+	void Adopt(ThreadCache* cache) { fCache = cache; }
+
+	~CacheOwner()
+	{
+		tCache = kGone;
+		delete fCache;
+	}
+
+private:
+	ThreadCache* fCache = nullptr;
+};
+
+thread_local CacheOwner tOwner;
+
+// The calling thread's cache, made at its first use; null once the thread
+// is ending.
+inline ThreadCache* CurrentCache()
+{
+	ThreadCache* cache = tCache;
+	if (__builtin_expect(reinterpret_cast<uintptr_t>(cache) > 1, 1))
+		return cache;
+	if (cache == kGone)
+		return nullptr;
+	cache = new ThreadCache();
+	tOwner.Adopt(cache);
+	tCache = cache;
+	return cache;
+}
+
+} // namespace
+
+void* AllocateBlock(size_t size)
+{
+	if (size > kMaxCachedBlock || !Enabled())
+		return NewRaw(size);
+	const size_t sizeClass = ClassOf(size);
+	ThreadCache* cache = CurrentCache();
+	if (cache == nullptr)
+		return NewRaw(ClassBytes(sizeClass));
+	return cache->Allocate(sizeClass);
+}
+
+void* AllocateBlock(size_t size, const std::nothrow_t&) noexcept
+{
+	try {
+		return AllocateBlock(size);
+	} catch (const std::bad_alloc&) {
+		return nullptr;
+	}
+}
+
+void FreeUnsizedBlock(void* block) noexcept
+{
+	DeleteRaw(block);
+}
+
+void FreeBlock(void* block, size_t size)
+{
+	if (block == nullptr)
+		return;
+	ThreadCache* cache = size <= kMaxCachedBlock && Enabled() ? CurrentCache() : nullptr;
+	if (cache == nullptr) {
+		DeleteRaw(block);
+		return;
+	}
+	cache->Free(block, ClassOf(size));
+}
+
+size_t ThreadCachedBlocks(size_t size)
+{
+	ThreadCache* cache = size <= kMaxCachedBlock && Enabled() ? CurrentCache() : nullptr;
+	return cache == nullptr ? 0 : cache->Count(ClassOf(size));
+}
+
+size_t CentralCachedBlocks(size_t size)
+{
+	return size > kMaxCachedBlock ? 0 : Central().CountBlocks(ClassOf(size));
+}
+
+bool BlockCacheEnabled()
+{
+	return Enabled();
+}
+
+} // namespace zv_internal
