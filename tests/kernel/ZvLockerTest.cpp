@@ -250,6 +250,83 @@ TEST(ZvLocker, MutualExclusionUnderContentionWithRecursion)
 	EXPECT_FALSE(locker.IsLocked());
 }
 
+TEST(ZvLocker, MutualExclusionHoldsWhenWaitersBothPollAndSleep)
+{
+	zvtest::Watchdog watchdog(120s);
+	ZvLocker locker;
+	constexpr int kThreads = 4;
+	constexpr int kRounds = 20000;
+	// Read, maybe yield, write back: a second thread inside the lock would
+	// lose increments. Most holds are short, so waiters mostly get the lock
+	// while polling; every 64th hold yields the processor inside the lock,
+	// so that waiters run out of polls and sleep on the semaphore.
+	int64 shared = 0;
+	zvtest::Latch start(kThreads);
+	std::atomic<int> failedLocks{0};
+	std::vector<std::thread> threads;
+	for (int t = 0; t < kThreads; t++) {
+		threads.emplace_back([&] {
+			start.CountDown();
+			start.WaitFor(10s);
+			for (int i = 0; i < kRounds; i++) {
+				if (!locker.Lock()) {
+					failedLocks++;
+					return;
+				}
+				const int64 seen = shared;
+				if (i % 64 == 0)
+					std::this_thread::yield();
+				shared = seen + 1;
+				locker.Unlock();
+			}
+		});
+	}
+	for (std::thread& thread : threads)
+		thread.join();
+	EXPECT_EQ(failedLocks.load(), 0);
+	EXPECT_EQ(shared, int64(kThreads) * kRounds);
+	EXPECT_FALSE(locker.IsLocked());
+}
+
+TEST(ZvLocker, KillDuringContendedChurnMakesEveryLockFailWithoutHanging)
+{
+	zvtest::Watchdog watchdog(60s);
+	ZvLocker locker;
+	constexpr int kThreads = 4;
+	// Each thread counts down once it has held the lock a number of times,
+	// then locks and unlocks until a Lock fails; from then on every Lock
+	// must fail.
+	zvtest::Latch warmedUp(kThreads);
+	std::atomic<int> lateSuccesses{0};
+	std::atomic<int> ended{0};
+	std::vector<std::thread> threads;
+	for (int t = 0; t < kThreads; t++) {
+		threads.emplace_back([&] {
+			for (int i = 0;; i++) {
+				if (i == 500)
+					warmedUp.CountDown();
+				if (!locker.Lock())
+					break;
+				locker.Unlock();
+			}
+			for (int i = 0; i < 100; i++) {
+				if (locker.Lock()) {
+					lateSuccesses++;
+					locker.Unlock();
+				}
+			}
+			ended++;
+		});
+	}
+	ASSERT_TRUE(warmedUp.WaitFor(30s));
+	locker.Kill();
+	for (std::thread& thread : threads)
+		thread.join();
+	EXPECT_EQ(ended.load(), kThreads);
+	EXPECT_EQ(lateSuccesses.load(), 0);
+	EXPECT_FALSE(locker.Lock());
+}
+
 TEST(ZvLocker, UncontendedAndRecursiveLockingMakeNoSystemCall)
 {
 	static ZvLocker* locker;

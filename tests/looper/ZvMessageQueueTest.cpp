@@ -71,6 +71,29 @@ void ExpectNext(ZvMessageQueue& queue, uint32 what)
 	EXPECT_EQ(message->what, what);
 }
 
+// Removes count messages and tells whether they were numbered from first
+// on, in order.
+bool RemoveInOrder(ZvMessageQueue& queue, uint32 first, int count)
+{
+	for (int i = 0; i < count; i++) {
+		std::unique_ptr<ZvMessage> message(queue.RemoveMessage());
+		if (message == nullptr || message->what != first + static_cast<uint32>(i))
+			return false;
+	}
+	return true;
+}
+
+// A message that records each destruction of each what.
+class TalliedMessage : public ZvMessage
+{
+public:
+	TalliedMessage(uint32 what, std::vector<int>* tally) : ZvMessage(what), fTally(tally) {}
+	~TalliedMessage() override { (*fTally)[what]++; }
+
+private:
+	std::vector<int>* fTally;
+};
+
 } // namespace
 
 TEST_F(ZvMessageQueueTest, NewQueueIsEmpty)
@@ -279,6 +302,157 @@ TEST_F(ZvMessageQueueTest, TryAddMessageReportsAQueuedMessage)
 	EXPECT_TRUE(queue.TryAddMessage(new ZvMessage(1)));
 	EXPECT_EQ(queue.CountItems(), 1);
 	ExpectNext(queue, 1);
+}
+
+// The queue's storage is a ring of slots: these tests move its head around
+// the ring and make it grow and shrink while wrapped.
+
+TEST_F(ZvMessageQueueTest, OrderIsKeptWhileTheHeadGoesAroundTheRingManyTimes)
+{
+	ZvMessageQueue queue(100000);
+	uint32 added = 0;
+	uint32 removed = 0;
+	// Between 5 and 15 queued, below the smallest ring's 16 slots: the head
+	// passes the end of the ring again and again without a resize.
+	AddNumbered(queue, added, 10);
+	added += 10;
+	for (int round = 0; round < 400; round++) {
+		const int adds = 1 + round % 5;
+		AddNumbered(queue, added, adds);
+		added += static_cast<uint32>(adds);
+		ASSERT_TRUE(RemoveInOrder(queue, removed, adds)) << "round " << round;
+		removed += static_cast<uint32>(adds);
+		ASSERT_EQ(queue.CountItems(), 10);
+	}
+	EXPECT_TRUE(RemoveInOrder(queue, removed, 10));
+	EXPECT_TRUE(queue.IsEmpty());
+	EXPECT_EQ(queue.RemoveMessage(), nullptr);
+}
+
+TEST_F(ZvMessageQueueTest, GrowingWhileTheRingIsWrappedKeepsTheOrder)
+{
+	ZvMessageQueue queue(1000);
+	AddNumbered(queue, 0, 10);
+	ASSERT_TRUE(RemoveInOrder(queue, 0, 8));
+	// The two left sit at slots 8 and 9: the next adds wrap past slot 15,
+	// fill the ring and make it grow twice.
+	AddNumbered(queue, 10, 30);
+	EXPECT_EQ(queue.CountItems(), 32);
+	EXPECT_TRUE(RemoveInOrder(queue, 8, 32));
+	EXPECT_TRUE(queue.IsEmpty());
+}
+
+TEST_F(ZvMessageQueueTest, GrowingAtEveryHeadPositionKeepsTheOrder)
+{
+	// For each start of the head in the 16-slot ring, fill the ring from
+	// there and add one more.
+	for (int head = 0; head < 16; head++) {
+		ZvMessageQueue queue(1000);
+		AddNumbered(queue, 0, head);
+		ASSERT_TRUE(RemoveInOrder(queue, 0, head));
+		AddNumbered(queue, 100, 17);
+		ASSERT_TRUE(RemoveInOrder(queue, 100, 17)) << "head " << head;
+		EXPECT_TRUE(queue.IsEmpty());
+	}
+}
+
+TEST_F(ZvMessageQueueTest, ABurstOfTenThousandDrainsInOrderAndTheQueueWorksAfterwards)
+{
+	ZvMessageQueue queue(20000);
+	AddNumbered(queue, 0, 10000);
+	EXPECT_EQ(queue.CountItems(), 10000);
+	// Part of the way down (the ring halves as it goes), a second burst
+	// while the ring is wrapped, then all the way.
+	ASSERT_TRUE(RemoveInOrder(queue, 0, 9000));
+	AddNumbered(queue, 10000, 5000);
+	EXPECT_EQ(queue.CountItems(), 6000);
+	ASSERT_TRUE(RemoveInOrder(queue, 9000, 6000));
+	EXPECT_TRUE(queue.IsEmpty());
+
+	// Shrunk back, the ring grows again with its head moving: two adds
+	// for each removal.
+	uint32 expected = 20000;
+	for (uint32 what = 20000; what < 20200; what += 2) {
+		AddNumbered(queue, what, 2);
+		ExpectNext(queue, expected++);
+	}
+	EXPECT_EQ(queue.CountItems(), 100);
+	EXPECT_TRUE(RemoveInOrder(queue, expected, 100));
+	EXPECT_TRUE(queue.IsEmpty());
+}
+
+TEST_F(ZvMessageQueueTest, DestroyingAQueueWithAWrappedRingDeletesEachMessageOnce)
+{
+	std::vector<int> tally(100, 0);
+	{
+		ZvMessageQueue queue(1000);
+		for (uint32 what = 0; what < 12; what++)
+			queue.AddMessage(new TalliedMessage(what, &tally));
+		for (uint32 what = 0; what < 10; what++)
+			ExpectNext(queue, what);
+		// Slots 10 to 15, then 0 to 7: wrapped, 14 queued.
+		for (uint32 what = 12; what < 24; what++)
+			queue.AddMessage(new TalliedMessage(what, &tally));
+		ASSERT_EQ(queue.CountItems(), 14);
+		for (uint32 what = 0; what < 10; what++)
+			EXPECT_EQ(tally[what], 1) << what;
+		for (uint32 what = 10; what < 24; what++)
+			EXPECT_EQ(tally[what], 0) << what;
+	}
+	for (uint32 what = 0; what < 24; what++)
+		EXPECT_EQ(tally[what], 1) << what;
+	for (uint32 what = 24; what < tally.size(); what++)
+		EXPECT_EQ(tally[what], 0) << what;
+}
+
+TEST_F(ZvMessageQueueTest, DestroyingAQueueThatGrewWhileWrappedDeletesEachMessageOnce)
+{
+	std::vector<int> tally(100, 0);
+	{
+		ZvMessageQueue queue(1000);
+		for (uint32 what = 0; what < 10; what++)
+			queue.AddMessage(new TalliedMessage(what, &tally));
+		for (uint32 what = 0; what < 7; what++)
+			ExpectNext(queue, what);
+		for (uint32 what = 10; what < 50; what++)
+			queue.AddMessage(new TalliedMessage(what, &tally));
+		// Take a few more so that the head moves in the grown ring too.
+		for (uint32 what = 7; what < 12; what++)
+			ExpectNext(queue, what);
+		for (uint32 what = 50; what < 60; what++)
+			queue.AddMessage(new TalliedMessage(what, &tally));
+		ASSERT_EQ(queue.CountItems(), 48);
+	}
+	for (uint32 what = 0; what < 60; what++)
+		EXPECT_EQ(tally[what], 1) << what;
+	EXPECT_EQ(sDeleted.load(), 0);
+}
+
+TEST_F(ZvMessageQueueTest, WithLimitTwoAndAWrappedRingTheFirstFourAddsPassAndTheFifthWaits)
+{
+	zvtest::Watchdog watchdog(20s, "limit-2 sequence on a wrapped ring");
+	ZvMessageQueue queue(2);
+	// Thirteen single adds and removes leave the head at slot 13; each
+	// removal leaves the queue empty, below the limit, so "_item_limit"
+	// keeps its one initial unit.
+	for (uint32 what = 100; what < 113; what++) {
+		queue.AddMessage(new ZvMessage(what));
+		ExpectNext(queue, what);
+	}
+	// Slots 13, 14, 15 and 0.
+	AddNumbered(queue, 1, 4);
+	ASSERT_EQ(queue.CountItems(), 4);
+
+	BackgroundAdd fifth(queue, new ZvMessage(5));
+	EXPECT_FALSE(fifth.FinishesWithin(200ms)) << "the fifth add should wait";
+	EXPECT_EQ(queue.CountItems(), 4);
+
+	ExpectNext(queue, 1);
+	EXPECT_TRUE(fifth.FinishesWithin(10s));
+	EXPECT_EQ(queue.CountItems(), 4);
+	for (uint32 what = 2; what <= 5; what++)
+		ExpectNext(queue, what);
+	EXPECT_TRUE(queue.IsEmpty());
 }
 
 TEST_F(ZvMessageQueueTest, ConcurrentAddersAndOneRemoverLoseNothingAndKeepEachAddersOrder)

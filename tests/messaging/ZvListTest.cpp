@@ -6,10 +6,16 @@
 #include <ZvMessage.h>
 #include <ZvTypeCodes.h>
 
+#include "TestSupport.h"
+
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
+#include <deque>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -258,6 +264,90 @@ TEST(ZvListTest, ListIsPolymorphicWithVirtualMakeEmpty)
 	ZvList<int*>& base = list;
 	base.MakeEmpty();
 	EXPECT_EQ(1, list.emptied);
+}
+
+// Whether list holds exactly the entries of model, in order.
+bool SameEntries(const ZvList<int*>& list, const std::deque<int*>& model)
+{
+	if (list.CountItems() != static_cast<int32>(model.size()))
+		return false;
+	for (int32 i = 0; i < list.CountItems(); i++) {
+		if (list.ItemAt(i) != model[static_cast<size_t>(i)])
+			return false;
+	}
+	return true;
+}
+
+TEST(ZvListTest, EntriesStayInOrderAcrossManyAddsAndRemovalsFromBothEnds)
+{
+	std::vector<int> values(20000);
+	size_t next = 0;
+	ZvList<int*> list(16);
+	std::deque<int*> model;
+	std::mt19937 random(12345);
+	int resizes = 0;
+	// Three waves: grow to about 2000 entries while also removing from both
+	// ends, then drain from both ends while still adding now and then.
+	for (int wave = 0; wave < 3; wave++) {
+		for (int phase = 0; phase < 2; phase++) {
+			const unsigned addPercent = phase == 0 ? 70 : 25;
+			while (phase == 0 ? model.size() < 2000 : !model.empty()) {
+				const int32 capacity = list.capacity;
+				if (random() % 100 < addPercent) {
+					int* entry = &values[next++ % values.size()];
+					list.AddItem(entry);
+					model.push_back(entry);
+				} else if (!model.empty()) {
+					const bool front = random() % 2 == 0;
+					const int32 index = front ? 0 : list.CountItems() - 1;
+					ASSERT_EQ(front ? model.front() : model.back(), list.RemoveItem(index));
+					if (front)
+						model.pop_front();
+					else
+						model.pop_back();
+				}
+				ASSERT_GE(list.capacity, list.CountItems());
+				// The array was copied: check every entry.
+				if (list.capacity != capacity) {
+					resizes++;
+					ASSERT_TRUE(SameEntries(list, model)) << "after a resize to " << list.capacity;
+				}
+			}
+			ASSERT_TRUE(SameEntries(list, model));
+		}
+	}
+	EXPECT_GT(resizes, 50);
+	// Emptied, the list keeps less than a step: the few slots that a
+	// removal can never free.
+	EXPECT_EQ(0, list.CountItems());
+	EXPECT_LT(list.capacity, 16);
+}
+
+TEST(ZvListTest, AListGrownOnOneThreadIsShrunkAndFreedOnAnother)
+{
+	zvtest::Watchdog watchdog(std::chrono::seconds(60), "list hand-over");
+	std::vector<int> values(5000);
+	ZvList<int*>* list = new ZvList<int*>(16);
+	// Joining the first thread before starting the second orders the two.
+	std::thread filler([&] {
+		for (int& value : values)
+			list->AddItem(&value);
+	});
+	filler.join();
+	bool inOrder = true;
+	std::thread drainer([&] {
+		int32 front = 0;
+		int32 back = static_cast<int32>(values.size()) - 1;
+		while (list->CountItems() > 100) {
+			inOrder = inOrder && list->RemoveItem(0) == &values[front++];
+			inOrder = inOrder && list->RemoveItem(list->CountItems() - 1) == &values[back--];
+		}
+		for (int32 i = 0; i < list->CountItems(); i++)
+			inOrder = inOrder && list->ItemAt(i) == &values[front + i];
+		delete list;
+	});
+	drainer.join();
+	EXPECT_TRUE(inOrder);
 }
 
 TEST(ZvGeometryTest, MinAndMaxGiveTheSecondArgumentOnATie)

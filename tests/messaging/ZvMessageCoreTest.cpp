@@ -3,11 +3,16 @@
 #include <ZvMessage.h>
 
 #include "MessageTestSupport.h"
+#include "internal/BlockCache.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -53,6 +58,29 @@ std::string RawValue(const ZvMessage& message, const char* name)
 	if (!message.FindData(name, 0x52415754, &data, &size))
 		return "<none>";
 	return std::string(static_cast<const char*>(data), size);
+}
+
+// Whether the item's value lies inside the item object itself.
+bool ValueIsInsideTheItem(const ZvMessageItem& item)
+{
+	const uintptr_t value = reinterpret_cast<uintptr_t>(item.data);
+	return value >= reinterpret_cast<uintptr_t>(&item) &&
+	       value < reinterpret_cast<uintptr_t>(&item + 1);
+}
+
+// count bytes that differ for each seed.
+std::vector<uint8> Pattern(int32 count, int seed)
+{
+	std::vector<uint8> bytes(static_cast<size_t>(count));
+	for (int32 i = 0; i < count; i++)
+		bytes[i] = static_cast<uint8>(seed * 7 + i * 13 + 1);
+	return bytes;
+}
+
+bool HoldsPattern(const void* data, int32 count, int seed)
+{
+	const std::vector<uint8> expected = Pattern(count, seed);
+	return count == 0 || (data != nullptr && memcmp(data, expected.data(), expected.size()) == 0);
 }
 
 // ZvMessageItem
@@ -129,6 +157,158 @@ TEST(ZvMessageItemTest, ReplaceDataNeverShrinksAndCopiesTheStoredSize)
 	item.ReplaceData(4, source);
 	EXPECT_EQ(10, item.size);
 	EXPECT_EQ(0, memcmp("ABCDEFGHIJ", item.data, 10));
+}
+
+TEST(ZvMessageItemTest, ValuesOfUpToThirtyTwoBytesLiveInsideTheItemAndLongerOnesOutside)
+{
+	ASSERT_EQ(32, ZvMessageItem::kInlineDataSize);
+	for (int32 size : {1, 4, 31, 32, 33, 64, 1000}) {
+		const std::vector<uint8> value = Pattern(size, size);
+		ZvMessageItem item("v", 0x52415754, size, value.data());
+		EXPECT_EQ(size, item.size);
+		EXPECT_TRUE(HoldsPattern(item.data, size, size)) << size;
+		EXPECT_EQ(size <= ZvMessageItem::kInlineDataSize, ValueIsInsideTheItem(item)) << size;
+	}
+}
+
+TEST(ZvMessageItemTest, NullDataGivesZerosInlineAndOnTheHeap)
+{
+	for (int32 size : {32, 33}) {
+		ZvMessageItem item("zeros", 0x52415754, size, nullptr);
+		ASSERT_NE(nullptr, item.data);
+		EXPECT_EQ(std::vector<uint8>(size, 0), std::vector<uint8>(item.data, item.data + size));
+	}
+}
+
+TEST(ZvMessageItemTest, ReplaceDataGrowingUpToThirtyTwoBytesKeepsTheValueInPlace)
+{
+	ZvMessageItem item("grow", 0x52415754, 4, "abcd");
+	ASSERT_TRUE(ValueIsInsideTheItem(item));
+	const uint8* before = item.data;
+	for (int32 size : {5, 16, 31, 32}) {
+		const std::vector<uint8> value = Pattern(size, size);
+		item.ReplaceData(size, value.data());
+		EXPECT_EQ(size, item.size);
+		EXPECT_EQ(before, item.data) << size;
+		EXPECT_TRUE(HoldsPattern(item.data, size, size)) << size;
+	}
+}
+
+TEST(ZvMessageItemTest, ReplaceDataGrowingPastThirtyTwoBytesMovesTheValueOut)
+{
+	const std::vector<uint8> small = Pattern(32, 1);
+	ZvMessageItem item("grow", 0x52415754, 32, small.data());
+	const std::vector<uint8> large = Pattern(33, 2);
+	item.ReplaceData(33, large.data());
+	EXPECT_EQ(33, item.size);
+	EXPECT_FALSE(ValueIsInsideTheItem(item));
+	EXPECT_TRUE(HoldsPattern(item.data, 33, 2));
+
+	// Shrinking keeps the stored size of 33 and copies 33 bytes.
+	const std::vector<uint8> shorter = Pattern(33, 3);
+	const uint8* heap = item.data;
+	item.ReplaceData(10, shorter.data());
+	EXPECT_EQ(33, item.size);
+	EXPECT_EQ(heap, item.data);
+	EXPECT_TRUE(HoldsPattern(item.data, 33, 3));
+
+	// Growing again on the heap.
+	const std::vector<uint8> larger = Pattern(300, 4);
+	item.ReplaceData(300, larger.data());
+	EXPECT_EQ(300, item.size);
+	EXPECT_TRUE(HoldsPattern(item.data, 300, 4));
+}
+
+TEST(ZvMessageItemTest, ReplaceDataOnAnItemWithoutValueMakesAnInlineOne)
+{
+	ZvMessageItem item("empty", 0x52415754, 0, nullptr);
+	ASSERT_EQ(nullptr, item.data);
+	item.ReplaceData(8, "12345678");
+	EXPECT_EQ(8, item.size);
+	EXPECT_TRUE(ValueIsInsideTheItem(item));
+	EXPECT_EQ(0, memcmp("12345678", item.data, 8));
+}
+
+TEST(ZvMessageItemTest, CopyOfAnInlineValueIsIndependentOfTheOriginal)
+{
+	for (int32 size : {1, 32, 33}) {
+		const std::vector<uint8> value = Pattern(size, 5);
+		std::unique_ptr<ZvMessageItem> original(
+		    new ZvMessageItem("orig", 0x52415754, size, value.data()));
+		ZvMessageItem copy(original.get());
+		EXPECT_EQ(size <= ZvMessageItem::kInlineDataSize, ValueIsInsideTheItem(copy)) << size;
+		EXPECT_NE(original->data, copy.data);
+
+		// Changing either leaves the other.
+		memset(original->data, 0xEE, static_cast<size_t>(size));
+		EXPECT_TRUE(HoldsPattern(copy.data, size, 5)) << size;
+		const std::vector<uint8> other = Pattern(size, 6);
+		copy.ReplaceData(size, other.data());
+		EXPECT_EQ(std::vector<uint8>(size, 0xEE),
+		          std::vector<uint8>(original->data, original->data + size));
+
+		// The copy outlives its original.
+		original.reset();
+		EXPECT_TRUE(HoldsPattern(copy.data, size, 6)) << size;
+	}
+}
+
+TEST(ZvMessageItemTest, ReadingRecordsMovesTheValueBetweenTheItemAndTheHeap)
+{
+	// One item reads records of each size in turn, as Unflatten refills the
+	// items a message already has.
+	ZvMessageItem item;
+	for (int32 size : {0, 33, 1, 1000, 32, 0, 32, 33, 33, 4}) {
+		const std::vector<uint8> value = Pattern(size, size + 1);
+		ZvMessageItem source("rec", 0x52415754, size, value.data());
+		std::vector<uint8> record(static_cast<size_t>(source.Size()));
+		ASSERT_EQ(source.Size(), source.GetData(record.data()));
+		ASSERT_EQ(source.Size(), item.SetData(record.data(), record.size())) << size;
+		EXPECT_EQ(size, item.size);
+		// An empty record leaves a value block behind too.
+		ASSERT_NE(nullptr, item.data) << size;
+		EXPECT_EQ(size <= ZvMessageItem::kInlineDataSize, ValueIsInsideTheItem(item)) << size;
+		EXPECT_TRUE(HoldsPattern(item.data, size, size + 1)) << size;
+
+		ZvMessageItem trusting;
+		ASSERT_EQ(source.Size(), trusting.SetData(record.data()));
+		EXPECT_EQ(size <= ZvMessageItem::kInlineDataSize, ValueIsInsideTheItem(trusting));
+		EXPECT_TRUE(HoldsPattern(trusting.data, size, size + 1)) << size;
+	}
+}
+
+TEST(ZvMessageItemTest, NothrowNewGivesAUsableItem)
+{
+	ZvMessageItem* item = new (std::nothrow) ZvMessageItem("nothrow", ZV_INT32_TYPE, 4, "\1\2\3\4");
+	ASSERT_NE(nullptr, item);
+	EXPECT_STREQ("nothrow", item->name);
+	EXPECT_EQ(0, memcmp("\1\2\3\4", item->data, 4));
+	delete item;
+}
+
+TEST(ZvMessageItemTest, PlacementNewBuildsTheItemInTheCallersStorage)
+{
+	alignas(ZvMessageItem) unsigned char storage[sizeof(ZvMessageItem)];
+	ZvMessageItem* item = new (storage) ZvMessageItem("placed", 0x52415754, 20, nullptr);
+	EXPECT_EQ(static_cast<void*>(storage), static_cast<void*>(item));
+	EXPECT_TRUE(ValueIsInsideTheItem(*item));
+	item->ReplaceData(40, std::vector<uint8>(40, 9).data());
+	EXPECT_FALSE(ValueIsInsideTheItem(*item));
+	// The heap value is freed by the destructor (LeakSanitizer checks).
+	item->~ZvMessageItem();
+}
+
+TEST(ZvMessageItemTest, ADeletedItemsBlockIsReusedForTheNextItem)
+{
+	if (!zv_internal::BlockCacheEnabled())
+		GTEST_SKIP() << "the block cache is off in this process";
+	ZvMessageItem* first = new ZvMessageItem("a", ZV_INT32_TYPE, 4, "abcd");
+	void* const address = first;
+	delete first;
+	ZvMessageItem* second = new ZvMessageItem("b", ZV_INT32_TYPE, 4, "efgh");
+	EXPECT_EQ(address, static_cast<void*>(second));
+	EXPECT_STREQ("b", second->name);
+	delete second;
 }
 
 // Construction, copy and assignment
@@ -597,6 +777,182 @@ TEST(ZvMessageCoreTest, ManyItemsGrowAndShrinkTheItemList)
 	ASSERT_TRUE(message.FindInt32("n", 0, &value));
 	EXPECT_EQ(490, value);
 	EXPECT_EQ(10, CountOf(message));
+}
+
+TEST(ZvMessageCoreTest, FindDataOfValuesAroundThirtyTwoBytesStaysValidWhileTheMessageGrows)
+{
+	ZvMessage message(0);
+	const int32 sizes[] = {31, 32, 33};
+	for (int32 size : sizes) {
+		const std::vector<uint8> value = Pattern(size, size);
+		ASSERT_TRUE(message.AddData(std::to_string(size).c_str(), 0x52415754, value.data(), size));
+	}
+	std::vector<const void*> found;
+	for (int32 size : sizes) {
+		const void* data = nullptr;
+		int32 length = 0;
+		ASSERT_TRUE(message.FindData(std::to_string(size).c_str(), 0x52415754, &data, &length));
+		EXPECT_EQ(size, length);
+		EXPECT_TRUE(HoldsPattern(data, size, size));
+		ZvMessageItem* item = nullptr;
+		ASSERT_TRUE(message._FindData(std::to_string(size).c_str(), 0x52415754, 0, &item));
+		EXPECT_EQ(item->data, data);
+		EXPECT_EQ(size <= ZvMessageItem::kInlineDataSize, ValueIsInsideTheItem(*item)) << size;
+		found.push_back(data);
+	}
+
+	// The item list grows several times; the items themselves stay put.
+	for (int i = 0; i < 300; i++)
+		message.AddInt64("filler", i);
+	for (size_t i = 0; i < found.size(); i++) {
+		const void* data = nullptr;
+		ASSERT_TRUE(message.FindData(std::to_string(sizes[i]).c_str(), 0x52415754, &data, nullptr));
+		EXPECT_EQ(found[i], data);
+		EXPECT_TRUE(HoldsPattern(found[i], sizes[i], sizes[i]));
+	}
+}
+
+TEST(ZvMessageCoreTest, ReplacingAnInlineValueWithALargerOneUpToThirtyTwoBytesKeepsItsAddress)
+{
+	ZvMessage message(0);
+	message.AddInt32("v", 7);
+	const void* before = nullptr;
+	ASSERT_TRUE(message.FindData("v", ZV_INT32_TYPE, &before, nullptr));
+	const std::vector<uint8> value = Pattern(32, 8);
+	ASSERT_TRUE(message.ReplaceData("v", ZV_INT32_TYPE, value.data(), 32));
+	const void* after = nullptr;
+	int32 size = 0;
+	ASSERT_TRUE(message.FindData("v", ZV_INT32_TYPE, &after, &size));
+	EXPECT_EQ(before, after);
+	EXPECT_EQ(32, size);
+	EXPECT_TRUE(HoldsPattern(after, 32, 8));
+
+	const std::vector<uint8> larger = Pattern(33, 9);
+	ASSERT_TRUE(message.ReplaceData("v", ZV_INT32_TYPE, larger.data(), 33));
+	ASSERT_TRUE(message.FindData("v", ZV_INT32_TYPE, &after, &size));
+	EXPECT_EQ(33, size);
+	EXPECT_TRUE(HoldsPattern(after, 33, 9));
+}
+
+TEST(ZvMessageCoreTest, ACopiedMessagesInlineValuesAreIndependentOfTheOriginal)
+{
+	std::unique_ptr<ZvMessage> original(new ZvMessage(3));
+	original->AddInt32("small", 1);
+	original->AddString("text", "thirty-one characters of text!");
+	const std::vector<uint8> large = Pattern(33, 10);
+	original->AddData("large", 0x52415754, large.data(), 33);
+	ZvMessage copy(*original);
+
+	copy.ReplaceInt32("small", 2);
+	copy.ReplaceString("text", "other");
+	original->ReplaceString("text", "changed in the original as well");
+	int32 value = 0;
+	ASSERT_TRUE(original->FindInt32("small", &value));
+	EXPECT_EQ(1, value);
+
+	const char* text = nullptr;
+	ASSERT_TRUE(copy.FindString("text", &text));
+	// The stored size never shrinks: the copy keeps 31 bytes, "other" and
+	// zeros.
+	EXPECT_STREQ("other", text);
+	original.reset();
+	ASSERT_TRUE(copy.FindInt32("small", &value));
+	EXPECT_EQ(2, value);
+	EXPECT_STREQ("other", text);
+	EXPECT_EQ(std::string(reinterpret_cast<const char*>(large.data()), 33),
+	          RawValue(copy, "large"));
+}
+
+TEST(ZvMessageCoreTest, NothrowNewGivesAUsableMessage)
+{
+	ZvMessage* message = new (std::nothrow) ZvMessage(11);
+	ASSERT_NE(nullptr, message);
+	EXPECT_EQ(11u, message->what);
+	for (int i = 0; i < 40; i++)
+		message->AddInt32("n", i);
+	int32 value = 0;
+	EXPECT_TRUE(message->FindInt32("n", 39, &value));
+	EXPECT_EQ(39, value);
+	delete message;
+}
+
+TEST(ZvMessageCoreTest, PlacementNewBuildsTheMessageInTheCallersStorage)
+{
+	alignas(ZvMessage) unsigned char storage[sizeof(ZvMessage)];
+	ZvMessage* message = new (storage) ZvMessage(12);
+	EXPECT_EQ(static_cast<void*>(storage), static_cast<void*>(message));
+	message->AddString("s", "placed");
+	const char* text = nullptr;
+	EXPECT_TRUE(message->FindString("s", &text));
+	EXPECT_STREQ("placed", text);
+	// The destructor frees the items (LeakSanitizer checks).
+	message->~ZvMessage();
+}
+
+// A message class with members of its own, as applications derive them.
+template <size_t kTail> class TailedMessage : public ZvMessage
+{
+public:
+	explicit TailedMessage(int* destroyed) : ZvMessage(uint32(kTail)), fDestroyed(destroyed)
+	{
+		for (size_t i = 0; i < kTail; i++)
+			fTail[i] = static_cast<uint8>(i * 3);
+	}
+
+	~TailedMessage() override { *fDestroyed += TailIntact() ? 1 : 1000; }
+
+	bool TailIntact() const
+	{
+		for (size_t i = 0; i < kTail; i++) {
+			if (fTail[i] != static_cast<uint8>(i * 3))
+				return false;
+		}
+		return true;
+	}
+
+private:
+	int* fDestroyed;
+	uint8 fTail[kTail];
+};
+
+template <size_t kTail> void CheckDerivedMessageThroughBasePointer()
+{
+	int destroyed = 0;
+	ZvMessage* message = new TailedMessage<kTail>(&destroyed);
+	message->AddInt32("a", 1);
+	message->AddString("b", "two");
+	EXPECT_TRUE(static_cast<TailedMessage<kTail>*>(message)->TailIntact());
+	delete message;
+	EXPECT_EQ(1, destroyed);
+}
+
+TEST(ZvMessageCoreTest, DerivedMessagesWithMembersOfTheirOwnAreDeletedThroughABasePointer)
+{
+	// Cached sizes and one past the cache's largest block.
+	CheckDerivedMessageThroughBasePointer<8>();
+	CheckDerivedMessageThroughBasePointer<100>();
+	CheckDerivedMessageThroughBasePointer<300>();
+}
+
+TEST(ZvMessageCoreTest, ADerivedMessageIsFreedAsItsOwnSizeNotTheBaseSize)
+{
+	if (!zv_internal::BlockCacheEnabled())
+		GTEST_SKIP() << "the block cache is off in this process";
+	using Derived = TailedMessage<100>;
+	static_assert(sizeof(Derived) / 16 != sizeof(ZvMessage) / 16, "sizes in different classes");
+	int destroyed = 0;
+	ZvMessage* derived = new Derived(&destroyed);
+	void* const address = derived;
+	delete derived;
+	// Freed with the derived size, the block went to the derived size's
+	// class: a base message does not get it, the next derived one does.
+	ZvMessage* base = new ZvMessage(1);
+	EXPECT_NE(address, static_cast<void*>(base));
+	ZvMessage* again = new Derived(&destroyed);
+	EXPECT_EQ(address, static_cast<void*>(again));
+	delete again;
+	delete base;
+	EXPECT_EQ(2, destroyed);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -255,6 +256,100 @@ TEST(ZvMessageFlattenTest, UnflattenIntoAMessageWithMoreOrFewerItemsLeavesOnlyTh
 		EXPECT_STREQ("short", text);
 		EXPECT_FALSE(target.HasString("s", 1));
 	}
+}
+
+// Values just below, at and above the size kept inside an item, and far
+// above it, in every order.
+const int32 kEdgeSizes[] = {0, 1, 32, 33, 1000};
+
+std::vector<uint8> EdgeValue(int32 size, int seed)
+{
+	std::vector<uint8> value(static_cast<size_t>(size));
+	for (int32 i = 0; i < size; i++)
+		value[i] = static_cast<uint8>(seed + i * 11);
+	return value;
+}
+
+// A message with one "RAWT" field per size of sizes, field i called "f<i>".
+ZvMessage EdgeMessage(const std::vector<int32>& sizes, int seed)
+{
+	ZvMessage message(static_cast<uint32>(seed));
+	for (size_t i = 0; i < sizes.size(); i++) {
+		const std::vector<uint8> value = EdgeValue(sizes[i], seed + static_cast<int>(i));
+		// AddData refuses null data, which an empty vector may give.
+		const void* data = value.empty() ? static_cast<const void*>("") : value.data();
+		message.AddData(("f" + std::to_string(i)).c_str(), 0x52415754, data, sizes[i]);
+	}
+	return message;
+}
+
+void ExpectEdgeValues(const ZvMessage& message, const std::vector<int32>& sizes, int seed)
+{
+	for (size_t i = 0; i < sizes.size(); i++) {
+		const void* data = nullptr;
+		int32 size = -1;
+		ASSERT_TRUE(message.FindData(("f" + std::to_string(i)).c_str(), 0x52415754, &data, &size));
+		ASSERT_EQ(sizes[i], size);
+		const std::vector<uint8> expected = EdgeValue(sizes[i], seed + static_cast<int>(i));
+		if (size > 0) {
+			EXPECT_EQ(0, memcmp(expected.data(), data, expected.size())) << "size " << size;
+		}
+	}
+}
+
+TEST(ZvMessageFlattenTest, ValuesAroundTheInlineSizeRoundTripThroughBothUnflattens)
+{
+	const std::vector<int32> sizes(std::begin(kEdgeSizes), std::end(kEdgeSizes));
+	const ZvMessage message = EdgeMessage(sizes, 3);
+	const std::vector<uint8> flat = FlatBytes(message);
+
+	ZvMessage trusted(static_cast<const void*>(flat.data()));
+	ExpectEdgeValues(trusted, sizes, 3);
+	EXPECT_EQ(flat, FlatBytes(trusted));
+
+	ZvMessage bounded(0);
+	ASSERT_TRUE(bounded.Unflatten(flat.data(), flat.size()));
+	ExpectEdgeValues(bounded, sizes, 3);
+	EXPECT_EQ(flat, FlatBytes(bounded));
+
+	// A copy of the restored message (flags are 0 throughout) flattens alike.
+	ZvMessage copy(bounded);
+	ExpectEdgeValues(copy, sizes, 3);
+	EXPECT_EQ(flat, FlatBytes(copy));
+}
+
+TEST(ZvMessageFlattenTest, RefillingItemsWithValuesOfOtherSizesKeepsEveryValue)
+{
+	// Every rotation of the sizes is read into the same message, so each of
+	// its items goes from every size to every other one.
+	std::vector<int32> sizes(std::begin(kEdgeSizes), std::end(kEdgeSizes));
+	ZvMessage target(0);
+	for (int round = 0; round < 3; round++) {
+		for (size_t shift = 0; shift < sizes.size(); shift++) {
+			std::rotate(sizes.begin(), sizes.begin() + 1, sizes.end());
+			const int seed = round * 10 + static_cast<int>(shift);
+			const std::vector<uint8> flat = FlatBytes(EdgeMessage(sizes, seed));
+			const bool read = shift % 2 == 0 ? target.Unflatten(flat.data(), flat.size())
+			                                 : target.Unflatten(flat.data());
+			ASSERT_TRUE(read);
+			ExpectEdgeValues(target, sizes, seed);
+			EXPECT_EQ(flat, FlatBytes(target));
+		}
+	}
+}
+
+TEST(ZvMessageFlattenTest, NestedMessagesWithValuesAroundTheInlineSizeRoundTrip)
+{
+	const std::vector<int32> sizes(std::begin(kEdgeSizes), std::end(kEdgeSizes));
+	const ZvMessage inner = EdgeMessage(sizes, 20);
+	ZvMessage outer(1);
+	ASSERT_TRUE(outer.AddMessage("inner", &inner));
+	const std::vector<uint8> flat = FlatBytes(outer);
+	ZvMessage restored(flat.data(), flat.size());
+	ZvMessage found(0);
+	ASSERT_TRUE(restored.FindMessage("inner", &found));
+	ExpectEdgeValues(found, sizes, 20);
+	EXPECT_EQ(FlatBytes(inner), FlatBytes(found));
 }
 
 // The bounded Unflatten

@@ -10,6 +10,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -106,6 +111,142 @@ TEST(ZvMessageThreadTest, MessageHandedToAnotherThreadIsComplete)
 	handedOver.CountDown();
 	receiver.join();
 	EXPECT_TRUE(ok.load());
+}
+
+// A first-in first-out hand-over of messages between two threads, as a
+// looper's queue hands them over.
+class MessageChannel
+{
+public:
+	~MessageChannel()
+	{
+		for (ZvMessage* message : fMessages)
+			delete message;
+	}
+
+	void Push(ZvMessage* message)
+	{
+		{
+			std::lock_guard<std::mutex> hold(fLock);
+			fMessages.push_back(message);
+		}
+		fAdded.notify_one();
+	}
+
+	// The oldest message, or null when none arrives within the limit.
+	ZvMessage* Pop(std::chrono::milliseconds limit)
+	{
+		std::unique_lock<std::mutex> hold(fLock);
+		if (!fAdded.wait_for(hold, limit, [this] { return !fMessages.empty(); }))
+			return nullptr;
+		ZvMessage* message = fMessages.front();
+		fMessages.pop_front();
+		return message;
+	}
+
+private:
+	std::mutex fLock;
+	std::condition_variable fAdded;
+	std::deque<ZvMessage*> fMessages;
+};
+
+// Field "seq" comes first, so its value lies at a fixed offset of the flat
+// form: header (12), type (4), "seq" and its terminator (4), size (4).
+constexpr size_t kSeqOffset = 24;
+
+// A message with values of every size around the one kept inside an item,
+// strings, a nested message and enough fields to grow the item list past
+// several steps.
+ZvMessage ExchangeTemplate()
+{
+	ZvMessage message(0x65786368);
+	message.AddInt32("seq", 0);
+	for (int32 size : {0, 1, 31, 32, 33, 100, 1000}) {
+		std::vector<uint8> value(static_cast<size_t>(size));
+		for (int32 i = 0; i < size; i++)
+			value[i] = static_cast<uint8>(size + i);
+		// AddData refuses null data, which an empty vector may give.
+		const void* data = value.empty() ? static_cast<const void*>("") : value.data();
+		message.AddData(("raw" + std::to_string(size)).c_str(), 0x52415754, data, size);
+	}
+	message.AddString("short", "inline");
+	message.AddString("long", std::string(200, 'L').c_str());
+	ZvMessage inner(2);
+	inner.AddString("s", "nested value");
+	inner.AddInt64("n", -1);
+	message.AddMessage("inner", &inner);
+	for (int i = 0; i < 40; i++)
+		message.AddInt32("fill", i);
+	return message;
+}
+
+// Whether message is the template with seq as its "seq" value.
+bool MatchesTemplate(const ZvMessage& message, const std::vector<uint8>& templateFlat, int32 seq)
+{
+	std::vector<uint8> expected = templateFlat;
+	memcpy(expected.data() + kSeqOffset, &seq, sizeof(seq));
+	return FlatBytes(message) == expected;
+}
+
+TEST(ZvMessageThreadTest, CopiesMadeOnOneThreadAndDeletedOnAnotherKeepEveryValue)
+{
+	Watchdog watchdog(std::chrono::seconds(240), "message exchange");
+	constexpr int32 kMessages = 3000;
+	constexpr int32 kInFlight = 64;
+	const ZvMessage model = ExchangeTemplate();
+	ASSERT_TRUE(model.HasData("raw0", 0x52415754, 0));
+	const std::vector<uint8> modelFlat = FlatBytes(model);
+	ASSERT_EQ(0, memcmp(modelFlat.data() + kSeqOffset - 8, "seq", 4));
+
+	MessageChannel toEcho;
+	MessageChannel back;
+	std::atomic<int> echoFailures{0};
+	std::atomic<bool> echoStalled{false};
+	// The echo thread checks each copy, answers with a copy of its own and
+	// deletes the one it received: blocks made on one thread are freed on
+	// the other in both directions.
+	std::thread echo([&] {
+		for (int32 i = 0; i < kMessages; i++) {
+			ZvMessage* received = toEcho.Pop(std::chrono::seconds(20));
+			if (received == nullptr) {
+				echoStalled = true;
+				return;
+			}
+			if (!MatchesTemplate(*received, modelFlat, i))
+				echoFailures++;
+			back.Push(new ZvMessage(*received));
+			delete received;
+		}
+	});
+
+	int failures = 0;
+	int32 returned = 0;
+	bool stalled = false;
+	for (int32 i = 0; i < kMessages && !stalled; i++) {
+		ZvMessage* copy = new ZvMessage(model);
+		copy->ReplaceInt32("seq", i);
+		toEcho.Push(copy);
+		while (!stalled &&
+		       (i + 1 - returned > kInFlight || (i + 1 == kMessages && returned < i + 1))) {
+			ZvMessage* answer = back.Pop(std::chrono::seconds(20));
+			if (answer == nullptr) {
+				stalled = true;
+				break;
+			}
+			if (!MatchesTemplate(*answer, modelFlat, returned))
+				failures++;
+			delete answer;
+			returned++;
+		}
+	}
+	echo.join();
+	EXPECT_FALSE(stalled);
+	EXPECT_FALSE(echoStalled.load());
+	EXPECT_EQ(kMessages, returned);
+	EXPECT_EQ(0, failures);
+	EXPECT_EQ(0, echoFailures.load());
+	// The model itself was only read.
+	EXPECT_EQ(modelFlat, FlatBytes(model));
 }
 
 } // namespace

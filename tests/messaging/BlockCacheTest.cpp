@@ -1,0 +1,634 @@
+// The per-thread block cache behind messages, items and list arrays: reuse
+// within a thread, size classes, the thread cache's bound and its batches,
+// the central store (its hand-overs between threads and its cap), and the
+// bypasses (large blocks, a disabled cache).
+//
+// This executable holds its own copy of the cache (see deps.cmake), used by
+// this file alone. Each test works in a size class of its own, so that what
+// one test leaves in the central store cannot change another's counts.
+#include "internal/BlockCache.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using zv_internal::AllocateBlock;
+using zv_internal::BlockCacheEnabled;
+using zv_internal::CentralCachedBlocks;
+using zv_internal::FreeBlock;
+using zv_internal::FreeUnsizedBlock;
+using zv_internal::ThreadCachedBlocks;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// The cache's parameters as its users see them.
+constexpr size_t kGranule = 16;
+constexpr size_t kBatch = 32;
+constexpr size_t kThreadBound = 64;
+constexpr size_t kCentralBytes = size_t(2) << 20;
+
+const char kCacheOff[] = "the block cache is off in this process";
+
+// Runs body in a thread of its own, which starts with an empty cache, and
+// waits for it to end (its cache is flushed by then).
+void RunInFreshThread(const std::function<void()>& body)
+{
+	std::thread thread(body);
+	thread.join();
+}
+
+// Fills a block with a pattern derived from seed, and checks it.
+void Stamp(void* block, size_t size, uint32_t seed)
+{
+	uint8_t* bytes = static_cast<uint8_t*>(block);
+	for (size_t i = 0; i < size; i++)
+		bytes[i] = static_cast<uint8_t>(seed * 31 + i);
+}
+
+bool HasStamp(const void* block, size_t size, uint32_t seed)
+{
+	const uint8_t* bytes = static_cast<const uint8_t*>(block);
+	for (size_t i = 0; i < size; i++) {
+		if (bytes[i] != static_cast<uint8_t>(seed * 31 + i))
+			return false;
+	}
+	return true;
+}
+
+// The calling thread's cached blocks in every class, smallest first.
+std::vector<size_t> ThreadCounts()
+{
+	std::vector<size_t> counts;
+	for (size_t size = kGranule; size <= zv_internal::kMaxCachedBlock; size += kGranule)
+		counts.push_back(ThreadCachedBlocks(size));
+	return counts;
+}
+
+std::vector<size_t> CentralCounts()
+{
+	std::vector<size_t> counts;
+	for (size_t size = kGranule; size <= zv_internal::kMaxCachedBlock; size += kGranule)
+		counts.push_back(CentralCachedBlocks(size));
+	return counts;
+}
+
+// Takes every block of size's class that the calling thread and the central
+// store hold, so that what follows starts from an empty class; the caller
+// frees them with FreeBlocks.
+std::vector<void*> DrainClass(size_t size)
+{
+	std::vector<void*> blocks;
+	while (ThreadCachedBlocks(size) > 0 || CentralCachedBlocks(size) > 0)
+		blocks.push_back(AllocateBlock(size));
+	return blocks;
+}
+
+void FreeBlocks(const std::vector<void*>& blocks, size_t size)
+{
+	for (void* block : blocks)
+		FreeBlock(block, size);
+}
+
+// The path of this test executable, to run it again in a child process.
+std::string OwnPath()
+{
+	char path[4096];
+	const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+	if (length <= 0)
+		return std::string();
+	return std::string(path, static_cast<size_t>(length));
+}
+
+} // namespace
+
+TEST(BlockCacheTest, AFreedBlockIsHandedOutAgainToTheSameThread)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	void* first = AllocateBlock(24);
+	ASSERT_NE(first, nullptr);
+	const size_t cached = ThreadCachedBlocks(24);
+	FreeBlock(first, 24);
+	EXPECT_EQ(ThreadCachedBlocks(24), cached + 1);
+	void* again = AllocateBlock(24);
+	EXPECT_EQ(again, first);
+	EXPECT_EQ(ThreadCachedBlocks(24), cached);
+	FreeBlock(again, 24);
+}
+
+TEST(BlockCacheTest, SizesWithinOneSixteenByteClassShareBlocks)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	// 33 to 48 bytes are one class: a block freed as 33 comes back as 48.
+	void* small = AllocateBlock(33);
+	Stamp(small, 33, 1);
+	FreeBlock(small, 33);
+	void* large = AllocateBlock(48);
+	EXPECT_EQ(large, small);
+	// The whole class size is usable.
+	Stamp(large, 48, 2);
+	EXPECT_TRUE(HasStamp(large, 48, 2));
+	FreeBlock(large, 48);
+	EXPECT_EQ(ThreadCachedBlocks(33), ThreadCachedBlocks(48));
+}
+
+TEST(BlockCacheTest, DifferentClassesDoNotShareBlocks)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	void* lower = AllocateBlock(64);
+	const size_t lowerCached = ThreadCachedBlocks(64);
+	const size_t upperCached = ThreadCachedBlocks(65);
+	FreeBlock(lower, 64);
+	EXPECT_EQ(ThreadCachedBlocks(64), lowerCached + 1);
+	EXPECT_EQ(ThreadCachedBlocks(65), upperCached);
+
+	// 65 bytes is the next class: the block of 64 stays in its own.
+	void* upper = AllocateBlock(65);
+	EXPECT_NE(upper, lower);
+	Stamp(upper, 65, 3);
+	EXPECT_EQ(ThreadCachedBlocks(64), lowerCached + 1);
+	void* reused = AllocateBlock(64);
+	EXPECT_EQ(reused, lower);
+	FreeBlock(upper, 65);
+	FreeBlock(reused, 64);
+}
+
+TEST(BlockCacheTest, SizeZeroGivesADistinctUsableBlockOfTheSmallestClass)
+{
+	void* first = AllocateBlock(0);
+	void* second = AllocateBlock(0);
+	ASSERT_NE(first, nullptr);
+	ASSERT_NE(second, nullptr);
+	EXPECT_NE(first, second);
+	FreeBlock(second, 0);
+	if (BlockCacheEnabled()) {
+		// Size 0 is served from the 16-byte class, so 16 bytes may be used.
+		Stamp(first, kGranule, 4);
+		EXPECT_TRUE(HasStamp(first, kGranule, 4));
+		void* reused = AllocateBlock(16);
+		EXPECT_EQ(reused, second);
+		FreeBlock(reused, 16);
+	}
+	FreeBlock(first, 0);
+}
+
+TEST(BlockCacheTest, TheThreadCacheHoldsAtMostSixtyFourBlocksAndSendsTheOldestThirtyTwoOnward)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	constexpr size_t kSize = 100;
+	const size_t centralBefore = CentralCachedBlocks(kSize);
+	RunInFreshThread([&] {
+		ASSERT_EQ(ThreadCachedBlocks(kSize), 0u);
+		std::vector<void*> blocks;
+		for (size_t i = 0; i < kThreadBound + 1; i++)
+			blocks.push_back(AllocateBlock(kSize));
+
+		for (size_t i = 0; i < kThreadBound; i++) {
+			FreeBlock(blocks[i], kSize);
+			EXPECT_EQ(ThreadCachedBlocks(kSize), i + 1);
+			EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore);
+		}
+		// The 65th free finds the cache full: a batch of the 32 freed first
+		// goes to the central store, the newest 32 and this one stay.
+		FreeBlock(blocks[kThreadBound], kSize);
+		EXPECT_EQ(ThreadCachedBlocks(kSize), kThreadBound - kBatch + 1);
+		EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore + kBatch);
+
+		// The 33 kept come out newest first.
+		std::vector<void*> again;
+		for (size_t i = 0; i < kThreadBound - kBatch + 1; i++)
+			again.push_back(AllocateBlock(kSize));
+		EXPECT_EQ(again.front(), blocks[kThreadBound]);
+		EXPECT_EQ(again.back(), blocks[kBatch]);
+		EXPECT_EQ(ThreadCachedBlocks(kSize), 0u);
+		EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore + kBatch);
+
+		// The next allocation takes the batch back whole.
+		again.push_back(AllocateBlock(kSize));
+		EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore);
+		EXPECT_EQ(ThreadCachedBlocks(kSize), kBatch - 1);
+		const std::set<void*> sentOn(blocks.begin(), blocks.begin() + kBatch);
+		EXPECT_EQ(sentOn.count(again.back()), 1u);
+
+		for (void* block : again)
+			FreeBlock(block, kSize);
+	});
+}
+
+TEST(BlockCacheTest, ManyFreesNeverLeaveMoreThanSixtyFourBlocksInTheThreadCache)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	constexpr size_t kSize = 120;
+	RunInFreshThread([&] {
+		std::vector<void*> blocks;
+		for (int i = 0; i < 1000; i++)
+			blocks.push_back(AllocateBlock(kSize));
+		size_t most = 0;
+		for (void* block : blocks) {
+			FreeBlock(block, kSize);
+			most = std::max(most, ThreadCachedBlocks(kSize));
+		}
+		EXPECT_EQ(most, kThreadBound);
+		// Between batches the count runs from 33 to 64.
+		EXPECT_GE(ThreadCachedBlocks(kSize), kThreadBound - kBatch + 1);
+	});
+}
+
+TEST(BlockCacheTest, AnEndingThreadHandsItsBlocksToTheCentralStoreForAnotherThread)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	constexpr size_t kSize = 130;
+	const size_t centralBefore = CentralCachedBlocks(kSize);
+	std::set<void*> freedByFirst;
+	RunInFreshThread([&] {
+		std::vector<void*> blocks;
+		for (size_t i = 0; i < kThreadBound; i++)
+			blocks.push_back(AllocateBlock(kSize));
+		for (void* block : blocks)
+			FreeBlock(block, kSize);
+		EXPECT_EQ(ThreadCachedBlocks(kSize), kThreadBound);
+		EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore);
+		freedByFirst.insert(blocks.begin(), blocks.end());
+	});
+	// Two whole batches went to the store when the thread ended.
+	EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore + kThreadBound);
+
+	RunInFreshThread([&] {
+		std::vector<void*> blocks;
+		for (size_t i = 0; i < kThreadBound; i++) {
+			blocks.push_back(AllocateBlock(kSize));
+			EXPECT_EQ(freedByFirst.count(blocks.back()), 1u) << "block " << i;
+			Stamp(blocks.back(), kSize, static_cast<uint32_t>(i));
+		}
+		EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore);
+		for (size_t i = 0; i < blocks.size(); i++) {
+			EXPECT_TRUE(HasStamp(blocks[i], kSize, static_cast<uint32_t>(i)));
+			FreeBlock(blocks[i], kSize);
+		}
+	});
+	EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore + kThreadBound);
+}
+
+TEST(BlockCacheTest, AnEndingThreadStoresOnlyWholeBatches)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	constexpr size_t kSize = 150;
+	const size_t centralBefore = CentralCachedBlocks(kSize);
+	RunInFreshThread([&] {
+		std::vector<void*> blocks;
+		for (size_t i = 0; i < kBatch + 8; i++)
+			blocks.push_back(AllocateBlock(kSize));
+		for (void* block : blocks)
+			FreeBlock(block, kSize);
+		EXPECT_EQ(ThreadCachedBlocks(kSize), kBatch + 8);
+	});
+	// One batch is stored; the eight left over went back to the allocator.
+	EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore + kBatch);
+}
+
+TEST(BlockCacheTest, BlocksFreedByAConsumerThreadComeBackToTheProducerThroughTheCentralStore)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	zvtest::Watchdog watchdog(120s, "block producer and consumer");
+	constexpr size_t kSize = 180;
+	constexpr int kRounds = 300;
+	constexpr size_t kPerRound = kThreadBound;
+	const std::vector<void*> drained = DrainClass(kSize);
+	ASSERT_EQ(CentralCachedBlocks(kSize), 0u);
+
+	// Round r: the producer allocates and stamps kPerRound blocks, then
+	// counts down handed[r]; the consumer checks and frees them, then counts
+	// down consumed[r]. The latches order every access to the shared
+	// vectors.
+	std::vector<std::unique_ptr<zvtest::Latch>> handed;
+	std::vector<std::unique_ptr<zvtest::Latch>> consumed;
+	for (int round = 0; round < kRounds; round++) {
+		handed.push_back(std::make_unique<zvtest::Latch>(1));
+		consumed.push_back(std::make_unique<zvtest::Latch>(1));
+	}
+	std::vector<void*> inFlight;
+	std::set<void*> freedByConsumer;
+	std::atomic<int> badStamps{0};
+	std::atomic<int> reusedFromConsumer{0};
+	std::atomic<int> notFromConsumer{0};
+	std::atomic<bool> stalled{false};
+
+	std::thread producer([&] {
+		for (int round = 0; round < kRounds; round++) {
+			for (size_t i = 0; i < kPerRound; i++) {
+				void* block = AllocateBlock(kSize);
+				Stamp(block, kSize, static_cast<uint32_t>(round * 1000 + i));
+				// From the third round on, the consumer has sent batches to
+				// the store each round: every block should be one of those.
+				if (round >= 2) {
+					if (freedByConsumer.count(block) == 1)
+						reusedFromConsumer.fetch_add(1);
+					else
+						notFromConsumer.fetch_add(1);
+				}
+				inFlight.push_back(block);
+			}
+			// The producer never frees, so its own cache stays empty.
+			if (ThreadCachedBlocks(kSize) != 0)
+				badStamps.fetch_add(1000000);
+			handed[round]->CountDown();
+			if (!consumed[round]->WaitFor(20s)) {
+				stalled.store(true);
+				return;
+			}
+		}
+	});
+	std::thread consumer([&] {
+		for (int round = 0; round < kRounds; round++) {
+			if (!handed[round]->WaitFor(20s)) {
+				stalled.store(true);
+				return;
+			}
+			for (size_t i = 0; i < inFlight.size(); i++) {
+				if (!HasStamp(inFlight[i], kSize, static_cast<uint32_t>(round * 1000 + i)))
+					badStamps.fetch_add(1);
+				freedByConsumer.insert(inFlight[i]);
+				FreeBlock(inFlight[i], kSize);
+				if (ThreadCachedBlocks(kSize) > kThreadBound)
+					badStamps.fetch_add(1000000);
+			}
+			inFlight.clear();
+			consumed[round]->CountDown();
+		}
+	});
+	producer.join();
+	consumer.join();
+
+	EXPECT_FALSE(stalled.load());
+	EXPECT_EQ(badStamps.load(), 0);
+	EXPECT_EQ(notFromConsumer.load(), 0);
+	EXPECT_EQ(reusedFromConsumer.load(), static_cast<int>((kRounds - 2) * kPerRound));
+	// Two rounds' worth were ever made: everything else was reused.
+	EXPECT_EQ(freedByConsumer.size(), 2 * kPerRound);
+	FreeBlocks(drained, kSize);
+}
+
+TEST(BlockCacheTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheLargestClass)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	constexpr size_t kSize = zv_internal::kMaxCachedBlock;
+	constexpr size_t kCap = kCentralBytes / kSize;
+	RunInFreshThread([&] {
+		std::vector<void*> blocks;
+		for (size_t i = 0; i < kCap + 2000; i++)
+			blocks.push_back(AllocateBlock(kSize));
+		size_t most = 0;
+		for (void* block : blocks) {
+			FreeBlock(block, kSize);
+			most = std::max(most, CentralCachedBlocks(kSize));
+		}
+		EXPECT_LE(most, kCap);
+		// Far more than the cap went through: the store is full.
+		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+		EXPECT_LE(ThreadCachedBlocks(kSize), kThreadBound);
+	});
+	// The ending thread's batches found the store full too.
+	EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+}
+
+TEST(BlockCacheTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheSmallestClass)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	constexpr size_t kSize = kGranule;
+	constexpr size_t kCap = kCentralBytes / kSize;
+	RunInFreshThread([&] {
+		std::vector<void*> blocks(kCap + 5000);
+		for (void*& block : blocks)
+			block = AllocateBlock(kSize);
+		for (size_t i = 0; i < blocks.size(); i++) {
+			FreeBlock(blocks[i], kSize);
+			// Reading the count takes the store's lock: checked every batch.
+			if (i % kBatch == 0) {
+				ASSERT_LE(CentralCachedBlocks(kSize), kCap) << "after " << i << " frees";
+			}
+		}
+		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+	});
+	EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+}
+
+TEST(BlockCacheTest, BlocksLargerThanTwoHundredFiftySixBytesBypassTheCache)
+{
+	const std::vector<size_t> threadBefore = ThreadCounts();
+	const std::vector<size_t> centralBefore = CentralCounts();
+	for (size_t size : {size_t(257), size_t(300), size_t(4096), size_t(1) << 20}) {
+		void* block = AllocateBlock(size);
+		ASSERT_NE(block, nullptr);
+		// Every byte asked for is usable (AddressSanitizer checks this).
+		Stamp(block, size, 5);
+		EXPECT_TRUE(HasStamp(block, size, 5));
+		FreeBlock(block, size);
+		EXPECT_EQ(ThreadCachedBlocks(size), 0u);
+		EXPECT_EQ(CentralCachedBlocks(size), 0u);
+	}
+	// Nothing landed in any class, in particular not in the largest one.
+	EXPECT_EQ(ThreadCounts(), threadBefore);
+	EXPECT_EQ(CentralCounts(), centralBefore);
+}
+
+TEST(BlockCacheTest, NothrowAllocationGivesACachedBlock)
+{
+	void* block = AllocateBlock(40, std::nothrow);
+	ASSERT_NE(block, nullptr);
+	Stamp(block, 40, 6);
+	EXPECT_TRUE(HasStamp(block, 40, 6));
+	FreeBlock(block, 40);
+	void* again = AllocateBlock(40, std::nothrow);
+	ASSERT_NE(again, nullptr);
+	if (BlockCacheEnabled()) {
+		EXPECT_EQ(again, block);
+	}
+	FreeBlock(again, 40);
+}
+
+TEST(BlockCacheTest, NothrowAllocationOfAnImpossibleSizeGivesNull)
+{
+	// The sanitizers' allocators abort on such a request instead of failing
+	// it, unless told otherwise for the whole process.
+	if (kSanitized)
+		GTEST_SKIP() << "a sanitizer's allocator aborts on impossible sizes";
+	volatile size_t impossible = SIZE_MAX - 4095;
+	EXPECT_EQ(AllocateBlock(impossible, std::nothrow), nullptr);
+}
+
+TEST(BlockCacheTest, FreeingNullIsHarmlessAndCachesNothing)
+{
+	const std::vector<size_t> threadBefore = ThreadCounts();
+	const std::vector<size_t> centralBefore = CentralCounts();
+	FreeBlock(nullptr, 0);
+	FreeBlock(nullptr, 40);
+	FreeBlock(nullptr, zv_internal::kMaxCachedBlock);
+	FreeBlock(nullptr, 1000);
+	FreeUnsizedBlock(nullptr);
+	EXPECT_EQ(ThreadCounts(), threadBefore);
+	EXPECT_EQ(CentralCounts(), centralBefore);
+	// A null in the cache would be handed out here.
+	void* block = AllocateBlock(40);
+	EXPECT_NE(block, nullptr);
+	FreeBlock(block, 40);
+}
+
+TEST(BlockCacheTest, AnUnsizedFreeReturnsACachedClassBlockToTheAllocator)
+{
+	void* block = AllocateBlock(72);
+	void* another = AllocateBlock(72, std::nothrow);
+	const std::vector<size_t> threadBefore = ThreadCounts();
+	const std::vector<size_t> centralBefore = CentralCounts();
+	FreeUnsizedBlock(block);
+	FreeUnsizedBlock(another);
+	// Neither block went into the cache (LeakSanitizer checks they were
+	// freed at all).
+	EXPECT_EQ(ThreadCounts(), threadBefore);
+	EXPECT_EQ(CentralCounts(), centralBefore);
+}
+
+TEST(BlockCacheTest, ABlockFreedAfterItsThreadsCacheIsGoneGoesToTheAllocator)
+{
+	constexpr size_t kSize = 200;
+	// Destroyed after the thread's cache, being constructed before it.
+	struct LateFreer
+	{
+		void* block = nullptr;
+		std::atomic<int>* done = nullptr;
+		~LateFreer()
+		{
+			// The cache is gone: the free goes to the allocator, and an
+			// allocation still works.
+			FreeBlock(block, kSize);
+			void* late = AllocateBlock(kSize);
+			Stamp(late, kSize, 7);
+			const bool stamped = HasStamp(late, kSize, 7);
+			const bool uncached = ThreadCachedBlocks(kSize) == 0;
+			FreeBlock(late, kSize);
+			if (done != nullptr)
+				done->store(stamped && uncached && ThreadCachedBlocks(kSize) == 0 ? 1 : 2);
+		}
+	};
+	const size_t centralBefore = CentralCachedBlocks(kSize);
+	std::atomic<int> done{0};
+	RunInFreshThread([&] {
+		thread_local LateFreer freer;
+		freer.done = &done;
+		freer.block = AllocateBlock(kSize);
+		Stamp(freer.block, kSize, 8);
+	});
+	EXPECT_EQ(done.load(), 1);
+	EXPECT_EQ(CentralCachedBlocks(kSize), centralBefore);
+}
+
+TEST(BlockCacheTest, TheSettingIsTakenOnceSoALaterEnvironmentChangeHasNoEffect)
+{
+	const bool enabled = BlockCacheEnabled();
+	const char* const previous = getenv("ZVKIT_FORCE_NEW");
+	const std::string saved = previous != nullptr ? previous : "";
+	if (enabled)
+		setenv("ZVKIT_FORCE_NEW", "1", 1);
+	else
+		unsetenv("ZVKIT_FORCE_NEW");
+	EXPECT_EQ(BlockCacheEnabled(), enabled);
+	void* block = AllocateBlock(24);
+	FreeBlock(block, 24);
+	if (previous != nullptr)
+		setenv("ZVKIT_FORCE_NEW", saved.c_str(), 1);
+	else
+		unsetenv("ZVKIT_FORCE_NEW");
+}
+
+TEST(BlockCacheTest, WithTheCacheOffEveryBlockGoesStraightToTheAllocator)
+{
+	if (BlockCacheEnabled())
+		GTEST_SKIP() << "the block cache is on in this process";
+	zvtest::Watchdog watchdog(60s, "uncached blocks");
+	// Blocks of every class, made on one thread and freed on another, are
+	// usable and never kept: LeakSanitizer and AddressSanitizer check that
+	// each is freed once.
+	std::vector<void*> blocks;
+	std::vector<size_t> sizes;
+	for (int round = 0; round < 20; round++) {
+		for (size_t size = 0; size <= zv_internal::kMaxCachedBlock + 16; size += 8) {
+			blocks.push_back(AllocateBlock(size));
+			sizes.push_back(size);
+			Stamp(blocks.back(), size, static_cast<uint32_t>(size));
+		}
+	}
+	EXPECT_EQ(ThreadCounts(), std::vector<size_t>(ThreadCounts().size(), 0));
+	RunInFreshThread([&] {
+		for (size_t i = 0; i < blocks.size(); i++) {
+			EXPECT_TRUE(HasStamp(blocks[i], sizes[i], static_cast<uint32_t>(sizes[i])));
+			FreeBlock(blocks[i], sizes[i]);
+		}
+		EXPECT_EQ(ThreadCounts(), std::vector<size_t>(ThreadCounts().size(), 0));
+	});
+	EXPECT_EQ(CentralCounts(), std::vector<size_t>(CentralCounts().size(), 0));
+}
+
+TEST(BlockCacheTest, ZvkitForceNewInTheEnvironmentTurnsTheCacheOffForTheProcess)
+{
+	if (getenv("ZVKIT_FORCE_NEW") != nullptr) {
+		// The child run below: the cache must be off.
+		EXPECT_FALSE(BlockCacheEnabled());
+		return;
+	}
+	zvtest::Watchdog watchdog(120s, "child run with ZVKIT_FORCE_NEW");
+	const std::string self = OwnPath();
+	ASSERT_FALSE(self.empty());
+	const std::string command =
+	    "ZVKIT_FORCE_NEW=1 '" + self +
+	    "' --gtest_filter='BlockCacheTest.ZvkitForceNew*:BlockCacheTest.WithTheCacheOff*' 2>&1";
+	std::FILE* child = popen(command.c_str(), "r");
+	ASSERT_NE(child, nullptr);
+	std::string output;
+	char buffer[512];
+	size_t got;
+	while ((got = std::fread(buffer, 1, sizeof(buffer), child)) > 0)
+		output.append(buffer, got);
+	const int status = pclose(child);
+	EXPECT_EQ(status, 0) << output;
+	// Both ran, and the one that needs the cache off did not skip.
+	EXPECT_NE(output.find("[  PASSED  ] 2 tests"), std::string::npos) << output;
+	EXPECT_EQ(output.find("SKIPPED"), std::string::npos) << output;
+}
