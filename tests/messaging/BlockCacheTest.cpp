@@ -8,6 +8,7 @@
 // one test leaves in the central store cannot change another's counts.
 #include "internal/BlockCache.h"
 
+#include "Polling.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -27,6 +28,8 @@
 #include <thread>
 #include <vector>
 
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -102,22 +105,31 @@ std::vector<size_t> CentralCounts()
 	return counts;
 }
 
-// Takes every block of size's class that the calling thread and the central
-// store hold, so that what follows starts from an empty class; the caller
-// frees them with FreeBlocks.
-std::vector<void*> DrainClass(size_t size)
+// Holds every block of a class that the calling thread and the central
+// store had, for the life of a test, so that the test starts from an empty
+// class whatever earlier tests (or an earlier repetition) left there.
+class DrainedClass
 {
-	std::vector<void*> blocks;
-	while (ThreadCachedBlocks(size) > 0 || CentralCachedBlocks(size) > 0)
-		blocks.push_back(AllocateBlock(size));
-	return blocks;
-}
+public:
+	explicit DrainedClass(size_t size) : fSize(size)
+	{
+		while (ThreadCachedBlocks(size) > 0 || CentralCachedBlocks(size) > 0)
+			fBlocks.push_back(AllocateBlock(size));
+	}
 
-void FreeBlocks(const std::vector<void*>& blocks, size_t size)
-{
-	for (void* block : blocks)
-		FreeBlock(block, size);
-}
+	~DrainedClass()
+	{
+		for (void* block : fBlocks)
+			FreeBlock(block, fSize);
+	}
+
+	DrainedClass(const DrainedClass&) = delete;
+	DrainedClass& operator=(const DrainedClass&) = delete;
+
+private:
+	size_t fSize;
+	std::vector<void*> fBlocks;
+};
 
 // The path of this test executable, to run it again in a child process.
 std::string OwnPath()
@@ -209,6 +221,7 @@ TEST(BlockCacheTest, TheThreadCacheHoldsAtMostSixtyFourBlocksAndSendsTheOldestTh
 	if (!BlockCacheEnabled())
 		GTEST_SKIP() << kCacheOff;
 	constexpr size_t kSize = 100;
+	const DrainedClass drained(kSize);
 	const size_t centralBefore = CentralCachedBlocks(kSize);
 	RunInFreshThread([&] {
 		ASSERT_EQ(ThreadCachedBlocks(kSize), 0u);
@@ -273,6 +286,7 @@ TEST(BlockCacheTest, AnEndingThreadHandsItsBlocksToTheCentralStoreForAnotherThre
 	if (!BlockCacheEnabled())
 		GTEST_SKIP() << kCacheOff;
 	constexpr size_t kSize = 130;
+	const DrainedClass drained(kSize);
 	const size_t centralBefore = CentralCachedBlocks(kSize);
 	std::set<void*> freedByFirst;
 	RunInFreshThread([&] {
@@ -309,6 +323,7 @@ TEST(BlockCacheTest, AnEndingThreadStoresOnlyWholeBatches)
 	if (!BlockCacheEnabled())
 		GTEST_SKIP() << kCacheOff;
 	constexpr size_t kSize = 150;
+	const DrainedClass drained(kSize);
 	const size_t centralBefore = CentralCachedBlocks(kSize);
 	RunInFreshThread([&] {
 		std::vector<void*> blocks;
@@ -330,7 +345,7 @@ TEST(BlockCacheTest, BlocksFreedByAConsumerThreadComeBackToTheProducerThroughThe
 	constexpr size_t kSize = 180;
 	constexpr int kRounds = 300;
 	constexpr size_t kPerRound = kThreadBound;
-	const std::vector<void*> drained = DrainClass(kSize);
+	const DrainedClass drained(kSize);
 	ASSERT_EQ(CentralCachedBlocks(kSize), 0u);
 
 	// Round r: the producer allocates and stamps kPerRound blocks, then
@@ -402,7 +417,62 @@ TEST(BlockCacheTest, BlocksFreedByAConsumerThreadComeBackToTheProducerThroughThe
 	EXPECT_EQ(reusedFromConsumer.load(), static_cast<int>((kRounds - 2) * kPerRound));
 	// Two rounds' worth were ever made: everything else was reused.
 	EXPECT_EQ(freedByConsumer.size(), 2 * kPerRound);
-	FreeBlocks(drained, kSize);
+}
+
+TEST(BlockCacheTest, AChildForkedWhileAnotherThreadUsesTheCentralStoreCanStillAllocate)
+{
+	if (!BlockCacheEnabled())
+		GTEST_SKIP() << kCacheOff;
+	zvtest::Watchdog watchdog(180s, "forks during central store traffic");
+	constexpr size_t kSize = 220;
+	constexpr int kForks = 100;
+	// The churning thread takes and gives back batches all the time, so it
+	// often holds the store's lock for this class when the fork happens.
+	std::atomic<bool> stop{false};
+	zvtest::Latch churning(1);
+	std::thread churn([&] {
+		std::vector<void*> blocks(3 * kBatch);
+		for (int round = 0; !stop.load(std::memory_order_relaxed); round++) {
+			for (void*& block : blocks)
+				block = AllocateBlock(kSize);
+			for (void* block : blocks)
+				FreeBlock(block, kSize);
+			if (round == 10)
+				churning.CountDown();
+		}
+	});
+	ASSERT_TRUE(churning.WaitFor(30s));
+
+	int hung = 0;
+	int failed = 0;
+	for (int i = 0; i < kForks; i++) {
+		const pid_t child = fork();
+		if (child == 0) {
+			// Enough to take batches from the store and to give them back.
+			std::vector<void*> blocks(4 * kBatch);
+			for (void*& block : blocks)
+				block = AllocateBlock(kSize);
+			for (void* block : blocks)
+				FreeBlock(block, kSize);
+			_exit(0);
+		}
+		ASSERT_GT(child, 0);
+		int status = 0;
+		const bool ended =
+		    zvtest::WaitUntil([&] { return waitpid(child, &status, WNOHANG) == child; },
+		                      std::chrono::milliseconds(5000));
+		if (!ended) {
+			hung++;
+			kill(child, SIGKILL);
+			waitpid(child, &status, 0);
+		} else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+			failed++;
+		}
+	}
+	stop.store(true);
+	churn.join();
+	EXPECT_EQ(hung, 0) << "children that never finished allocating";
+	EXPECT_EQ(failed, 0);
 }
 
 TEST(BlockCacheTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheLargestClass)
