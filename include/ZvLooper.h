@@ -123,6 +123,9 @@ private:
 	// Waits for one unit of access for the loop: 1 taken, 2 the very long
 	// time-out expired, 0 the semaphore is gone.
 	int32 _AwaitMessage(uint32 access);
+	// Takes, without waiting, up to 32 of the units already there; returns
+	// how many.
+	int32 _TakeAhead(uint32 access);
 	void _Post(ZvMessage* message, const ZvHandler* handler);
 	int32 _IndexOf(const ZvHandler* handler) const;
 	void _EndLoop();
