@@ -120,6 +120,12 @@ public:
 	static int32 LooperCaller(ZvLooper* looper);
 
 private:
+	// Waits for one unit of access for the loop: 1 taken, 2 the very long
+	// time-out expired, 0 the semaphore is gone.
+	int32 _AwaitMessage(uint32 access);
+	// Takes, without waiting, up to 32 of the units already there; returns
+	// how many.
+	int32 _TakeAhead(uint32 access);
 	void _Post(ZvMessage* message, const ZvHandler* handler);
 	int32 _IndexOf(const ZvHandler* handler) const;
 	void _EndLoop();
@@ -134,6 +140,13 @@ private:
 	ZvList<ZvHandler*> fHandlers;
 	std::atomic<uint32> fLooperAccess;
 	std::atomic<uint32> fThread;
+	// Whether the loop polls for the next message before it sleeps, how
+	// many polls in a row have failed, and how many short waits remain
+	// before polling is tried again (see _AwaitMessage). Used by the loop's
+	// thread only.
+	bool fPolling;
+	int32 fPollFailures;
+	int32 fPollSkips;
 
 	// Guards fHandlers for the readers that take no looper lock (HandlerAt,
 	// CountHandlers, IndexOfHandler); writers hold the looper's lock first.

@@ -63,6 +63,8 @@ public:
 	bool IsEmpty() const;
 
 private:
+	// Brings the messages behind the head towards the remover's cache.
+	void _PrefetchAhead() const;
 	// Resizes the ring to slots (a power of two, at least the count),
 	// keeping the messages in order from index 0.
 	void _Resize(int32 slots);

@@ -78,6 +78,7 @@ ZvMessage* ZvMessageQueue::RemoveMessage()
 		fSlots[fHead] = nullptr;
 		fHead = (fHead + 1) & (fSlotCount - 1);
 		fQueued -= 1;
+		_PrefetchAhead();
 		// Halving at a quarter full gives back what a burst took without
 		// resizing back and forth around one length.
 		if (fSlotCount > kMinSlots && fQueued <= fSlotCount / 4)
@@ -103,6 +104,24 @@ int32 ZvMessageQueue::CountItems() const
 bool ZvMessageQueue::IsEmpty() const
 {
 	return CountItems() == 0;
+}
+
+void ZvMessageQueue::_PrefetchAhead() const
+{
+	// Messages made on another thread are cold in the remover's cache, and
+	// each is a chain of blocks (message, slot array, items) that a plain
+	// walk would miss one after the other. Each removal moves every message
+	// of the next three one step down this chain, so by the time a message
+	// is handed out its items are on their way: the next message's items,
+	// the one after's slot array, the third's object. Each step reads only
+	// what the previous removal asked for.
+	const int32 mask = fSlotCount - 1;
+	if (fQueued >= 3)
+		__builtin_prefetch(fSlots[(fHead + 2) & mask]);
+	if (fQueued >= 2)
+		fSlots[(fHead + 1) & mask]->_PrefetchSlots();
+	if (fQueued >= 1)
+		fSlots[fHead]->_PrefetchItems();
 }
 
 void ZvMessageQueue::_Resize(int32 slots)

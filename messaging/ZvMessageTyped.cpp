@@ -69,9 +69,13 @@ void ReplacePadded(ZvMessageItem* item, int32 size, const void* source, size_t l
 template <typename T> T LoadValue(const ZvMessageItem* item)
 {
 	T value{};
-	if (item->data != nullptr && item->size > 0) {
-		memcpy(&value, item->data, MIN(static_cast<size_t>(item->size), sizeof(T)));
-	}
+	if (item->data == nullptr || item->size <= 0)
+		return value;
+	// The usual case, a block of at least T's size, copies a fixed length.
+	if (static_cast<size_t>(item->size) >= sizeof(T))
+		memcpy(&value, item->data, sizeof(T));
+	else
+		memcpy(&value, item->data, static_cast<size_t>(item->size));
 	return value;
 }
 

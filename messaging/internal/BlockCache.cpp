@@ -36,9 +36,12 @@ bool Enabled()
 	return enabled;
 }
 
-// Classes are multiples of 16 bytes, which keeps every block aligned as
-// ::operator new aligns on the hosts built here.
+// Classes are multiples of 16 bytes.
 constexpr size_t kGranule = 16;
+// Every block starts on a cache line, so that a message or an item spans as
+// few lines as its size allows: a block passed from one core to another
+// then moves as few lines as possible, and no neighbour's line with it.
+constexpr std::align_val_t kLineAlignment{64};
 constexpr size_t kClassCount = kMaxCachedBlock / kGranule;
 // Blocks move between a thread and the central store this many at a time; a
 // thread keeps up to two batches per class, so a thread that alternates
@@ -60,7 +63,9 @@ size_t ClassBytes(size_t sizeClass)
 	return (sizeClass + 1) * kGranule;
 }
 
-// Where every block comes from and goes back to.
+// Where every block comes from and goes back to: line-aligned while the
+// cache is on, the plain operators when it is off (which keeps the blocks
+// ordinary for the tools that turn it off).
 void* NewRaw(size_t bytes)
 {
 	return ::operator new(bytes);
@@ -77,6 +82,9 @@ void DeleteRaw(void* block) noexcept
 // block (a cache miss on another core's line) to find the next one.
 struct Batch
 {
+	Batch() = default;
+	explicit Batch(void* const* from) { memcpy(blocks, from, sizeof(blocks)); }
+
 	void* blocks[kBatchSize];
 };
 
@@ -104,8 +112,7 @@ public:
 		if (count == kBatchSize) {
 			std::lock_guard<std::mutex> hold(entry.lock);
 			if (entry.batches.size() < maxBatches) {
-				entry.batches.emplace_back();
-				memcpy(entry.batches.back().blocks, blocks, sizeof(Batch::blocks));
+				entry.batches.emplace_back(blocks);
 				return;
 			}
 		}
@@ -191,30 +198,44 @@ public:
 		}
 	}
 
-	void* Allocate(size_t sizeClass)
+	// The fast paths: a block from this thread's stack, or null when it is
+	// empty; a block onto it, or false when it is full.
+	void* Pop(size_t sizeClass)
 	{
 		Stack& stack = fStacks[sizeClass];
-		if (stack.count == 0) {
-			Batch batch;
-			if (!Central().Take(sizeClass, &batch))
-				return NewRaw(ClassBytes(sizeClass));
-			memcpy(stack.blocks, batch.blocks, sizeof(batch.blocks));
-			stack.count = kBatchSize;
-		}
-		return stack.blocks[--stack.count];
+		return stack.count > 0 ? stack.blocks[--stack.count] : nullptr;
 	}
 
-	void Free(void* block, size_t sizeClass)
+	bool Push(void* block, size_t sizeClass)
 	{
 		Stack& stack = fStacks[sizeClass];
-		if (stack.count == kMaxThreadBlocks) {
-			// The older half goes; the blocks freed last stay, being the
-			// likeliest to be in this core's cache.
-			Central().Put(sizeClass, stack.blocks, kBatchSize);
-			memmove(stack.blocks, stack.blocks + kBatchSize,
-			        (kMaxThreadBlocks - kBatchSize) * sizeof(void*));
-			stack.count -= kBatchSize;
-		}
+		if (stack.count == kMaxThreadBlocks)
+			return false;
+		stack.blocks[stack.count++] = block;
+		return true;
+	}
+
+	// The slow paths, for an empty or a full stack.
+	void* Refill(size_t sizeClass)
+	{
+		Stack& stack = fStacks[sizeClass];
+		Batch batch;
+		if (!Central().Take(sizeClass, &batch))
+			return NewRaw(ClassBytes(sizeClass));
+		memcpy(stack.blocks, batch.blocks, sizeof(batch.blocks));
+		stack.count = kBatchSize - 1;
+		return stack.blocks[kBatchSize - 1];
+	}
+
+	void Spill(void* block, size_t sizeClass)
+	{
+		// The older half goes; the blocks freed last stay, being the
+		// likeliest to be in this core's cache.
+		Stack& stack = fStacks[sizeClass];
+		Central().Put(sizeClass, stack.blocks, kBatchSize);
+		memmove(stack.blocks, stack.blocks + kBatchSize,
+		        (kMaxThreadBlocks - kBatchSize) * sizeof(void*));
+		stack.count -= kBatchSize;
 		stack.blocks[stack.count++] = block;
 	}
 
@@ -223,18 +244,19 @@ public:
 private:
 	struct Stack
 	{
-		void* blocks[kMaxThreadBlocks];
 		uint32_t count;
+		void* blocks[kMaxThreadBlocks];
 	};
 
 	Stack fStacks[kClassCount] = {};
 };
 
 // The calling thread's cache: null before its first use, kGone once the
-// thread has begun to end (blocks then go straight to the allocator). The
-// pointer is all the fast path reads, in the initial-exec model, which
-// costs one load instead of a call to find the thread's storage; the cache
-// itself lives on the heap so that the library's static TLS stays small.
+// thread has begun to end or when the cache is off (blocks then go straight
+// to the allocator). The pointer is all the fast paths read, in the
+// initial-exec model, which costs one load instead of a call to find the
+// thread's storage; the cache itself lives on the heap so that the
+// library's static TLS stays small.
 ThreadCache* const kGone = reinterpret_cast<ThreadCache*>(uintptr_t(1));
 thread_local ThreadCache* tCache __attribute__((tls_model("initial-exec"))) = nullptr;
 
@@ -256,32 +278,68 @@ private:
 
 thread_local CacheOwner tOwner;
 
+inline bool IsLive(const ThreadCache* cache)
+{
+	return reinterpret_cast<uintptr_t>(cache) > 1;
+}
+
 // The calling thread's cache, made at its first use; null once the thread
-// is ending.
-inline ThreadCache* CurrentCache()
+// is ending, or when the cache is off.
+ThreadCache* CurrentCache()
 {
 	ThreadCache* cache = tCache;
-	if (__builtin_expect(reinterpret_cast<uintptr_t>(cache) > 1, 1))
+	if (IsLive(cache))
 		return cache;
 	if (cache == kGone)
 		return nullptr;
+	if (!Enabled()) {
+		tCache = kGone;
+		return nullptr;
+	}
 	cache = new ThreadCache();
 	tOwner.Adopt(cache);
 	tCache = cache;
 	return cache;
 }
 
+__attribute__((noinline)) void* AllocateSlow(size_t size)
+{
+	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
+	if (cache == nullptr)
+		return NewRaw(size <= kMaxCachedBlock ? ClassBytes(ClassOf(size)) : size);
+	const size_t sizeClass = ClassOf(size);
+	void* block = cache->Pop(sizeClass);
+	return block != nullptr ? block : cache->Refill(sizeClass);
+}
+
+__attribute__((noinline)) void FreeSlow(void* block, size_t size)
+{
+	if (block == nullptr)
+		return;
+	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
+	if (cache == nullptr) {
+		DeleteRaw(block);
+		return;
+	}
+	const size_t sizeClass = ClassOf(size);
+	if (!cache->Push(block, sizeClass))
+		cache->Spill(block, sizeClass);
+}
+
 } // namespace
 
+// The fast paths take a block from, or put it onto, the calling thread's
+// stack for the class; everything else (first use in a thread, an empty or
+// full stack, an odd size, the cache off) is left to the slow paths.
 void* AllocateBlock(size_t size)
 {
-	if (size > kMaxCachedBlock || !Enabled())
-		return NewRaw(size);
-	const size_t sizeClass = ClassOf(size);
-	ThreadCache* cache = CurrentCache();
-	if (cache == nullptr)
-		return NewRaw(ClassBytes(sizeClass));
-	return cache->Allocate(sizeClass);
+	ThreadCache* cache = tCache;
+	if (__builtin_expect(size - 1 < kMaxCachedBlock && IsLive(cache), 1)) {
+		void* block = cache->Pop(ClassOf(size));
+		if (__builtin_expect(block != nullptr, 1))
+			return block;
+	}
+	return AllocateSlow(size);
 }
 
 void* AllocateBlock(size_t size, const std::nothrow_t&) noexcept
@@ -300,19 +358,17 @@ void FreeUnsizedBlock(void* block) noexcept
 
 void FreeBlock(void* block, size_t size)
 {
-	if (block == nullptr)
-		return;
-	ThreadCache* cache = size <= kMaxCachedBlock && Enabled() ? CurrentCache() : nullptr;
-	if (cache == nullptr) {
-		DeleteRaw(block);
-		return;
+	ThreadCache* cache = tCache;
+	if (__builtin_expect(block != nullptr && size - 1 < kMaxCachedBlock && IsLive(cache), 1)) {
+		if (__builtin_expect(cache->Push(block, ClassOf(size)), 1))
+			return;
 	}
-	cache->Free(block, ClassOf(size));
+	FreeSlow(block, size);
 }
 
 size_t ThreadCachedBlocks(size_t size)
 {
-	ThreadCache* cache = size <= kMaxCachedBlock && Enabled() ? CurrentCache() : nullptr;
+	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
 	return cache == nullptr ? 0 : cache->Count(ClassOf(size));
 }
 

@@ -14,6 +14,7 @@
 #include <OS.h>
 
 #include "LooperTestSupport.h"
+#include "Polling.h"
 
 #include <gtest/gtest.h>
 
@@ -810,4 +811,75 @@ TEST(ZvLooperTest, QuitFromTheLoopersOwnThreadEndsTheLoopAndReturnsFalse)
 TEST(ZvLooperTest, LooperCallerOfNullReturnsZero)
 {
 	EXPECT_EQ(ZvLooper::LooperCaller(nullptr), 0);
+}
+
+namespace {
+
+// Bounces a message between two loopers until its what counts down to 0,
+// recording the thread of each looper.
+class BouncingHandler : public ZvHandler
+{
+public:
+	explicit BouncingHandler(zvtest::Latch* done) : ZvHandler("bouncer"), fDone(done) {}
+
+	// Set only while no message is in flight.
+	void SetDone(zvtest::Latch* done) { fDone = done; }
+	void SetPartner(ZvHandler* partner) { fPartner = partner; }
+	thread_id Thread() const { return fThread.load(); }
+
+	void MessageReceived(ZvMessage* message) override
+	{
+		fThread.store(find_thread(nullptr));
+		if (message->what == 0) {
+			fDone->CountDown();
+			return;
+		}
+		fPartner->Looper()->PostMessage(message->what - 1, fPartner);
+	}
+
+private:
+	zvtest::Latch* fDone;
+	ZvHandler* fPartner = nullptr;
+	std::atomic<thread_id> fThread{0};
+};
+
+bool IsAsleepOnASemaphore(thread_id thread)
+{
+	thread_info info;
+	return get_thread_info(thread, &info) == B_OK && info.state == B_THREAD_WAITING && info.sem > 0;
+}
+
+} // namespace
+
+TEST(ZvLooperTest, LoopersThatAnsweredEachOtherQuicklyGoToSleepOnceIdle)
+{
+	// A burst of quick exchanges may turn the loops' polling on; once the
+	// messages stop, both loops must end up asleep on their semaphores
+	// rather than keep polling.
+	zvtest::Watchdog watchdog(60s, "idle loopers");
+	zvtest::Latch done(1);
+	BouncingHandler ping(&done), pong(&done);
+	ping.SetPartner(&pong);
+	pong.SetPartner(&ping);
+	ZvLooper* left = new ZvLooper("ping", ZV_NORMAL_PRIORITY, 16);
+	ZvLooper* right = new ZvLooper("pong", ZV_NORMAL_PRIORITY, 16);
+	left->AddHandler(&ping);
+	right->AddHandler(&pong);
+	ASSERT_TRUE(left->Run());
+	ASSERT_TRUE(right->Run());
+
+	left->PostMessage(2000, &ping);
+	ASSERT_TRUE(done.WaitFor(30s));
+	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsAsleepOnASemaphore(ping.Thread()); }));
+	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsAsleepOnASemaphore(pong.Thread()); }));
+
+	// A loop asleep after polling still wakes for the next message.
+	zvtest::Latch again(1);
+	ping.SetDone(&again);
+	pong.SetDone(&again);
+	left->PostMessage(100, &ping);
+	EXPECT_TRUE(again.WaitFor(30s));
+
+	EXPECT_TRUE(left->Quit());
+	EXPECT_TRUE(right->Quit());
 }
