@@ -305,8 +305,14 @@ ThreadCache* CurrentCache()
 __attribute__((noinline)) void* AllocateSlow(size_t size)
 {
 	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
-	if (cache == nullptr)
-		return NewRaw(size <= kMaxCachedBlock ? ClassBytes(ClassOf(size)) : size);
+	if (cache == nullptr) {
+		// A thread whose cache is gone still makes blocks of the class's
+		// full size: another thread's cache may take them when they are
+		// freed there. With the cache off no cache ever holds a block, so
+		// the exact size is asked for (tools counting blocks see it).
+		const bool classSized = size <= kMaxCachedBlock && Enabled();
+		return NewRaw(classSized ? ClassBytes(ClassOf(size)) : size);
+	}
 	const size_t sizeClass = ClassOf(size);
 	void* block = cache->Pop(sizeClass);
 	return block != nullptr ? block : cache->Refill(sizeClass);
