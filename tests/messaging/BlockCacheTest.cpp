@@ -4,8 +4,10 @@
 // bypasses (large blocks, a disabled cache).
 //
 // This executable holds its own copy of the cache (see deps.cmake), used by
-// this file alone. Each test works in a size class of its own, so that what
-// one test leaves in the central store cannot change another's counts.
+// this file alone. Tests that count blocks work in size classes no other
+// test counts in, and those that count the central store's blocks empty
+// their class first, so that what one test (or an earlier repetition)
+// leaves behind cannot change another's counts.
 #include "internal/BlockCache.h"
 
 #include "Polling.h"
@@ -14,7 +16,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
