@@ -1,7 +1,10 @@
 // A message has no lock of its own: these tests check that it keeps no hidden
 // shared state, so that separate messages can be used in separate threads and
-// one message can be read (const operations only) by several at once.
+// one message can be read (const operations only) by several at once, and
+// that messages made on one thread and deleted on another (their blocks
+// moving between the threads' caches) keep every value.
 #include <ZvMessage.h>
+#include <ZvMessageQueue.h>
 
 #include "MessageTestSupport.h"
 #include "TestSupport.h"
@@ -12,7 +15,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -113,22 +115,21 @@ TEST(ZvMessageThreadTest, MessageHandedToAnotherThreadIsComplete)
 	EXPECT_TRUE(ok.load());
 }
 
-// A first-in first-out hand-over of messages between two threads, as a
-// looper's queue hands them over.
+// Hands messages from one thread to another through the looper's queue,
+// with a count of queued messages for the receiver to wait on (a looper
+// waits on a semaphore the same way). This executable runs with the block
+// caches on, so the messages' blocks change threads as a looper's do.
 class MessageChannel
 {
 public:
-	~MessageChannel()
-	{
-		for (ZvMessage* message : fMessages)
-			delete message;
-	}
+	MessageChannel() : fQueue(1 << 20), fQueued(0) {}
 
 	void Push(ZvMessage* message)
 	{
+		fQueue.AddMessage(message);
 		{
 			std::lock_guard<std::mutex> hold(fLock);
-			fMessages.push_back(message);
+			fQueued++;
 		}
 		fAdded.notify_one();
 	}
@@ -136,18 +137,21 @@ public:
 	// The oldest message, or null when none arrives within the limit.
 	ZvMessage* Pop(std::chrono::milliseconds limit)
 	{
-		std::unique_lock<std::mutex> hold(fLock);
-		if (!fAdded.wait_for(hold, limit, [this] { return !fMessages.empty(); }))
-			return nullptr;
-		ZvMessage* message = fMessages.front();
-		fMessages.pop_front();
-		return message;
+		{
+			std::unique_lock<std::mutex> hold(fLock);
+			if (!fAdded.wait_for(hold, limit, [this] { return fQueued > 0; }))
+				return nullptr;
+			fQueued--;
+		}
+		return fQueue.RemoveMessage();
 	}
 
 private:
+	// Deletes the messages nobody took.
+	ZvMessageQueue fQueue;
 	std::mutex fLock;
 	std::condition_variable fAdded;
-	std::deque<ZvMessage*> fMessages;
+	int fQueued;
 };
 
 // Field "seq" comes first, so its value lies at a fixed offset of the flat
