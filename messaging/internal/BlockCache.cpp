@@ -36,12 +36,9 @@ bool Enabled()
 	return enabled;
 }
 
-// Classes are multiples of 16 bytes.
+// Classes are multiples of 16 bytes, which keeps every block aligned as
+// ::operator new aligns on the hosts built here.
 constexpr size_t kGranule = 16;
-// Every block starts on a cache line, so that a message or an item spans as
-// few lines as its size allows: a block passed from one core to another
-// then moves as few lines as possible, and no neighbour's line with it.
-constexpr std::align_val_t kLineAlignment{64};
 constexpr size_t kClassCount = kMaxCachedBlock / kGranule;
 // Blocks move between a thread and the central store this many at a time; a
 // thread keeps up to two batches per class, so a thread that alternates
@@ -63,9 +60,7 @@ size_t ClassBytes(size_t sizeClass)
 	return (sizeClass + 1) * kGranule;
 }
 
-// Where every block comes from and goes back to: line-aligned while the
-// cache is on, the plain operators when it is off (which keeps the blocks
-// ordinary for the tools that turn it off).
+// Where every block comes from and goes back to.
 void* NewRaw(size_t bytes)
 {
 	return ::operator new(bytes);
