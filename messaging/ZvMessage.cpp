@@ -17,17 +17,9 @@ const int32 kPrefetchedItems = 8;
 
 bool NameMatches(const ZvMessageItem* item, const char* name)
 {
-	// Field names are short and most that differ differ early: a plain
-	// loop ends sooner than a call to strcmp. The item's name is always
-	// terminated within its buffer, so the loop stops there at the latest.
-	const char* stored = item->name;
-	while (*stored == *name) {
-		if (*stored == '\0')
-			return true;
-		stored++;
-		name++;
-	}
-	return false;
+	// Most names that differ differ in their first character: test it
+	// before calling strcmp.
+	return item->name[0] == name[0] && strcmp(item->name, name) == 0;
 }
 
 bool TypeMatches(const ZvMessageItem* item, type_code type)
