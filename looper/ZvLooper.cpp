@@ -67,8 +67,11 @@ const uint32 kQuitRequested = ZV_QUIT_REQUESTED;
 // poll that catches a message keeps polling on, one that does not turns it
 // off, and it is tried again only after a run of short waits (a message
 // that came soon after the loop went to sleep), twice as long a run after
-// each poll that failed, up to 2^kMaxPollFailures waits.
+// each poll that failed, up to 2^kMaxPollFailures waits. A wait is short up
+// to kShortWait: what the loop measures includes its own wake-up, which
+// alone can take tens of microseconds.
 const bigtime_t kPollBudget = 20;
+const bigtime_t kShortWait = 200;
 const int32 kMaxPollFailures = 8;
 // Units of "fLooperAccess" the loop takes at once when several messages wait.
 const int32 kMaxTakenAhead = 32;
@@ -412,7 +415,7 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 	// A short wait is one that polling might have spared; after enough of
 	// them in a row polling is tried again. A long wait (an idle looper)
 	// starts the run over.
-	if (system_time() - start <= kPollBudget) {
+	if (system_time() - start <= kShortWait) {
 		if (--fPollSkips <= 0)
 			fPolling = true;
 	} else {
