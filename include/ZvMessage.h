@@ -346,14 +346,7 @@ public:
 	uint32 what;
 
 private:
-	friend class ZvMessageQueue;
-
 	ZvMessageItem* _FindItem(const char* name, type_code type, int32 index) const;
-	// Ask for the message's slot array, or for its first items, to be
-	// brought into the calling core's cache (a queue does so for the
-	// messages behind the one it hands out).
-	void _PrefetchSlots() const;
-	void _PrefetchItems() const;
 	bool _UnflattenBlock(const void* buffer, size_t size, bool bounded);
 
 	uint32 fFlags;

@@ -9,6 +9,8 @@ namespace {
 
 // The ring's smallest size; it never shrinks below this once allocated.
 const int32 kMinSlots = 16;
+// Messages behind the head asked for ahead of their turn.
+const int32 kPrefetched = 3;
 
 } // namespace
 
@@ -75,7 +77,6 @@ ZvMessage* ZvMessageQueue::RemoveMessage()
 	ZvMessage* message = nullptr;
 	if (fQueued > 0) {
 		message = fSlots[fHead];
-		fSlots[fHead] = nullptr;
 		fHead = (fHead + 1) & (fSlotCount - 1);
 		fQueued -= 1;
 		_PrefetchAhead();
@@ -108,20 +109,13 @@ bool ZvMessageQueue::IsEmpty() const
 
 void ZvMessageQueue::_PrefetchAhead() const
 {
-	// Messages made on another thread are cold in the remover's cache, and
-	// each is a chain of blocks (message, slot array, items) that a plain
-	// walk would miss one after the other. Each removal moves every message
-	// of the next three one step down this chain, so by the time a message
-	// is handed out its items are on their way: the next message's items,
-	// the one after's slot array, the third's object. Each step reads only
-	// what the previous removal asked for.
+	// Messages made on another thread are cold in the remover's cache: ask
+	// for the next few while the one taken is handled, so that they are on
+	// their way when their turn comes. A prefetch never faults, so it reads
+	// nothing of the messages themselves.
 	const int32 mask = fSlotCount - 1;
-	if (fQueued >= 3)
-		__builtin_prefetch(fSlots[(fHead + 2) & mask]);
-	if (fQueued >= 2)
-		fSlots[(fHead + 1) & mask]->_PrefetchSlots();
-	if (fQueued >= 1)
-		fSlots[fHead]->_PrefetchItems();
+	for (int32 i = 0; i < MIN(fQueued, kPrefetched); i++)
+		__builtin_prefetch(fSlots[(fHead + i) & mask]);
 }
 
 void ZvMessageQueue::_Resize(int32 slots)

@@ -265,17 +265,6 @@ ZvMessage& ZvMessage::operator-=(const char* name)
 	return *this;
 }
 
-void ZvMessage::_PrefetchSlots() const
-{
-	__builtin_prefetch(items.items);
-}
-
-void ZvMessage::_PrefetchItems() const
-{
-	for (int32 i = 0; i < MIN(items.CountItems(), kPrefetchedItems); i++)
-		__builtin_prefetch(items.items[i]);
-}
-
 ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 index) const
 {
 	if (name == nullptr || index < 0)
