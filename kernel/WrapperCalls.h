@@ -51,7 +51,11 @@ inline int32 AcquireSemaphore(uint32 sem, int32 timeout)
 // before it sleeps after all.
 inline int32 AcquireShortHold(uint32 sem)
 {
-	constexpr int kPolls = 64;
+	// The pauses between polls double (1, 2, 4, ... 32, then 32): each poll
+	// reads the semaphore's word, and every read takes the line away from
+	// the holder, who must win it back to release.
+	constexpr int kPolls = 24;
+	int pauses = 1;
 	for (int poll = 0; poll < kPolls; poll++) {
 		const status_t status = acquire_sem_etc(static_cast<sem_id>(sem), 1, B_RELATIVE_TIMEOUT, 0);
 		if (status == B_OK)
@@ -59,8 +63,11 @@ inline int32 AcquireShortHold(uint32 sem)
 		if (status != B_TIMED_OUT)
 			return 0;
 #if defined(__i386__) || defined(__x86_64__)
-		__builtin_ia32_pause();
+		for (int pause = 0; pause < pauses; pause++)
+			__builtin_ia32_pause();
 #endif
+		if (pauses < 32)
+			pauses *= 2;
 	}
 	return AcquireSemaphore(sem, -1);
 }
