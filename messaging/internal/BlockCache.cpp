@@ -27,9 +27,10 @@ constexpr bool kSanitized = false;
 constexpr bool kSanitized = false;
 #endif
 
-// Decided once per process: blocks made in one mode must be freed in it.
-// ZVKIT_FORCE_NEW in the environment turns the cache off, for tools that
-// want to see every allocation (a memory checker, a test counting blocks).
+// Decided once per process, at its first block, so that the cache never
+// changes its mind under blocks in use. ZVKIT_FORCE_NEW in the environment
+// turns the cache off, for tools that want to see every allocation (a
+// memory checker, a test counting blocks).
 bool Enabled()
 {
 	static const bool enabled = !kSanitized && getenv("ZVKIT_FORCE_NEW") == nullptr;
