@@ -389,9 +389,16 @@ int32 ZvLooper::LooperCaller(ZvLooper* looper)
 
 int32 ZvLooper::_AwaitMessage(uint32 access)
 {
+	// Polling takes a unit exactly as the wait does (1), or finds the
+	// semaphore gone (0); only "none yet" (2) keeps polling. A unit that is
+	// already there is taken at once; that says nothing of whether polling
+	// pays (where the loop and its sender take turns on one processor, the
+	// answer is often there before the loop looks), so only a message that
+	// arrives while the loop polls counts as polling paying.
+	const int32 first = ZvSemaphore::Acquire(access, 0);
+	if (first != 2)
+		return first;
 	if (fPolling) {
-		// Polling takes a unit exactly as the wait does (1), or finds the
-		// semaphore gone (0); only "none yet" (2) keeps polling.
 		const bigtime_t until = system_time() + kPollBudget;
 		do {
 			for (int poll = 0; poll < kPollsPerClockRead; poll++) {
