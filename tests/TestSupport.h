@@ -22,6 +22,21 @@
 
 namespace zvtest {
 
+// Whether this build runs under AddressSanitizer or ThreadSanitizer: such
+// builds run fewer rounds of the long races, and their allocators abort on
+// a request they cannot meet instead of failing it.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
 class OutputCapture
 {
 public:

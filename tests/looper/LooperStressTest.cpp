@@ -26,17 +26,7 @@ using namespace std::chrono_literals;
 using looper_test::RecordingHandler;
 using looper_test::TestLooper;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
+using zvtest::kSanitized;
 
 // Iterations of the races that only gain from repetition.
 constexpr int kRaceRounds = kSanitized ? 300 : 2000;

@@ -44,17 +44,7 @@ using zv_internal::FreeBlock;
 using zv_internal::FreeUnsizedBlock;
 using zv_internal::ThreadCachedBlocks;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
+using zvtest::kSanitized;
 
 // The cache's parameters as its users see them.
 constexpr size_t kGranule = 16;
