@@ -140,11 +140,9 @@ private:
 	ZvList<ZvHandler*> fHandlers;
 	std::atomic<uint32> fLooperAccess;
 	std::atomic<uint32> fThread;
-	// Whether the loop polls for the next message before it sleeps, how
-	// many polls in a row have failed, and how many short waits remain
-	// before polling is tried again (see _AwaitMessage). Used by the loop's
-	// thread only.
-	bool fPolling;
+	// How many polls in a row have failed, and how many short waits remain
+	// before the loop polls for the next message again (it polls while this
+	// is 0 or less; see _AwaitMessage). Used by the loop's thread only.
 	int32 fPollFailures;
 	int32 fPollSkips;
 

@@ -63,22 +63,24 @@ public:
 	bool IsEmpty() const;
 
 private:
-	// Brings the messages behind the head towards the remover's cache.
-	void _PrefetchAhead() const;
+	// The slot of the message at position (0: the oldest).
+	ZvMessage*& _SlotAt(int32 position) const;
+	// Brings the count messages now behind the head towards the remover's
+	// cache (the first few of them).
+	void _PrefetchAhead(int32 count) const;
 	// Resizes the ring to slots (a power of two, at least the count),
 	// keeping the messages in order from index 0.
 	void _Resize(int32 slots);
 
-	// The ring, its size (0 or a power of two), the slot of the oldest
-	// message and the number queued; guarded by the queue's lock.
+	// The ring, its size (0 or a power of two) and the slot of the oldest
+	// message; guarded by the queue's lock.
 	ZvMessage** fSlots;
 	int32 fSlotCount;
 	int32 fHead;
-	int32 fQueued;
 	uint32 fLimitSem;
 	int32 fLimit;
-	// Mirror of fQueued, written under the queue's lock, so that CountItems
-	// and IsEmpty can be read from any thread without a lock.
+	// The number queued: written only under the queue's lock, and atomic
+	// so that CountItems and IsEmpty can read it from any thread without it.
 	std::atomic<int32> fCount;
 };
 

@@ -43,6 +43,16 @@ inline int32 AcquireSemaphore(uint32 sem, int32 timeout)
 	return 0;
 }
 
+// Tells the processor that the caller is polling: on x86 a pause, which
+// frees the core's resources for its sibling thread and eases the exit from
+// the loop. Elsewhere nothing.
+inline void CpuRelax()
+{
+#if defined(__i386__) || defined(__x86_64__)
+	__builtin_ia32_pause();
+#endif
+}
+
 // As AcquireSemaphore(sem, -1), for a semaphore that guards short stretches
 // of work (a lock): when the semaphore is taken, it is polled a bounded
 // number of times before the thread sleeps. A sleep and its wake-up cost two
@@ -62,10 +72,8 @@ inline int32 AcquireShortHold(uint32 sem)
 			return 1;
 		if (status != B_TIMED_OUT)
 			return 0;
-#if defined(__i386__) || defined(__x86_64__)
 		for (int pause = 0; pause < pauses; pause++)
-			__builtin_ia32_pause();
-#endif
+			CpuRelax();
 		if (pauses < 32)
 			pauses *= 2;
 	}

@@ -9,6 +9,8 @@
 
 #include <OS.h>
 
+#include "kernel/WrapperCalls.h"
+
 #include <memory>
 #include <unordered_map>
 
@@ -135,8 +137,8 @@ int32 LooperEntry(void* data)
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fCurrentMessage(nullptr), fQueue(nullptr),
-      fHandlers(kHandlerListStep), fLooperAccess(0), fThread(0), fPolling(false), fPollFailures(0),
-      fPollSkips(0), fRecord(nullptr)
+      fHandlers(kHandlerListStep), fLooperAccess(0), fThread(0), fPollFailures(0), fPollSkips(1),
+      fRecord(nullptr)
 {
 	fQueue = new ZvMessageQueue(fQueueCapacity);
 	fPreferredHandler = this;
@@ -398,7 +400,8 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 	const int32 first = ZvSemaphore::Acquire(access, 0);
 	if (first != 2)
 		return first;
-	if (fPolling) {
+	// Polling is on once the run of short waits has been counted down.
+	if (fPollSkips <= 0) {
 		const bigtime_t until = system_time() + kPollBudget;
 		do {
 			for (int poll = 0; poll < kPollsPerClockRead; poll++) {
@@ -407,12 +410,9 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 					fPollFailures = 0;
 					return polled;
 				}
-#if defined(__i386__) || defined(__x86_64__)
-				__builtin_ia32_pause();
-#endif
+				zvkit_private::CpuRelax();
 			}
 		} while (system_time() < until);
-		fPolling = false;
 		fPollFailures = MIN(fPollFailures + 1, kMaxPollFailures);
 		fPollSkips = 1 << fPollFailures;
 	}
@@ -422,12 +422,10 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 	// A short wait is one that polling might have spared; after enough of
 	// them in a row polling is tried again. A long wait (an idle looper)
 	// starts the run over.
-	if (system_time() - start <= kShortWait) {
-		if (--fPollSkips <= 0)
-			fPolling = true;
-	} else {
+	if (system_time() - start <= kShortWait)
+		fPollSkips--;
+	else
 		fPollSkips = 1 << fPollFailures;
-	}
 	return result;
 }
 

@@ -15,8 +15,7 @@ const int32 kPrefetched = 3;
 } // namespace
 
 ZvMessageQueue::ZvMessageQueue(int32 limit)
-    : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fLimitSem(0), fLimit(limit),
-      fCount(0)
+    : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fLimitSem(0), fLimit(limit), fCount(0)
 {
 	fLimitSem = ZvSemaphore::Create(1, "_item_limit");
 }
@@ -29,11 +28,11 @@ ZvMessageQueue::~ZvMessageQueue()
 		ZvSemaphore::Delete(fLimitSem);
 	fLimitSem = 0;
 	// Oldest first.
-	for (int32 i = 0; i < fQueued; i++)
-		delete fSlots[(fHead + i) & (fSlotCount - 1)];
+	const int32 count = fCount.load(std::memory_order_relaxed);
+	for (int32 i = 0; i < count; i++)
+		delete _SlotAt(i);
 	delete[] fSlots;
 	fSlots = nullptr;
-	fQueued = 0;
 	fCount.store(0, std::memory_order_relaxed);
 }
 
@@ -47,7 +46,7 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 	if (!Lock())
 		return false;
 
-	if (fQueued > fLimit) {
+	if (fCount.load(std::memory_order_relaxed) > fLimit) {
 		// Over the bound: wait for a remover with the queue's lock released,
 		// so that the remover can take it. One unit of "_item_limit" lets one
 		// adder through, which then appends whatever the count: the count is
@@ -60,11 +59,11 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 			return false;
 	}
 
-	if (fQueued == fSlotCount)
+	const int32 count = fCount.load(std::memory_order_relaxed);
+	if (count == fSlotCount)
 		_Resize(fSlotCount == 0 ? kMinSlots : fSlotCount * 2);
-	fSlots[(fHead + fQueued) & (fSlotCount - 1)] = message;
-	fQueued += 1;
-	fCount.store(fQueued, std::memory_order_relaxed);
+	_SlotAt(count) = message;
+	fCount.store(count + 1, std::memory_order_relaxed);
 	Unlock();
 	return true;
 }
@@ -75,18 +74,18 @@ ZvMessage* ZvMessageQueue::RemoveMessage()
 		return nullptr;
 
 	ZvMessage* message = nullptr;
-	if (fQueued > 0) {
-		message = fSlots[fHead];
+	int32 count = fCount.load(std::memory_order_relaxed);
+	if (count > 0) {
+		message = _SlotAt(0);
 		fHead = (fHead + 1) & (fSlotCount - 1);
-		fQueued -= 1;
-		_PrefetchAhead();
+		count -= 1;
+		fCount.store(count, std::memory_order_relaxed);
+		_PrefetchAhead(count);
 		// Halving at a quarter full gives back what a burst took without
 		// resizing back and forth around one length.
-		if (fSlotCount > kMinSlots && fQueued <= fSlotCount / 4)
+		if (fSlotCount > kMinSlots && count <= fSlotCount / 4)
 			_Resize(fSlotCount / 2);
 	}
-	const int32 count = fQueued;
-	fCount.store(count, std::memory_order_relaxed);
 	// One unit per removal that leaves the queue at or above its bound, also
 	// when nothing was removed: with a bound of 0 or less every call
 	// releases.
@@ -107,22 +106,27 @@ bool ZvMessageQueue::IsEmpty() const
 	return CountItems() == 0;
 }
 
-void ZvMessageQueue::_PrefetchAhead() const
+ZvMessage*& ZvMessageQueue::_SlotAt(int32 position) const
+{
+	return fSlots[(fHead + position) & (fSlotCount - 1)];
+}
+
+void ZvMessageQueue::_PrefetchAhead(int32 count) const
 {
 	// Messages made on another thread are cold in the remover's cache: ask
 	// for the next few while the one taken is handled, so that they are on
 	// their way when their turn comes. A prefetch never faults, so it reads
 	// nothing of the messages themselves.
-	const int32 mask = fSlotCount - 1;
-	for (int32 i = 0; i < MIN(fQueued, kPrefetched); i++)
-		__builtin_prefetch(fSlots[(fHead + i) & mask]);
+	for (int32 i = 0; i < MIN(count, kPrefetched); i++)
+		__builtin_prefetch(_SlotAt(i));
 }
 
 void ZvMessageQueue::_Resize(int32 slots)
 {
 	ZvMessage** fresh = new ZvMessage*[slots]();
-	for (int32 i = 0; i < fQueued; i++)
-		fresh[i] = fSlots[(fHead + i) & (fSlotCount - 1)];
+	const int32 count = fCount.load(std::memory_order_relaxed);
+	for (int32 i = 0; i < count; i++)
+		fresh[i] = _SlotAt(i);
 	delete[] fSlots;
 	fSlots = fresh;
 	fSlotCount = slots;

@@ -12,9 +12,6 @@ namespace {
 // shrink by this step.
 const int32 kListStep = 16;
 
-// Items whose lines a search requests before it walks the list.
-const int32 kPrefetchedItems = 8;
-
 bool NameMatches(const ZvMessageItem* item, const char* name)
 {
 	// Most names that differ differ in their first character: test it
@@ -33,11 +30,7 @@ ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep) {}
 
 ZvMessage::ZvMessage(int what) : ZvMessage(static_cast<uint32>(what)) {}
 
-ZvMessage::ZvMessage(const ZvMessage& other) : what(other.what), fFlags(0), items(kListStep)
-{
-	for (int32 i = 0; i < other.items.CountItems(); i++)
-		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
-}
+ZvMessage::ZvMessage(const ZvMessage& other) : ZvMessage(&other) {}
 
 ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep)
 {
@@ -270,13 +263,7 @@ ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 inde
 	if (name == nullptr || index < 0)
 		return nullptr;
 
-	// A message that arrived from another thread is cold in this core's
-	// cache: asking for its first items at once overlaps their misses
-	// instead of taking them one after the other during the walk.
 	const int32 count = items.CountItems();
-	for (int32 i = 0; i < MIN(count, kPrefetchedItems); i++)
-		__builtin_prefetch(items.items[i]);
-
 	int32 matches = 0;
 	for (int32 i = 0; i < count; i++) {
 		ZvMessageItem* item = items.ItemAt(i);

@@ -61,17 +61,6 @@ size_t ClassBytes(size_t sizeClass)
 	return (sizeClass + 1) * kGranule;
 }
 
-// Where every block comes from and goes back to.
-void* NewRaw(size_t bytes)
-{
-	return ::operator new(bytes);
-}
-
-void DeleteRaw(void* block) noexcept
-{
-	::operator delete(block);
-}
-
 // A batch of free blocks on its way between threads. Free blocks are kept
 // in arrays of pointers rather than linked through their first words: a
 // thread taking a block another thread freed then does not have to read the
@@ -113,7 +102,7 @@ public:
 			}
 		}
 		for (uint32_t i = 0; i < count; i++)
-			DeleteRaw(blocks[i]);
+			::operator delete(blocks[i]);
 	}
 
 	size_t CountBlocks(size_t sizeClass)
@@ -217,7 +206,7 @@ public:
 		Stack& stack = fStacks[sizeClass];
 		Batch batch;
 		if (!Central().Take(sizeClass, &batch))
-			return NewRaw(ClassBytes(sizeClass));
+			return ::operator new(ClassBytes(sizeClass));
 		memcpy(stack.blocks, batch.blocks, sizeof(batch.blocks));
 		stack.count = kBatchSize - 1;
 		return stack.blocks[kBatchSize - 1];
@@ -307,7 +296,7 @@ __attribute__((noinline)) void* AllocateSlow(size_t size)
 		// freed there. With the cache off no cache ever holds a block, so
 		// the exact size is asked for (tools counting blocks see it).
 		const bool classSized = size <= kMaxCachedBlock && Enabled();
-		return NewRaw(classSized ? ClassBytes(ClassOf(size)) : size);
+		return ::operator new(classSized ? ClassBytes(ClassOf(size)) : size);
 	}
 	const size_t sizeClass = ClassOf(size);
 	void* block = cache->Pop(sizeClass);
@@ -320,7 +309,7 @@ __attribute__((noinline)) void FreeSlow(void* block, size_t size)
 		return;
 	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
 	if (cache == nullptr) {
-		DeleteRaw(block);
+		::operator delete(block);
 		return;
 	}
 	const size_t sizeClass = ClassOf(size);
@@ -355,7 +344,7 @@ void* AllocateBlock(size_t size, const std::nothrow_t&) noexcept
 
 void FreeUnsizedBlock(void* block) noexcept
 {
-	DeleteRaw(block);
+	::operator delete(block);
 }
 
 void FreeBlock(void* block, size_t size)

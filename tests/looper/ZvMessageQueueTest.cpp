@@ -94,6 +94,20 @@ private:
 	std::vector<int>* fTally;
 };
 
+// Queues tallied messages with whats first .. last - 1.
+void AddTallied(ZvMessageQueue& queue, uint32 first, uint32 last, std::vector<int>* tally)
+{
+	for (uint32 what = first; what < last; what++)
+		queue.AddMessage(new TalliedMessage(what, tally));
+}
+
+// Whether each what first .. last - 1 was deleted exactly deletions times.
+void ExpectTallies(const std::vector<int>& tally, uint32 first, uint32 last, int deletions)
+{
+	for (uint32 what = first; what < last; what++)
+		EXPECT_EQ(tally[what], deletions) << what;
+}
+
 } // namespace
 
 TEST_F(ZvMessageQueueTest, NewQueueIsEmpty)
@@ -386,23 +400,17 @@ TEST_F(ZvMessageQueueTest, DestroyingAQueueWithAWrappedRingDeletesEachMessageOnc
 	std::vector<int> tally(100, 0);
 	{
 		ZvMessageQueue queue(1000);
-		for (uint32 what = 0; what < 12; what++)
-			queue.AddMessage(new TalliedMessage(what, &tally));
+		AddTallied(queue, 0, 12, &tally);
 		for (uint32 what = 0; what < 10; what++)
 			ExpectNext(queue, what);
 		// Slots 10 to 15, then 0 to 7: wrapped, 14 queued.
-		for (uint32 what = 12; what < 24; what++)
-			queue.AddMessage(new TalliedMessage(what, &tally));
+		AddTallied(queue, 12, 24, &tally);
 		ASSERT_EQ(queue.CountItems(), 14);
-		for (uint32 what = 0; what < 10; what++)
-			EXPECT_EQ(tally[what], 1) << what;
-		for (uint32 what = 10; what < 24; what++)
-			EXPECT_EQ(tally[what], 0) << what;
+		ExpectTallies(tally, 0, 10, 1);
+		ExpectTallies(tally, 10, 24, 0);
 	}
-	for (uint32 what = 0; what < 24; what++)
-		EXPECT_EQ(tally[what], 1) << what;
-	for (uint32 what = 24; what < tally.size(); what++)
-		EXPECT_EQ(tally[what], 0) << what;
+	ExpectTallies(tally, 0, 24, 1);
+	ExpectTallies(tally, 24, tally.size(), 0);
 }
 
 TEST_F(ZvMessageQueueTest, DestroyingAQueueThatGrewWhileWrappedDeletesEachMessageOnce)
@@ -410,21 +418,17 @@ TEST_F(ZvMessageQueueTest, DestroyingAQueueThatGrewWhileWrappedDeletesEachMessag
 	std::vector<int> tally(100, 0);
 	{
 		ZvMessageQueue queue(1000);
-		for (uint32 what = 0; what < 10; what++)
-			queue.AddMessage(new TalliedMessage(what, &tally));
+		AddTallied(queue, 0, 10, &tally);
 		for (uint32 what = 0; what < 7; what++)
 			ExpectNext(queue, what);
-		for (uint32 what = 10; what < 50; what++)
-			queue.AddMessage(new TalliedMessage(what, &tally));
+		AddTallied(queue, 10, 50, &tally);
 		// Take a few more so that the head moves in the grown ring too.
 		for (uint32 what = 7; what < 12; what++)
 			ExpectNext(queue, what);
-		for (uint32 what = 50; what < 60; what++)
-			queue.AddMessage(new TalliedMessage(what, &tally));
+		AddTallied(queue, 50, 60, &tally);
 		ASSERT_EQ(queue.CountItems(), 48);
 	}
-	for (uint32 what = 0; what < 60; what++)
-		EXPECT_EQ(tally[what], 1) << what;
+	ExpectTallies(tally, 0, 60, 1);
 	EXPECT_EQ(sDeleted.load(), 0);
 }
 
