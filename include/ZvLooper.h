@@ -135,23 +135,28 @@ private:
 	std::atomic<bool> fRunning;
 	zv_thread_priority fPriority;
 	ZvHandler* fPreferredHandler;
-	std::atomic<ZvMessage*> fCurrentMessage;
-	ZvMessageQueue* fQueue;
 	ZvList<ZvHandler*> fHandlers;
-	std::atomic<uint32> fLooperAccess;
 	std::atomic<uint32> fThread;
-	// How many polls in a row have failed, and how many short waits remain
-	// before the loop polls for the next message again (it polls while this
-	// is 0 or less; see _AwaitMessage). Used by the loop's thread only.
-	int32 fPollFailures;
-	int32 fPollSkips;
-
 	// Guards fHandlers for the readers that take no looper lock (HandlerAt,
 	// CountHandlers, IndexOfHandler); writers hold the looper's lock first.
 	mutable std::mutex fHandlersGuard;
 	// This looper's entry in the process-wide table of live loopers, which
 	// lets Quit tell whether the looper still exists (see Quit).
 	zv_looper_life* fRecord;
+
+	// What every post reads, on a cache line of its own: the loop writes
+	// its lock and the current message once per message, and a poster that
+	// shared their line would have to fetch it back for every post.
+	alignas(64) ZvMessageQueue* fQueue;
+	std::atomic<uint32> fLooperAccess;
+
+	// Written by the loop's thread for every message.
+	alignas(64) std::atomic<ZvMessage*> fCurrentMessage;
+	// How many polls in a row have failed, and how many short waits remain
+	// before the loop polls for the next message again (it polls while this
+	// is 0 or less; see _AwaitMessage). Used by the loop's thread only.
+	int32 fPollFailures;
+	int32 fPollSkips;
 };
 
 #endif // _ZV_LOOPER_H

@@ -40,7 +40,7 @@
 
 class ZvMessage;
 
-class ZV_EXPORT ZvMessageQueue : public ZvLocker
+class ZV_EXPORT __attribute__((aligned(64))) ZvMessageQueue : public ZvLocker
 {
 public:
 	explicit ZvMessageQueue(int32 limit);
@@ -63,25 +63,52 @@ public:
 	bool IsEmpty() const;
 
 private:
+	// The looper takes its messages through _TakeNext rather than
+	// RemoveMessage (see "Taking for the loop" in ZvMessageQueue.cpp).
+	friend class ZvLooper;
+
+	// What RemoveMessage does, for the one thread that runs the loop: the
+	// oldest message, now the caller's; null when none is queued or the
+	// lock could not be taken. Calls must be serialised (the looper's lock
+	// does that) and must not be mixed with RemoveMessage.
+	ZvMessage* _TakeNext();
+	// Moves the oldest messages of the ring, up to kTakenMax, to the taken
+	// ones, under the queue's lock; false when the lock could not be taken.
+	bool _TakeBatch();
 	// The slot of the message at position (0: the oldest).
 	ZvMessage*& _SlotAt(int32 position) const;
-	// Brings the count messages now behind the head towards the remover's
-	// cache (the first few of them).
-	void _PrefetchAhead(int32 count) const;
+	// Brings the message at position of the taken ones towards the
+	// remover's cache, when there is one.
+	void _PrefetchTaken(int32 position) const;
 	// Resizes the ring to slots (a power of two, at least the count),
 	// keeping the messages in order from index 0.
 	void _Resize(int32 slots);
 
-	// The ring, its size (0 or a power of two) and the slot of the oldest
-	// message; guarded by the queue's lock.
+	static constexpr int32 kTakenMax = 32;
+
+	// The ring, its size (0 or a power of two), the slot of the oldest
+	// message and how many it holds; guarded by the queue's lock. With the
+	// lock's own fields they fill the object's first cache line, which
+	// every add and every batch taken reads and writes.
 	ZvMessage** fSlots;
 	int32 fSlotCount;
 	int32 fHead;
+	int32 fQueued;
+
+	// The number queued: in the ring plus taken and not yet handed out.
+	// Changed under the queue's lock by adders and by RemoveMessage, and by
+	// _TakeNext without it; atomic, so that every change counts and
+	// CountItems and IsEmpty can read it from any thread. On a line of its
+	// own with the bound, which both sides read with it.
+	alignas(64) std::atomic<int32> fCount;
+	const int32 fLimit;
 	uint32 fLimitSem;
-	int32 fLimit;
-	// The number queued: written only under the queue's lock, and atomic
-	// so that CountItems and IsEmpty can read it from any thread without it.
-	std::atomic<int32> fCount;
+
+	// Messages taken out of the ring by _TakeBatch and not yet handed out
+	// by _TakeNext, oldest at fTakenHead; used by the loop's thread only.
+	alignas(64) ZvMessage* fTaken[kTakenMax];
+	int32 fTakenHead;
+	int32 fTakenCount;
 };
 
 #endif // _ZV_MESSAGE_QUEUE_H

@@ -136,9 +136,9 @@ int32 LooperEntry(void* data)
 
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
-      fPriority(priority), fPreferredHandler(nullptr), fCurrentMessage(nullptr), fQueue(nullptr),
-      fHandlers(kHandlerListStep), fLooperAccess(0), fThread(0), fPollFailures(0), fPollSkips(1),
-      fRecord(nullptr)
+      fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
+      fRecord(nullptr), fQueue(nullptr), fLooperAccess(0), fCurrentMessage(nullptr),
+      fPollFailures(0), fPollSkips(1)
 {
 	fQueue = new ZvMessageQueue(fQueueCapacity);
 	fPreferredHandler = this;
@@ -320,7 +320,7 @@ void ZvLooper::DispatchMessage(ZvMessage* message, ZvHandler* target)
 
 bool ZvLooper::ProcessNextMessage()
 {
-	ZvMessage* message = fQueue->RemoveMessage();
+	ZvMessage* message = fQueue->_TakeNext();
 	fCurrentMessage.store(message, std::memory_order_release);
 	if (message == nullptr)
 		return false;

@@ -612,6 +612,97 @@ TEST(ZvLooperTest, ANeverRunLooperDeletedByItsOwnerDeletesTheQueuedMessages)
 	EXPECT_LE(looper_test::LiveBlocksOfSize(sizeof(ZvMessageItem)), itemsBefore);
 }
 
+namespace {
+
+// Processes one message in the calling thread, as one turn of the loop.
+bool ProcessOne(ZvLooper& looper)
+{
+	if (!looper.Lock())
+		return false;
+	const bool took = looper.ProcessNextMessage();
+	looper.Unlock();
+	return took;
+}
+
+// True when thread is asleep on the queue's "_item_limit" semaphore.
+bool IsWaitingForRoom(thread_id thread)
+{
+	thread_info info;
+	sem_info sem;
+	return get_thread_info(thread, &info) == B_OK && info.state == B_THREAD_WAITING &&
+	       get_sem_info(info.sem, &sem) == B_OK && std::strcmp(sem.name, "_item_limit") == 0;
+}
+
+} // namespace
+
+TEST(ZvLooperTest, TheBoundOfTheQueueHoldsAsIfTheLoopTookOneMessageAtATime)
+{
+	// The loop may take several waiting messages out of its queue at once;
+	// they must still count as queued until each one's turn, so that posters
+	// block, and pass, exactly as with one removal per turn.
+	zvtest::Watchdog watchdog(60s, "bound through the looper");
+	TestLooper looper(nullptr, nullptr, 2);
+	// Three posts fit; the fourth finds 3 > 2 and passes on "_item_limit"'s
+	// initial unit.
+	for (uint32 what = 1; what <= 4; what++)
+		looper.PostMessage(what, nullptr);
+	// The first turn leaves 3 queued, at or above the bound: one unit.
+	ASSERT_TRUE(ProcessOne(looper));
+	// So the fifth post passes (4 queued), and the sixth waits for the next
+	// turn.
+	looper.PostMessage(5, nullptr);
+	// The sixth post, from a thread of the kit's (whose waits the kit can
+	// report).
+	struct Post
+	{
+		static int32 Sixth(void* data)
+		{
+			static_cast<ZvLooper*>(data)->PostMessage(6, nullptr);
+			return 0;
+		}
+	};
+	const int32 poster = ZvThread::Create(&Post::Sixth, &looper, ZV_NORMAL_PRIORITY, "poster");
+	ASSERT_GT(poster, 0);
+	ASSERT_TRUE(ZvThread::Resume(static_cast<uint32>(poster)));
+	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsWaitingForRoom(poster); }));
+	ASSERT_TRUE(ProcessOne(looper));
+	EXPECT_TRUE(ZvThread::Wait(static_cast<uint32>(poster), nullptr));
+
+	EXPECT_EQ(looper.Drain(), 4);
+	ASSERT_EQ(looper.OwnWhats().size(), 6u);
+	for (uint32 what = 1; what <= 6; what++)
+		EXPECT_EQ(looper.OwnWhats()[what - 1], what);
+}
+
+TEST(ZvLooperTest, MessagesTakenForTheLoopButNotYetHandledAreDeletedWithTheLooper)
+{
+	TestLooper* looper = new TestLooper();
+	const int64_t messagesBefore = looper_test::LiveBlocksOfSize(sizeof(ZvMessage));
+	for (uint32 what = 1; what <= 10; what++)
+		looper->PostMessage(what, nullptr);
+	// One turn: the loop may now hold the nine others outside the ring.
+	ASSERT_TRUE(ProcessOne(*looper));
+	EXPECT_EQ(looper->OwnReceived(), 1);
+	EXPECT_EQ(looper_test::LiveBlocksOfSize(sizeof(ZvMessage)), messagesBefore + 9);
+	delete looper;
+	EXPECT_LE(looper_test::LiveBlocksOfSize(sizeof(ZvMessage)), messagesBefore);
+}
+
+TEST(ZvLooperTest, MessagesPostedWhileTheLoopHoldsTakenOnesComeAfterThem)
+{
+	TestLooper looper;
+	for (uint32 what = 1; what <= 3; what++)
+		looper.PostMessage(what, nullptr);
+	ASSERT_TRUE(ProcessOne(looper));
+	for (uint32 what = 4; what <= 40; what++)
+		looper.PostMessage(what, nullptr);
+	EXPECT_EQ(looper.Drain(), 39);
+	ASSERT_EQ(looper.OwnWhats().size(), 40u);
+	for (uint32 what = 1; what <= 40; what++)
+		EXPECT_EQ(looper.OwnWhats()[what - 1], what);
+	EXPECT_FALSE(ProcessOne(looper));
+}
+
 TEST(ZvLooperTest, QuitOnANeverRunLooperEndsItAndReturnsFalse)
 {
 	TestLooper looper;
