@@ -4,4 +4,4 @@
 # uses, so the counts those tests read are not disturbed by the library's
 # messages and lists.
 target_sources(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging/internal/BlockCache.cpp)
-target_include_directories(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging)
+target_include_directories(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging ${PROJECT_SOURCE_DIR})
