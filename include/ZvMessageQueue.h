@@ -19,7 +19,12 @@
 // Storage: a ring of slots that doubles when full and halves when a quarter
 // full, so taking the oldest message costs the same whatever the queue's
 // length (a list that moves its entries down would make a long queue slow to
-// drain just when the looper most needs to catch up).
+// drain just when the looper most needs to catch up). A looper takes its
+// messages out of the ring in batches; a taken message counts as queued
+// until the looper's turn for it comes, so the count and the bound behave
+// as if it were removed then. The object is aligned to a cache line: the
+// lock and the ring, the count, and the looper's taken messages each have
+// a line of their own.
 //
 // Ownership: the queue owns the messages it holds; RemoveMessage hands the
 // oldest one to the caller. Messages still queued when the queue is destroyed
@@ -40,7 +45,7 @@
 
 class ZvMessage;
 
-class ZV_EXPORT __attribute__((aligned(64))) ZvMessageQueue : public ZvLocker
+class ZV_EXPORT ZvMessageQueue : public ZvLocker
 {
 public:
 	explicit ZvMessageQueue(int32 limit);
