@@ -178,6 +178,15 @@ ZvLooper* LinkOf(ZvLooper& looper)
 	return static_cast<ZvHandler&>(looper).Looper();
 }
 
+// Checks that the looper's own MessageReceived got the whats 1 to count, in
+// that order and nothing else.
+void ExpectOwnWhatsInOrder(const TestLooper& looper, uint32 count)
+{
+	ASSERT_EQ(looper.OwnWhats().size(), count);
+	for (uint32 what = 1; what <= count; what++)
+		EXPECT_EQ(looper.OwnWhats()[what - 1], what);
+}
+
 } // namespace
 
 // Construction and the handler list.
@@ -377,9 +386,7 @@ TEST(ZvLooperTest, MessagesAreProcessedInTheOrderPosted)
 	for (uint32 what = 1; what <= 50; what++)
 		looper.PostMessage(what, nullptr);
 	EXPECT_EQ(looper.Drain(), 50);
-	ASSERT_EQ(looper.OwnWhats().size(), 50u);
-	for (uint32 what = 1; what <= 50; what++)
-		EXPECT_EQ(looper.OwnWhats()[what - 1], what);
+	ExpectOwnWhatsInOrder(looper, 50);
 }
 
 TEST(ZvLooperTest, AMessageForAnAttachedHandlerIsDeliveredAndThenDeleted)
@@ -669,9 +676,7 @@ TEST(ZvLooperTest, TheBoundOfTheQueueHoldsAsIfTheLoopTookOneMessageAtATime)
 	EXPECT_TRUE(ZvThread::Wait(static_cast<uint32>(poster), nullptr));
 
 	EXPECT_EQ(looper.Drain(), 4);
-	ASSERT_EQ(looper.OwnWhats().size(), 6u);
-	for (uint32 what = 1; what <= 6; what++)
-		EXPECT_EQ(looper.OwnWhats()[what - 1], what);
+	ExpectOwnWhatsInOrder(looper, 6);
 }
 
 TEST(ZvLooperTest, MessagesTakenForTheLoopButNotYetHandledAreDeletedWithTheLooper)
@@ -697,9 +702,7 @@ TEST(ZvLooperTest, MessagesPostedWhileTheLoopHoldsTakenOnesComeAfterThem)
 	for (uint32 what = 4; what <= 40; what++)
 		looper.PostMessage(what, nullptr);
 	EXPECT_EQ(looper.Drain(), 39);
-	ASSERT_EQ(looper.OwnWhats().size(), 40u);
-	for (uint32 what = 1; what <= 40; what++)
-		EXPECT_EQ(looper.OwnWhats()[what - 1], what);
+	ExpectOwnWhatsInOrder(looper, 40);
 	EXPECT_FALSE(ProcessOne(looper));
 }
 
