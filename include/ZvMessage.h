@@ -49,7 +49,22 @@
 
 #include <new>
 
-class ZV_EXPORT ZvMessageItem
+// The allocation of messages and items (and of classes derived from them):
+// single objects come from the library's per-thread block cache, so that an
+// object made on one thread and deleted on another, as every posted message
+// is, costs no allocator lock. Arrays use the global operator new[].
+class ZV_EXPORT ZvBlockAllocated
+{
+public:
+	static void* operator new(size_t size);
+	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+	static void* operator new(size_t, void* where) noexcept { return where; }
+	static void operator delete(void* block, size_t size);
+	static void operator delete(void* block, const std::nothrow_t&) noexcept;
+	static void operator delete(void*, void*) noexcept {}
+};
+
+class ZV_EXPORT ZvMessageItem : public ZvBlockAllocated
 {
 public:
 	// Values of up to this many bytes live inside the item: data then points
@@ -90,14 +105,6 @@ public:
 	// Dumps the item on standard output.
 	void PrintToStream() const;
 
-	// Items are allocated from the library's block cache.
-	static void* operator new(size_t size);
-	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
-	static void* operator new(size_t, void* where) noexcept { return where; }
-	static void operator delete(void* block, size_t size);
-	static void operator delete(void* block, const std::nothrow_t&) noexcept;
-	static void operator delete(void*, void*) noexcept {}
-
 	type_code type;
 	int32 size;
 	uint8* data;
@@ -114,7 +121,7 @@ private:
 	uint8 fInlineData[kInlineDataSize];
 };
 
-class ZV_EXPORT ZvMessage
+class ZV_EXPORT ZvMessage : public ZvBlockAllocated
 {
 public:
 	explicit ZvMessage(uint32 what);
@@ -333,15 +340,6 @@ public:
 
 	// Dumps the message on standard output.
 	void PrintToStream() const;
-
-	// Messages (and classes derived from them) are allocated from the
-	// library's block cache.
-	static void* operator new(size_t size);
-	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
-	static void* operator new(size_t, void* where) noexcept { return where; }
-	static void operator delete(void* block, size_t size);
-	static void operator delete(void* block, const std::nothrow_t&) noexcept;
-	static void operator delete(void*, void*) noexcept {}
 
 	uint32 what;
 

@@ -80,6 +80,15 @@ private:
 	// Moves the oldest messages of the ring, up to kTakenMax, to the taken
 	// ones, under the queue's lock; false when the lock could not be taken.
 	bool _TakeBatch();
+	// Takes the count oldest messages off the ring (the caller has read
+	// them), and halves the ring when it is a quarter full.
+	void _DropOldest(int32 count);
+	// Counts one message out of the queue and applies the bound's rule to
+	// the count it leaves.
+	void _CountRemoval();
+	// The bound's rule: a removal that leaves left messages queued releases
+	// "_item_limit" when that is at or above the limit.
+	void _ReleaseAtLimit(int32 left);
 	// The slot of the message at position (0: the oldest).
 	ZvMessage*& _SlotAt(int32 position) const;
 	// Brings the message at position of the taken ones towards the

@@ -93,22 +93,15 @@ ZvMessage* ZvMessageQueue::RemoveMessage()
 		return nullptr;
 
 	ZvMessage* message = nullptr;
-	int32 count = fCount.load(std::memory_order_relaxed);
 	if (fQueued > 0) {
 		message = _SlotAt(0);
-		fHead = (fHead + 1) & (fSlotCount - 1);
-		fQueued--;
-		count = fCount.fetch_sub(1, std::memory_order_relaxed) - 1;
-		// Halving at a quarter full gives back what a burst took without
-		// resizing back and forth around one length.
-		if (fSlotCount > kMinSlots && fQueued <= fSlotCount / 4)
-			_Resize(fSlotCount / 2);
+		_DropOldest(1);
+		_CountRemoval();
+	} else {
+		// A removal that finds the queue empty follows the same rule: with a
+		// bound of 0 or less every call releases.
+		_ReleaseAtLimit(fCount.load(std::memory_order_relaxed));
 	}
-	// One unit per removal that leaves the queue at or above its bound, also
-	// when nothing was removed: with a bound of 0 or less every call
-	// releases.
-	if (count >= fLimit)
-		ZvSemaphore::Release(fLimitSem);
 
 	Unlock();
 	return message;
@@ -126,21 +119,16 @@ bool ZvMessageQueue::IsEmpty() const
 
 ZvMessage* ZvMessageQueue::_TakeNext()
 {
-	if (fTakenCount == 0) {
-		if (!_TakeBatch() || fTakenCount == 0)
-			return nullptr;
-	}
+	if (fTakenCount == 0 && (!_TakeBatch() || fTakenCount == 0))
+		return nullptr;
 
 	ZvMessage* message = fTaken[fTakenHead];
 	fTakenHead++;
 	fTakenCount--;
 	_PrefetchTaken(fTakenHead + kPrefetched - 1);
-	// The removal proper: the count, and the bound's rule on what it leaves.
-	// The decrement is atomic, so the count it leaves is exact even while
-	// adders change it under the lock.
-	const int32 count = fCount.fetch_sub(1, std::memory_order_relaxed) - 1;
-	if (count >= fLimit)
-		ZvSemaphore::Release(fLimitSem);
+	// The removal proper. The decrement is atomic, so the count it leaves is
+	// exact even while adders change it under the lock.
+	_CountRemoval();
 	return message;
 }
 
@@ -152,16 +140,10 @@ bool ZvMessageQueue::_TakeBatch()
 	const int32 taken = MIN(fQueued, kTakenMax);
 	for (int32 i = 0; i < taken; i++)
 		fTaken[i] = _SlotAt(i);
-	if (taken > 0) {
-		fHead = (fHead + taken) & (fSlotCount - 1);
-		fQueued -= taken;
-		if (fSlotCount > kMinSlots && fQueued <= fSlotCount / 4)
-			_Resize(fSlotCount / 2);
-	} else if (fCount.load(std::memory_order_relaxed) >= fLimit) {
-		// Nothing queued: RemoveMessage's rule for a removal that finds the
-		// queue empty (with a bound of 0 or less it releases).
-		ZvSemaphore::Release(fLimitSem);
-	}
+	if (taken > 0)
+		_DropOldest(taken);
+	else // As RemoveMessage on an empty queue.
+		_ReleaseAtLimit(fCount.load(std::memory_order_relaxed));
 	fTakenHead = 0;
 	fTakenCount = taken;
 
@@ -169,6 +151,29 @@ bool ZvMessageQueue::_TakeBatch()
 	for (int32 i = 0; i < MIN(taken, kPrefetched); i++)
 		_PrefetchTaken(i);
 	return true;
+}
+
+void ZvMessageQueue::_DropOldest(int32 count)
+{
+	fHead = (fHead + count) & (fSlotCount - 1);
+	fQueued -= count;
+	// Halving at a quarter full gives back what a burst took without
+	// resizing back and forth around one length.
+	if (fSlotCount > kMinSlots && fQueued <= fSlotCount / 4)
+		_Resize(fSlotCount / 2);
+}
+
+void ZvMessageQueue::_CountRemoval()
+{
+	_ReleaseAtLimit(fCount.fetch_sub(1, std::memory_order_relaxed) - 1);
+}
+
+void ZvMessageQueue::_ReleaseAtLimit(int32 left)
+{
+	// One unit of "_item_limit" per removal that leaves the queue at or
+	// above its bound.
+	if (left >= fLimit)
+		ZvSemaphore::Release(fLimitSem);
 }
 
 ZvMessage*& ZvMessageQueue::_SlotAt(int32 position) const

@@ -56,22 +56,22 @@ ZvMessage::~ZvMessage()
 	MakeEmpty();
 }
 
-void* ZvMessage::operator new(size_t size)
+void* ZvBlockAllocated::operator new(size_t size)
 {
 	return zv_internal::AllocateBlock(size);
 }
 
-void* ZvMessage::operator new(size_t size, const std::nothrow_t& tag) noexcept
+void* ZvBlockAllocated::operator new(size_t size, const std::nothrow_t& tag) noexcept
 {
 	return zv_internal::AllocateBlock(size, tag);
 }
 
-void ZvMessage::operator delete(void* block, size_t size)
+void ZvBlockAllocated::operator delete(void* block, size_t size)
 {
 	zv_internal::FreeBlock(block, size);
 }
 
-void ZvMessage::operator delete(void* block, const std::nothrow_t&) noexcept
+void ZvBlockAllocated::operator delete(void* block, const std::nothrow_t&) noexcept
 {
 	zv_internal::FreeUnsizedBlock(block);
 }

@@ -2,7 +2,6 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
-#include "internal/BlockCache.h"
 
 #include <string.h>
 
@@ -57,26 +56,6 @@ ZvMessageItem::~ZvMessageItem()
 	_FreeBlock();
 }
 
-void* ZvMessageItem::operator new(size_t size)
-{
-	return zv_internal::AllocateBlock(size);
-}
-
-void* ZvMessageItem::operator new(size_t size, const std::nothrow_t& tag) noexcept
-{
-	return zv_internal::AllocateBlock(size, tag);
-}
-
-void ZvMessageItem::operator delete(void* block, size_t size)
-{
-	zv_internal::FreeBlock(block, size);
-}
-
-void ZvMessageItem::operator delete(void* block, const std::nothrow_t&) noexcept
-{
-	zv_internal::FreeUnsizedBlock(block);
-}
-
 uint8* ZvMessageItem::_NewBlock(int32 length)
 {
 	if (length <= kInlineDataSize)
@@ -100,11 +79,10 @@ void ZvMessageItem::ReplaceData(int32 size, const void* data)
 {
 	if (size > this->size) {
 		this->size = size;
-		// A value that still fits the inline buffer stays there.
-		if (size > kInlineDataSize || this->data != fInlineData) {
-			_FreeBlock();
-			this->data = _NewBlock(size);
-		}
+		// A value that still fits the inline buffer stays there: _NewBlock
+		// hands the buffer out again.
+		_FreeBlock();
+		this->data = _NewBlock(size);
 	}
 	if (this->size >= 1 && this->data != nullptr && data != nullptr)
 		memcpy(this->data, data, this->size);

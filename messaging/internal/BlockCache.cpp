@@ -329,9 +329,16 @@ ThreadCache* CurrentCache()
 	return cache;
 }
 
+// The cache for blocks of size bytes: the calling thread's, or null for a
+// size the cache does not keep.
+ThreadCache* CacheFor(size_t size)
+{
+	return size <= kMaxCachedBlock ? CurrentCache() : nullptr;
+}
+
 __attribute__((noinline)) void* AllocateSlow(size_t size)
 {
-	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
+	ThreadCache* cache = CacheFor(size);
 	if (cache == nullptr) {
 		// A thread whose cache is gone still makes blocks of the class's
 		// full size: another thread's cache may take them when they are
@@ -349,7 +356,7 @@ __attribute__((noinline)) void FreeSlow(void* block, size_t size)
 {
 	if (block == nullptr)
 		return;
-	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
+	ThreadCache* cache = CacheFor(size);
 	if (cache == nullptr) {
 		::operator delete(block);
 		return;
@@ -401,7 +408,7 @@ void FreeBlock(void* block, size_t size)
 
 size_t ThreadCachedBlocks(size_t size)
 {
-	ThreadCache* cache = size <= kMaxCachedBlock ? CurrentCache() : nullptr;
+	ThreadCache* cache = CacheFor(size);
 	return cache == nullptr ? 0 : cache->Count(ClassOf(size));
 }
 
