@@ -7,7 +7,10 @@
 #ifndef ZVKIT_POLLING_H
 #define ZVKIT_POLLING_H
 
+#include <OS.h>
+
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 namespace zvtest {
@@ -23,6 +26,15 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds limit = std::chron
 		std::this_thread::sleep_for(std::chrono::microseconds(200));
 	}
 	return true;
+}
+
+// True when thread (one of the kit's) is asleep on the semaphore named name.
+inline bool IsWaitingOnSemaphore(thread_id thread, const char* name)
+{
+	thread_info info;
+	sem_info sem;
+	return get_thread_info(thread, &info) == B_OK && info.state == B_THREAD_WAITING &&
+	       get_sem_info(info.sem, &sem) == B_OK && std::strcmp(sem.name, name) == 0;
 }
 
 } // namespace zvtest

@@ -139,16 +139,23 @@ public:
 	int32 Drain()
 	{
 		int32 taken = 0;
-		while (Lock()) {
-			const bool took = ProcessNextMessage();
-			Unlock();
-			if (!took)
-				break;
+		while (ProcessOne()) {
 			taken++;
 			if (IsLocked())
 				break;
 		}
 		return taken;
+	}
+
+	// One turn of the loop in the calling thread: locks, processes the next
+	// message, unlocks. False when the lock fails or nothing was queued.
+	bool ProcessOne()
+	{
+		if (!Lock())
+			return false;
+		const bool took = ProcessNextMessage();
+		Unlock();
+		return took;
 	}
 
 private:

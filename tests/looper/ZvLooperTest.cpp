@@ -619,29 +619,6 @@ TEST(ZvLooperTest, ANeverRunLooperDeletedByItsOwnerDeletesTheQueuedMessages)
 	EXPECT_LE(looper_test::LiveBlocksOfSize(sizeof(ZvMessageItem)), itemsBefore);
 }
 
-namespace {
-
-// Processes one message in the calling thread, as one turn of the loop.
-bool ProcessOne(ZvLooper& looper)
-{
-	if (!looper.Lock())
-		return false;
-	const bool took = looper.ProcessNextMessage();
-	looper.Unlock();
-	return took;
-}
-
-// True when thread is asleep on the queue's "_item_limit" semaphore.
-bool IsWaitingForRoom(thread_id thread)
-{
-	thread_info info;
-	sem_info sem;
-	return get_thread_info(thread, &info) == B_OK && info.state == B_THREAD_WAITING &&
-	       get_sem_info(info.sem, &sem) == B_OK && std::strcmp(sem.name, "_item_limit") == 0;
-}
-
-} // namespace
-
 TEST(ZvLooperTest, TheBoundOfTheQueueHoldsAsIfTheLoopTookOneMessageAtATime)
 {
 	// The loop may take several waiting messages out of its queue at once;
@@ -654,7 +631,7 @@ TEST(ZvLooperTest, TheBoundOfTheQueueHoldsAsIfTheLoopTookOneMessageAtATime)
 	for (uint32 what = 1; what <= 4; what++)
 		looper.PostMessage(what, nullptr);
 	// The first turn leaves 3 queued, at or above the bound: one unit.
-	ASSERT_TRUE(ProcessOne(looper));
+	ASSERT_TRUE(looper.ProcessOne());
 	// So the fifth post passes (4 queued), and the sixth waits for the next
 	// turn.
 	looper.PostMessage(5, nullptr);
@@ -671,8 +648,9 @@ TEST(ZvLooperTest, TheBoundOfTheQueueHoldsAsIfTheLoopTookOneMessageAtATime)
 	const int32 poster = ZvThread::Create(&Post::Sixth, &looper, ZV_NORMAL_PRIORITY, "poster");
 	ASSERT_GT(poster, 0);
 	ASSERT_TRUE(ZvThread::Resume(static_cast<uint32>(poster)));
-	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsWaitingForRoom(poster); }));
-	ASSERT_TRUE(ProcessOne(looper));
+	EXPECT_TRUE(
+	    zvtest::WaitUntil([&] { return zvtest::IsWaitingOnSemaphore(poster, "_item_limit"); }));
+	ASSERT_TRUE(looper.ProcessOne());
 	EXPECT_TRUE(ZvThread::Wait(static_cast<uint32>(poster), nullptr));
 
 	EXPECT_EQ(looper.Drain(), 4);
@@ -686,7 +664,7 @@ TEST(ZvLooperTest, MessagesTakenForTheLoopButNotYetHandledAreDeletedWithTheLoope
 	for (uint32 what = 1; what <= 10; what++)
 		looper->PostMessage(what, nullptr);
 	// One turn: the loop may now hold the nine others outside the ring.
-	ASSERT_TRUE(ProcessOne(*looper));
+	ASSERT_TRUE(looper->ProcessOne());
 	EXPECT_EQ(looper->OwnReceived(), 1);
 	EXPECT_EQ(looper_test::LiveBlocksOfSize(sizeof(ZvMessage)), messagesBefore + 9);
 	delete looper;
@@ -695,15 +673,62 @@ TEST(ZvLooperTest, MessagesTakenForTheLoopButNotYetHandledAreDeletedWithTheLoope
 
 TEST(ZvLooperTest, MessagesPostedWhileTheLoopHoldsTakenOnesComeAfterThem)
 {
+	// After the first turn, 37 messages wait in the ring: they are taken in a
+	// batch of 32 and one of 5, and the ring halves as it empties.
 	TestLooper looper;
 	for (uint32 what = 1; what <= 3; what++)
 		looper.PostMessage(what, nullptr);
-	ASSERT_TRUE(ProcessOne(looper));
+	ASSERT_TRUE(looper.ProcessOne());
 	for (uint32 what = 4; what <= 40; what++)
 		looper.PostMessage(what, nullptr);
 	EXPECT_EQ(looper.Drain(), 39);
 	ExpectOwnWhatsInOrder(looper, 40);
-	EXPECT_FALSE(ProcessOne(looper));
+	EXPECT_FALSE(looper.ProcessOne());
+}
+
+TEST(ZvLooperTest, ATurnThatFindsNothingReleasesTheBoundWhenTheBoundIsZero)
+{
+	// As a removal from an empty queue: with a bound of 0 or less, the turn
+	// lets one more poster through.
+	zvtest::Watchdog watchdog(60s, "empty turn with bound 0");
+	TestLooper looper(nullptr, nullptr, 0);
+	EXPECT_FALSE(looper.ProcessOne());
+	// 0 > 0 is false: free. Then 1 > 0 and 2 > 0 take the initial unit and
+	// the one the empty turn released. All in this thread: a post that
+	// blocked here would trip the watchdog.
+	for (uint32 what = 1; what <= 3; what++)
+		looper.PostMessage(what, nullptr);
+	struct Post
+	{
+		static int32 Fourth(void* data)
+		{
+			static_cast<ZvLooper*>(data)->PostMessage(4, nullptr);
+			return 0;
+		}
+	};
+	const int32 poster = ZvThread::Create(&Post::Fourth, &looper, ZV_NORMAL_PRIORITY, "poster");
+	ASSERT_GT(poster, 0);
+	ASSERT_TRUE(ZvThread::Resume(static_cast<uint32>(poster)));
+	EXPECT_TRUE(
+	    zvtest::WaitUntil([&] { return zvtest::IsWaitingOnSemaphore(poster, "_item_limit"); }));
+	ASSERT_TRUE(looper.ProcessOne());
+	EXPECT_TRUE(ZvThread::Wait(static_cast<uint32>(poster), nullptr));
+	EXPECT_EQ(looper.Drain(), 3);
+	ExpectOwnWhatsInOrder(looper, 4);
+}
+
+TEST(ZvLooperTest, ABatchTakenAcrossTheEndOfTheRingKeepsTheOrder)
+{
+	TestLooper looper;
+	// Twelve messages leave the ring's head at slot 12 of 16; the next ten
+	// fill slots 12 to 15 and 0 to 5, and are taken in one batch.
+	for (uint32 what = 1; what <= 12; what++)
+		looper.PostMessage(what, nullptr);
+	EXPECT_EQ(looper.Drain(), 12);
+	for (uint32 what = 13; what <= 22; what++)
+		looper.PostMessage(what, nullptr);
+	EXPECT_EQ(looper.Drain(), 10);
+	ExpectOwnWhatsInOrder(looper, 22);
 }
 
 TEST(ZvLooperTest, QuitOnANeverRunLooperEndsItAndReturnsFalse)
@@ -937,10 +962,10 @@ private:
 	std::atomic<thread_id> fThread{0};
 };
 
-bool IsAsleepOnASemaphore(thread_id thread)
+// Asleep waiting for its next message, not on a lock or the queue's bound.
+bool IsAsleepWaitingForAMessage(thread_id thread)
 {
-	thread_info info;
-	return get_thread_info(thread, &info) == B_OK && info.state == B_THREAD_WAITING && info.sem > 0;
+	return zvtest::IsWaitingOnSemaphore(thread, "fLooperAccess");
 }
 
 } // namespace
@@ -963,9 +988,11 @@ TEST(ZvLooperTest, LoopersThatAnsweredEachOtherQuicklyGoToSleepOnceIdle)
 	ASSERT_TRUE(right->Run());
 
 	left->PostMessage(2000, &ping);
-	ASSERT_TRUE(done.WaitFor(30s));
-	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsAsleepOnASemaphore(ping.Thread()); }));
-	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsAsleepOnASemaphore(pong.Thread()); }));
+	// Not fatal: the loopers must be quit below whatever happens, as the
+	// handlers they hold live on this stack.
+	EXPECT_TRUE(done.WaitFor(30s));
+	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsAsleepWaitingForAMessage(ping.Thread()); }));
+	EXPECT_TRUE(zvtest::WaitUntil([&] { return IsAsleepWaitingForAMessage(pong.Thread()); }));
 
 	// A loop asleep after polling still wakes for the next message.
 	zvtest::Latch again(1);
