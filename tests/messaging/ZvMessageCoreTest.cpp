@@ -83,6 +83,36 @@ bool HoldsPattern(const void* data, int32 count, int seed)
 	return count == 0 || (data != nullptr && memcmp(data, expected.data(), expected.size()) == 0);
 }
 
+// Messages and items come from the library's block cache, which makes its
+// blocks at the size of a whole 16-byte class with ::operator new.
+constexpr size_t ClassBytes(size_t objectSize)
+{
+	return (objectSize + 15) / 16 * 16;
+}
+
+// Whether ::operator new hands out address for a block of bytes right now.
+// A block held by the library's cache is still in use as far as the
+// allocator knows, so it is never handed out; a block the class's operator
+// delete gave straight back to the allocator is (glibc hands out the block
+// of a size freed last first). The probe is freed again before returning.
+bool AllocatorHandsOut(const void* address, size_t bytes)
+{
+	void* probe = ::operator new(bytes);
+	const bool same = probe == address;
+	::operator delete(probe);
+	return same;
+}
+
+// Whether the library caches blocks in this process. BlockCacheEnabled() is
+// the test executable's own copy of the cache (see deps.cmake), while the
+// classes' operator new and delete use the copy inside libzvkit.so; both
+// decide from the same ZVKIT_FORCE_NEW setting and the same sanitizer build,
+// so they agree.
+bool LibraryCachesBlocks()
+{
+	return zv_internal::BlockCacheEnabled();
+}
+
 // ZvMessageItem
 
 TEST(ZvMessageItemTest, DefaultItemIsUnnamedAndEmpty)
@@ -286,25 +316,36 @@ TEST(ZvMessageItemTest, NothrowNewGivesAUsableItem)
 	delete item;
 }
 
+// The class's own operator new hides the global placement form, so the class
+// declares one: this test is first of all a check that the expression
+// compiles, and then that the item built in place works.
 TEST(ZvMessageItemTest, PlacementNewBuildsTheItemInTheCallersStorage)
 {
 	alignas(ZvMessageItem) unsigned char storage[sizeof(ZvMessageItem)];
 	ZvMessageItem* item = new (storage) ZvMessageItem("placed", 0x52415754, 20, nullptr);
-	EXPECT_EQ(static_cast<void*>(storage), static_cast<void*>(item));
+	EXPECT_STREQ("placed", item->name);
+	EXPECT_EQ(0x52415754u, item->type);
+	EXPECT_EQ(20, item->size);
 	EXPECT_TRUE(ValueIsInsideTheItem(*item));
+	// A null value gives zeros.
+	EXPECT_EQ(std::vector<uint8>(20, 0), std::vector<uint8>(item->data, item->data + 20));
 	item->ReplaceData(40, std::vector<uint8>(40, 9).data());
 	EXPECT_FALSE(ValueIsInsideTheItem(*item));
 	// The heap value is freed by the destructor (LeakSanitizer checks).
 	item->~ZvMessageItem();
 }
 
-TEST(ZvMessageItemTest, ADeletedItemsBlockIsReusedForTheNextItem)
+TEST(ZvMessageItemTest, ADeletedItemsBlockIsKeptByTheCacheAndReusedForTheNextItem)
 {
-	if (!zv_internal::BlockCacheEnabled())
+	if (!LibraryCachesBlocks())
 		GTEST_SKIP() << "the block cache is off in this process";
+	static_assert(sizeof(ZvMessageItem) <= zv_internal::kMaxCachedBlock, "items are cached");
 	ZvMessageItem* first = new ZvMessageItem("a", ZV_INT32_TYPE, 4, "abcd");
 	void* const address = first;
 	delete first;
+	// The cache keeps the block: the allocator, which would hand it out
+	// again had it been given back, does not have it.
+	EXPECT_FALSE(AllocatorHandsOut(address, ClassBytes(sizeof(ZvMessageItem))));
 	ZvMessageItem* second = new ZvMessageItem("b", ZV_INT32_TYPE, 4, "efgh");
 	EXPECT_EQ(address, static_cast<void*>(second));
 	EXPECT_STREQ("b", second->name);
@@ -876,11 +917,15 @@ TEST(ZvMessageCoreTest, NothrowNewGivesAUsableMessage)
 	delete message;
 }
 
+// As for items, the class declares its own placement form (its operator new
+// hides the global one): this checks that the expression compiles, and that
+// the message built in place works.
 TEST(ZvMessageCoreTest, PlacementNewBuildsTheMessageInTheCallersStorage)
 {
 	alignas(ZvMessage) unsigned char storage[sizeof(ZvMessage)];
 	ZvMessage* message = new (storage) ZvMessage(12);
-	EXPECT_EQ(static_cast<void*>(storage), static_cast<void*>(message));
+	EXPECT_EQ(12u, message->what);
+	EXPECT_TRUE(message->IsEmpty());
 	message->AddString("s", "placed");
 	const char* text = nullptr;
 	EXPECT_TRUE(message->FindString("s", &text));
@@ -936,14 +981,18 @@ TEST(ZvMessageCoreTest, DerivedMessagesWithMembersOfTheirOwnAreDeletedThroughABa
 
 TEST(ZvMessageCoreTest, ADerivedMessageIsFreedAsItsOwnSizeNotTheBaseSize)
 {
-	if (!zv_internal::BlockCacheEnabled())
+	if (!LibraryCachesBlocks())
 		GTEST_SKIP() << "the block cache is off in this process";
 	using Derived = TailedMessage<100>;
-	static_assert(sizeof(Derived) / 16 != sizeof(ZvMessage) / 16, "sizes in different classes");
+	static_assert(ClassBytes(sizeof(Derived)) != ClassBytes(sizeof(ZvMessage)),
+	              "sizes in different classes");
+	static_assert(sizeof(Derived) <= zv_internal::kMaxCachedBlock, "derived message is cached");
 	int destroyed = 0;
 	ZvMessage* derived = new Derived(&destroyed);
 	void* const address = derived;
 	delete derived;
+	// The cache keeps the block rather than giving it back to the allocator.
+	EXPECT_FALSE(AllocatorHandsOut(address, ClassBytes(sizeof(Derived))));
 	// Freed with the derived size, the block went to the derived size's
 	// class: a base message does not get it, the next derived one does.
 	ZvMessage* base = new ZvMessage(1);
