@@ -18,7 +18,7 @@ line (warnings keep their line numbers):
 import re
 import sys
 
-SCOPE_WORDS = re.compile(r'\b(class|struct|union|namespace|enum)\b|extern\s+"C"')
+SCOPE_WORDS = re.compile(r"\b(class|struct|union|namespace|enum|extern)\b")
 ACCESS = re.compile(r'^\s*(public|private|protected)\s*:')
 
 

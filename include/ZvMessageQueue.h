@@ -45,9 +45,12 @@
 
 class ZvMessage;
 
+// A looper's bounded message queue; see the file's description.
 class ZV_EXPORT ZvMessageQueue : public ZvLocker
 {
 public:
+	// An empty queue with the soft bound limit and its "_item_limit"
+	// semaphore.
 	explicit ZvMessageQueue(int32 limit);
 	// Kills the lock, deletes "_item_limit", then deletes the messages still
 	// queued, oldest first.
@@ -64,7 +67,10 @@ public:
 	// empty or its lock could not be taken.
 	ZvMessage* RemoveMessage();
 
+	// The number of queued messages (a snapshot; messages the loop has
+	// taken but not yet handed out still count).
 	int32 CountItems() const;
+	// Whether CountItems() is 0.
 	bool IsEmpty() const;
 
 private:
