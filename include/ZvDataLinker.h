@@ -90,8 +90,8 @@ public:
 	//@}
 
 protected:
-	ZvDataLinkerSubscriberA* fSideA;  // Side A, owned.
-	ZvDataLinkerSubscriberB* fSideB;  // Side B, owned.
+	ZvDataLinkerSubscriberA* fSideA; // Side A, owned.
+	ZvDataLinkerSubscriberB* fSideB; // Side B, owned.
 };
 
 #endif // _ZV_DATA_LINKER_H

@@ -36,9 +36,9 @@ class ZvDataSubscriber;
 // One attribute of the registry.
 struct zv_data_registry_entry
 {
-	char name[32];                       // The attribute's name, zero-terminated.
-	ZvDataSubscriber* firstSubscriber;   // Head of its chain (the newest).
-	uint32 semaphore;                    // Serialises the attribute's data.
+	char name[32];                     // The attribute's name, zero-terminated.
+	ZvDataSubscriber* firstSubscriber; // Head of its chain (the newest).
+	uint32 semaphore;                  // Serialises the attribute's data.
 };
 
 // The process-wide table of attributes; see the file's description.

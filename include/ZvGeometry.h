@@ -17,17 +17,17 @@
 // A point of element type T.
 template <typename T> struct ZvPoint
 {
-	T x = 0;  // Horizontal coordinate.
-	T y = 0;  // Vertical coordinate.
+	T x = 0; // Horizontal coordinate.
+	T y = 0; // Vertical coordinate.
 };
 
 // A rectangle of element type T, given by its edges (inclusive).
 template <typename T> struct ZvRect
 {
-	T left = 0;    // Left edge.
-	T top = 0;     // Top edge.
-	T right = 0;   // Right edge.
-	T bottom = 0;  // Bottom edge.
+	T left = 0;   // Left edge.
+	T top = 0;    // Top edge.
+	T right = 0;  // Right edge.
+	T bottom = 0; // Bottom edge.
 
 	// right - left.
 	T Width() const { return right - left; }

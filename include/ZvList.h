@@ -133,13 +133,13 @@ public:
 		return taken;
 	}
 
-	int32 count;       // Entries in use.
-	int32 capacity;    // Slots in the array.
-	int32 growStep;    // Slots the next growth adds (half the capacity, at least blockSize).
-	int32 blockSize;   // The step the list was made with.
-	T defaultItem;     // What ItemAt and RemoveItem give out of range.
-	T* items;          // The slot array (null when empty), owned.
-	ZvLocker* lock;    // An optional lock, owned; deleted by the destructor.
+	int32 count;     // Entries in use.
+	int32 capacity;  // Slots in the array.
+	int32 growStep;  // Slots the next growth adds (half the capacity, at least blockSize).
+	int32 blockSize; // The step the list was made with.
+	T defaultItem;   // What ItemAt and RemoveItem give out of range.
+	T* items;        // The slot array (null when empty), owned.
+	ZvLocker* lock;  // An optional lock, owned; deleted by the destructor.
 
 private:
 	// Moves the entries into a fresh array of newCapacity slots.

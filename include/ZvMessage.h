@@ -115,10 +115,10 @@ public:
 	// Dumps the item on standard output.
 	void PrintToStream() const;
 
-	type_code type;  // The field's type code.
-	int32 size;      // Bytes in data; never shrinks on replacement.
-	uint8* data;     // The value block, owned by the item (may be inline).
-	char name[64];   // The field's name, zero-terminated, at most 63 characters.
+	type_code type; // The field's type code.
+	int32 size;     // Bytes in data; never shrinks on replacement.
+	uint8* data;    // The value block, owned by the item (may be inline).
+	char name[64];  // The field's name, zero-terminated, at most 63 characters.
 
 private:
 	// Takes a copy of length bytes as the item's value.
@@ -419,7 +419,7 @@ public:
 	// Dumps the message on standard output.
 	void PrintToStream() const;
 
-	uint32 what;  // The command code.
+	uint32 what; // The command code.
 
 private:
 	ZvMessageItem* _FindItem(const char* name, type_code type, int32 index) const;
@@ -428,7 +428,7 @@ private:
 	uint32 fFlags;
 
 protected:
-	ZvList<ZvMessageItem*> items;  // The fields, in order of addition; owned.
+	ZvList<ZvMessageItem*> items; // The fields, in order of addition; owned.
 };
 
 #endif // _ZV_MESSAGE_H

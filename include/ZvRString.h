@@ -40,8 +40,8 @@ public:
 	// Releases the data: data null, length 0.
 	void _free();
 
-	char* data;      // The bytes and a terminator, or null.
-	uint32 length;   // Bytes in data, without the terminator.
+	char* data;    // The bytes and a terminator, or null.
+	uint32 length; // Bytes in data, without the terminator.
 
 	// The shared zero that operator[] gives past the end; never written.
 	static const char mEmpty;

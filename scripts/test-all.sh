@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Second command of the README: installs what is missing, then builds and runs
 # the whole test suite in every configuration (default, ASan+UBSan, TSan,
-# i386, and the fuzz smoke runs), and ends with one summary line.
+# i386, and the fuzz smoke runs), and ends with one summary line. The default
+# configuration's tests include the consumer tests (install, move the prefix,
+# build against it with CMake and pkg-config) and the API reference build;
+# the TSan configuration's include a TSan-instrumented consumer.
 #
 # CONFIGS="default asan" scripts/test-all.sh runs a subset.
 set -uo pipefail

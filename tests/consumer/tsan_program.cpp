@@ -9,7 +9,7 @@
 
 namespace {
 
-const uint32 kJob = 0x4A4F4221;       // "JOB!"
+const uint32 kJob = 0x4A4F4221; // "JOB!"
 const int32 kPerPoster = 2000;
 
 class Counter : public ZvHandler
@@ -64,7 +64,7 @@ int main()
 	// A bounded wait: 30 s for every message to be handled.
 	if (ZvSemaphore::Acquire(done, 30000) != 1)
 		return 2;
-	const int64 sum = counter.fSum;      // the handler is done: no race
+	const int64 sum = counter.fSum; // the handler is done: no race
 	const int32 count = counter.fCount;
 	looper->Quit();
 	ZvSemaphore::Delete(done);
