@@ -9,10 +9,15 @@
 
 #include <OS.h>
 
-#include "kernel/WrapperCalls.h"
+#include "base/internal/Semaphores.h"
+#include "base/internal/Spin.h"
 
 #include <memory>
 #include <unordered_map>
+
+using zvkit::internal::AcquireSemaphore;
+using zvkit::internal::SpinUntil;
+using zvkit::internal::WaitResult;
 
 // How Quit stays clear of a looper that its own thread has deleted.
 //
@@ -361,10 +366,10 @@ int32 ZvLooper::Looper()
 				return 0;
 			ahead--;
 		} else {
-			// One unit per posted message; 0 means the semaphore was deleted
-			// by Quit or by a "QUIT" message: the loop ends. 2 (the very long
-			// time-out expired) counts as a wake-up.
-			if (_AwaitMessage(access) == 0)
+			// One unit per posted message; a failed wait means the semaphore
+			// was deleted by Quit or by a "QUIT" message: the loop ends. The
+			// very long time-out expiring counts as a wake-up.
+			if (!_AwaitMessage(access))
 				return 0;
 			ahead = _TakeAhead(access);
 		}
@@ -389,28 +394,29 @@ int32 ZvLooper::LooperCaller(ZvLooper* looper)
 	return 0;
 }
 
-int32 ZvLooper::_AwaitMessage(uint32 access)
+bool ZvLooper::_AwaitMessage(uint32 access)
 {
-	// Polling takes a unit exactly as the wait does (1), or finds the
-	// semaphore gone (0); only "none yet" (2) keeps polling. A unit that is
-	// already there is taken at once; that says nothing of whether polling
-	// pays (where the loop and its sender take turns on one processor, the
-	// answer is often there before the loop looks), so only a message that
-	// arrives while the loop polls counts as polling paying.
-	const int32 first = ZvSemaphore::Acquire(access, 0);
-	if (first != 2)
-		return first;
+	// Polling takes a unit exactly as the wait does, or finds the semaphore
+	// gone; only "none yet" keeps polling. A unit that is already there is
+	// taken at once; that says nothing of whether polling pays (where the
+	// loop and its sender take turns on one processor, the answer is often
+	// there before the loop looks), so only a message that arrives while the
+	// loop polls counts as polling paying.
+	const WaitResult first = AcquireSemaphore(access, 0);
+	if (first != WaitResult::kTimedOut)
+		return first != WaitResult::kFailed;
 	// Polling is on once the run of short waits has been counted down.
 	if (fPollSkips <= 0) {
 		const bigtime_t until = system_time() + kPollBudget;
+		WaitResult polled = WaitResult::kTimedOut;
+		const auto poll = [&] {
+			polled = AcquireSemaphore(access, 0);
+			return polled != WaitResult::kTimedOut;
+		};
 		do {
-			for (int poll = 0; poll < kPollsPerClockRead; poll++) {
-				const int32 polled = ZvSemaphore::Acquire(access, 0);
-				if (polled != 2) {
-					fPollFailures = 0;
-					return polled;
-				}
-				zvkit_private::CpuRelax();
+			if (SpinUntil(kPollsPerClockRead, 1, poll)) {
+				fPollFailures = 0;
+				return polled != WaitResult::kFailed;
 			}
 		} while (system_time() < until);
 		fPollFailures = MIN(fPollFailures + 1, kMaxPollFailures);
@@ -418,7 +424,7 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 	}
 
 	const bigtime_t start = system_time();
-	const int32 result = ZvSemaphore::Acquire(access, -1);
+	const WaitResult result = AcquireSemaphore(access, -1);
 	// A short wait is one that polling might have spared; after enough of
 	// them in a row polling is tried again. A long wait (an idle looper)
 	// starts the run over.
@@ -426,7 +432,7 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 		fPollSkips--;
 	else
 		fPollSkips = 1 << fPollFailures;
-	return result;
+	return result != WaitResult::kFailed;
 }
 
 int32 ZvLooper::_TakeAhead(uint32 access)

@@ -14,6 +14,8 @@
 
 #include <ZvLocker.h>
 
+#include "base/internal/NumericCast.h"
+
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
@@ -127,15 +129,6 @@ double PopValue()
 	return sValueCount >= 0 ? sValues[sValueCount] : 0.0;
 }
 
-// Truncates toward zero to a signed 32-bit integer; a value no such integer
-// holds (NaN included) gives INT32_MIN, the x86 "integer indefinite" value.
-int32 TruncateToInt32(double value)
-{
-	if (!(value > -2147483649.0 && value < 2147483648.0))
-		return INT32_MIN;
-	return static_cast<int32>(value);
-}
-
 // Applies the operator on top of the operator stack to the top two values.
 // Returns the operator's code (positive) or -1.
 int32 ApplyTop()
@@ -202,7 +195,7 @@ int32 ApplyTop()
 		break;
 	case 'A': {
 		sValueCount++;
-		const int32 truncated = TruncateToInt32(right);
+		const int32 truncated = zvkit::internal::TruncateToInt32(right);
 		// In 32-bit arithmetic the magnitude of INT32_MIN is itself.
 		const uint32 magnitude =
 		    truncated < 0 ? 0u - static_cast<uint32>(truncated) : static_cast<uint32>(truncated);
