@@ -9,6 +9,7 @@
 
 #include <OS.h>
 
+#include "base/internal/LockHolder.h"
 #include "base/internal/Semaphores.h"
 #include "base/internal/Spin.h"
 
@@ -16,6 +17,8 @@
 #include <unordered_map>
 
 using zvkit::internal::AcquireSemaphore;
+using zvkit::internal::kNoSemaphore;
+using zvkit::internal::LockHolder;
 using zvkit::internal::SpinUntil;
 using zvkit::internal::WaitResult;
 
@@ -142,7 +145,7 @@ int32 LooperEntry(void* data)
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
-      fRecord(nullptr), fQueue(nullptr), fLooperAccess(0), fCurrentMessage(nullptr),
+      fRecord(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore), fCurrentMessage(nullptr),
       fPollFailures(0), fPollSkips(1)
 {
 	fQueue = new ZvMessageQueue(fQueueCapacity);
@@ -159,8 +162,8 @@ ZvLooper::~ZvLooper()
 	fQueue = nullptr;
 	// Only a looper that was never run (or never quit) still has its
 	// semaphore here; delete it rather than leave it in the kernel's table.
-	const uint32 access = fLooperAccess.exchange(0, std::memory_order_acq_rel);
-	if (access != 0)
+	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);
+	if (access != kNoSemaphore)
 		ZvSemaphore::Delete(access);
 }
 
@@ -225,39 +228,31 @@ bool ZvLooper::PostMessage(const ZvMessage* message, const ZvHandler* handler)
 
 bool ZvLooper::AddHandler(ZvHandler* handler)
 {
-	if (!Lock())
+	const LockHolder<ZvLooper> lock(*this);
+	if (!lock.IsLocked())
 		return false;
-
-	bool added = false;
-	if (handler != nullptr && _IndexOf(handler) < 0) {
-		handler->SetLooper(this);
-		std::lock_guard<std::mutex> hold(fHandlersGuard);
-		fHandlers.AddItem(handler);
-		added = true;
-	}
-
-	Unlock();
-	return added;
+	if (handler == nullptr || _IndexOf(handler) >= 0)
+		return false;
+	handler->SetLooper(this);
+	std::lock_guard<std::mutex> hold(fHandlersGuard);
+	fHandlers.AddItem(handler);
+	return true;
 }
 
 bool ZvLooper::RemoveHandler(ZvHandler* handler)
 {
-	if (!Lock())
+	const LockHolder<ZvLooper> lock(*this);
+	if (!lock.IsLocked())
 		return false;
-
-	bool removed = false;
 	// Writers hold the looper's lock, so the index stays valid until the
 	// removal below.
 	const int32 index = handler != nullptr ? _IndexOf(handler) : -1;
-	if (index >= 0) {
-		handler->SetLooper(nullptr);
-		std::lock_guard<std::mutex> hold(fHandlersGuard);
-		fHandlers.RemoveItem(index);
-		removed = true;
-	}
-
-	Unlock();
-	return removed;
+	if (index < 0)
+		return false;
+	handler->SetLooper(nullptr);
+	std::lock_guard<std::mutex> hold(fHandlersGuard);
+	fHandlers.RemoveItem(index);
+	return true;
 }
 
 ZvHandler* ZvLooper::HandlerAt(int32 index) const
@@ -280,19 +275,15 @@ int32 ZvLooper::IndexOfHandler(ZvHandler* handler) const
 
 void ZvLooper::SetPreferredHandler(ZvHandler* handler)
 {
-	if (!Lock())
-		return;
-	fPreferredHandler = handler;
-	Unlock();
+	const LockHolder<ZvLooper> lock(*this);
+	if (lock.IsLocked())
+		fPreferredHandler = handler;
 }
 
 ZvHandler* ZvLooper::PreferredHandler()
 {
-	if (!Lock())
-		return nullptr;
-	ZvHandler* handler = fPreferredHandler;
-	Unlock();
-	return handler;
+	const LockHolder<ZvLooper> lock(*this);
+	return lock.IsLocked() ? fPreferredHandler : nullptr;
 }
 
 ZvMessage* ZvLooper::CurrentMessage() const
@@ -362,7 +353,7 @@ int32 ZvLooper::Looper()
 			// A unit taken ahead stands for a message already posted, as one
 			// taken now would; but a loop ended meanwhile (the semaphore is
 			// gone) stops here, as its next wait would fail.
-			if (access == 0)
+			if (access == kNoSemaphore)
 				return 0;
 			ahead--;
 		} else {
@@ -477,9 +468,9 @@ int32 ZvLooper::_IndexOf(const ZvHandler* handler) const
 void ZvLooper::_EndLoop()
 {
 	// The exchange makes the deletion happen once, whoever ends the loop
-	// first; the loop thread then reads 0 and its wait fails.
-	const uint32 access = fLooperAccess.exchange(0, std::memory_order_acq_rel);
-	if (access != 0)
+	// first; the loop thread then finds no semaphore and its wait fails.
+	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);
+	if (access != kNoSemaphore)
 		ZvSemaphore::Delete(access);
 	// A message being processed finishes; its unlock then fails quietly.
 	Kill();

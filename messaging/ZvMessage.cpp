@@ -8,7 +8,7 @@
 
 namespace {
 
-// Message items, queued messages and the temporary name list all grow and
+// The message's item list and the temporary list of distinct names grow and
 // shrink by this step.
 const int32 kListStep = 16;
 

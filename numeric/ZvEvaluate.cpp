@@ -14,6 +14,7 @@
 
 #include <ZvLocker.h>
 
+#include "base/internal/LockHolder.h"
 #include "base/internal/NumericCast.h"
 
 #include <cctype>
@@ -65,25 +66,6 @@ ZvLocker& EvaluatorLock()
 	static ZvLocker sLock;
 	return sLock;
 }
-
-class LockHolder
-{
-public:
-	explicit LockHolder(ZvLocker& lock) : fLock(lock), fLocked(lock.Lock()) {}
-	~LockHolder()
-	{
-		if (fLocked)
-			fLock.Unlock();
-	}
-	LockHolder(const LockHolder&) = delete;
-	LockHolder& operator=(const LockHolder&) = delete;
-
-	bool IsLocked() const { return fLocked; }
-
-private:
-	ZvLocker& fLock;
-	bool fLocked;
-};
 
 const OperatorEntry* FindOperator(const char* text)
 {
@@ -334,7 +316,7 @@ extern "C" int32 ZV_Evaluate(const char* expression, double* result)
 	if (expression == nullptr || result == nullptr)
 		return -1;
 
-	LockHolder lock(EvaluatorLock());
+	zvkit::internal::LockHolder<ZvLocker> lock(EvaluatorLock());
 	if (!lock.IsLocked())
 		return -1;
 
