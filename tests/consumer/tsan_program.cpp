@@ -39,7 +39,9 @@ private:
 int main()
 {
 	const uint32 done = ZvSemaphore::Create(0, "done");
-	ZvLooper* looper = new ZvLooper("worker", ZV_NORMAL_PRIORITY, 64);
+	// The queue's bound is soft: with two posters it must be one they never
+	// reach, or a poster may wait on it for good (see ZvMessageQueue.h).
+	ZvLooper* looper = new ZvLooper("worker", ZV_NORMAL_PRIORITY, 4 * kPerPoster);
 	Counter counter(done);
 	looper->AddHandler(&counter);
 	if (!looper->Run())
