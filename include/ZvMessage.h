@@ -49,32 +49,8 @@
 
 #include <new>
 
-// The allocation of messages and items (and of classes derived from them):
-// single objects come from the library's per-thread block cache, so that an
-// object made on one thread and deleted on another, as every posted message
-// is, costs no allocator lock. Arrays use the global operator new[].
-class ZV_EXPORT ZvBlockAllocated
-{
-public:
-	//@{
-	// A block of size bytes from the calling thread's cache (the plain and
-	// nothrow forms), or the placement form, which only returns where.
-	static void* operator new(size_t size);
-	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
-	static void* operator new(size_t, void* where) noexcept { return where; }
-	//@}
-	//@{
-	// Gives a block back to the calling thread's cache; the placement form
-	// does nothing.
-	static void operator delete(void* block, size_t size);
-	static void operator delete(void* block, const std::nothrow_t&) noexcept;
-	static void operator delete(void*, void*) noexcept {}
-	//@}
-};
-
 // One field of a ZvMessage: a name, a type code and an owned value block.
-
-class ZV_EXPORT ZvMessageItem : public ZvBlockAllocated
+class ZV_EXPORT ZvMessageItem
 {
 public:
 	// Values of up to this many bytes live inside the item: data then points
@@ -90,6 +66,19 @@ public:
 	// A deep copy of other: type, size, name and a fresh data block.
 	explicit ZvMessageItem(const ZvMessageItem* other);
 	~ZvMessageItem();
+
+	//@{
+	// Single objects (of derived classes too) come from the library's
+	// per-thread block cache, so that an object made on one thread and
+	// deleted on another, as every posted message is, costs no allocator
+	// lock. Arrays use the global operator new[].
+	static void* operator new(size_t size);
+	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+	static void* operator new(size_t, void* where) noexcept { return where; }
+	static void operator delete(void* block, size_t size);
+	static void operator delete(void* block, const std::nothrow_t&) noexcept;
+	static void operator delete(void*, void*) noexcept {}
+	//@}
 
 	ZvMessageItem(const ZvMessageItem&) = delete;
 	ZvMessageItem& operator=(const ZvMessageItem&) = delete;
@@ -133,7 +122,7 @@ private:
 
 // A command code (what), a flags word and an ordered list of named, typed
 // fields; see the file's description.
-class ZV_EXPORT ZvMessage : public ZvBlockAllocated
+class ZV_EXPORT ZvMessage
 {
 public:
 	// An empty message with this what and flags 0.
@@ -152,6 +141,19 @@ public:
 	ZvMessage(const void* flat, size_t size);
 	// Deletes the items and their blocks.
 	virtual ~ZvMessage();
+
+	//@{
+	// Single objects (of derived classes too) come from the library's
+	// per-thread block cache, so that an object made on one thread and
+	// deleted on another, as every posted message is, costs no allocator
+	// lock. Arrays use the global operator new[].
+	static void* operator new(size_t size);
+	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+	static void* operator new(size_t, void* where) noexcept { return where; }
+	static void operator delete(void* block, size_t size);
+	static void operator delete(void* block, const std::nothrow_t&) noexcept;
+	static void operator delete(void*, void*) noexcept {}
+	//@}
 
 	// Empties this message, takes other's what and deep copies of its items;
 	// flags keep their value. Assigning a message to itself empties it.
