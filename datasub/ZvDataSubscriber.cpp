@@ -1,4 +1,5 @@
 // ZvDataSubscriber.cpp: one endpoint of a named data attribute.
+#include "base/internal/Checks.h"
 #include <ZvDataSubscriber.h>
 
 #include <Handler.h>
@@ -38,8 +39,16 @@ const char* const kArchiveMessage = "DS_MESSAGE";
 
 // A zeroed 32-byte buffer holding at most 31 characters of name, or null if
 // it cannot be allocated.
-char* NewNameBuffer(const char* name)
+char* NewNameBuffer(const char* name, const char* member)
 {
+	if (name != NULL && zvkit::internal::ChecksOn() &&
+	    strnlen(name, kNameBufferSize) > static_cast<size_t>(kNameBufferSize - 1)) {
+		zvkit::internal::CheckReport(member,
+		                             "attribute name of %zu bytes cut to %d (\"%.*s...\"); every "
+		                             "name with the same first %d bytes names the same attribute",
+		                             strlen(name), kNameBufferSize - 1,
+		                             zvkit::internal::kQuotedBytes, name, kNameBufferSize - 1);
+	}
 	char* buffer = new (std::nothrow) char[kNameBufferSize];
 	if (buffer == NULL)
 		return NULL;
@@ -97,7 +106,7 @@ ZvDataSubscriber::ZvDataSubscriber(const char* name, uint32 flags)
 {
 	if (name == NULL || name[0] == '\0')
 		return;
-	fName = NewNameBuffer(name);
+	fName = NewNameBuffer(name, "ZvDataSubscriber::ZvDataSubscriber");
 	if (fName == NULL)
 		return;
 	fValid = true;
@@ -149,7 +158,7 @@ status_t ZvDataSubscriber::DS_SetAttributeName(const char* name)
 		return -1;
 	}
 	delete[] fName;
-	fName = NewNameBuffer(name);
+	fName = NewNameBuffer(name, "ZvDataSubscriber::DS_SetAttributeName");
 	// An empty name is accepted here, unlike in the constructor.
 	fValid = fName != NULL && name != NULL;
 	registry->DR_Unlock();
@@ -593,8 +602,16 @@ void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool no
 	if (target->fEventTarget == NULL || target->fEventMessage == NULL)
 		return;
 	BMessenger messenger(target->fEventTarget, NULL, NULL);
-	if (!messenger.IsValid())
+	if (!messenger.IsValid()) {
+		if (zvkit::internal::ChecksOn()) {
+			zvkit::internal::CheckReport(
+			    "ZvDataSubscriber::DS_SendEvent",
+			    "event 0x%x for attribute \"%s\" dropped: its target handler is in no looper; "
+			    "the change still reports success",
+			    static_cast<unsigned>(what), target->fName != NULL ? target->fName : "");
+		}
 		return;
+	}
 	BMessage* event = target->fEventMessage;
 	event->RemoveName(kTouchedWhatField);
 	event->AddInt32(kTouchedWhatField, static_cast<int32>(what));
@@ -602,8 +619,17 @@ void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool no
 		// Posting copies the message; the template stays the target's.
 		BLooper* looper = NULL;
 		BHandler* handler = messenger.Target(&looper);
-		if (looper != NULL)
-			looper->PostMessage(event, handler, NULL);
+		if (looper != NULL) {
+			const status_t posted = looper->PostMessage(event, handler, NULL);
+			if (posted != B_OK && zvkit::internal::ChecksOn()) {
+				zvkit::internal::CheckReport(
+				    "ZvDataSubscriber::DS_SendEvent",
+				    "event 0x%x for attribute \"%s\" dropped: the target looper refused it "
+				    "(status 0x%x); the change still reports success",
+				    static_cast<unsigned>(what), target->fName != NULL ? target->fName : "",
+				    static_cast<unsigned>(posted));
+			}
+		}
 	} else {
 		// A remote target is served synchronously, waiting for its reply
 		// with the semaphore held.

@@ -8,6 +8,7 @@
 #include <UTFString.h>
 
 #include "Utf8Scan.h"
+#include "base/internal/Checks.h"
 
 #include <ctype.h>
 #include <string.h>
@@ -960,6 +961,16 @@ void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 		const int32 p = InStr(pattern);
 		if (p == -1)
 			return;
+		if (zvkit::internal::ChecksOn()) {
+			const size_t counted = CountChars(fBuffer, originalBytes);
+			if (counted != fLength) {
+				zvkit::internal::CheckReport(
+				    "UTFString::Replace",
+				    "starts from the stored length %u that StrCat left stale (the text has %zu "
+				    "characters); the first pass cuts Left and Right by that length",
+				    fLength, counted);
+			}
+		}
 		UTFString next(Left(static_cast<uint32>(p)) + replacement +
 		               Right(fLength - (oldChars + static_cast<uint32>(p))));
 		ReplacePasses(next, pattern, oldChars, replacement, static_cast<uint32>(p) + oldChars,
