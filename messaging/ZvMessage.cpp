@@ -3,14 +3,14 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "base/internal/BlockCache.h"
 #include "base/internal/Checks.h"
-#include "internal/BlockCache.h"
 
 #include <string.h>
 
 namespace {
 
-// Message items, queued messages and the temporary name list all grow and
+// The message's item list and the temporary list of distinct names grow and
 // shrink by this step.
 const int32 kListStep = 16;
 
@@ -60,22 +60,22 @@ ZvMessage::~ZvMessage()
 
 void* ZvBlockAllocated::operator new(size_t size)
 {
-	return zv_internal::AllocateBlock(size);
+	return zvkit::internal::AllocateBlock(size);
 }
 
 void* ZvBlockAllocated::operator new(size_t size, const std::nothrow_t& tag) noexcept
 {
-	return zv_internal::AllocateBlock(size, tag);
+	return zvkit::internal::AllocateBlock(size, tag);
 }
 
 void ZvBlockAllocated::operator delete(void* block, size_t size)
 {
-	zv_internal::FreeBlock(block, size);
+	zvkit::internal::FreeBlock(block, size);
 }
 
 void ZvBlockAllocated::operator delete(void* block, const std::nothrow_t&) noexcept
 {
-	zv_internal::FreeUnsizedBlock(block);
+	zvkit::internal::FreeUnsizedBlock(block);
 }
 
 ZvMessage& ZvMessage::operator=(const ZvMessage& other)
@@ -366,7 +366,7 @@ const char* AddMemberOf(type_code type)
 // inside a UTF-8 character: checked mode says so.
 void CheckFieldName(const char* member, const char* name)
 {
-	const size_t kept = zv_flat::kNameBufferSize - 1;
+	const size_t kept = zvkit::internal::kNameBufferSize - 1;
 	if (name == nullptr || strnlen(name, kept + 1) <= kept)
 		return;
 	const size_t length = strlen(name);
