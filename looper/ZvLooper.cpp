@@ -408,8 +408,16 @@ bool ZvLooper::ProcessNextMessage()
 	// handler that was removed and then deleted is not in the list, so its
 	// stale address is only compared, never dereferenced. The list changes
 	// only under the looper's lock, which this thread holds: no guard needed.
-	if (_IndexOf(target) >= 0 && target->Looper() == this)
+	if (_IndexOf(target) >= 0 && target->Looper() == this) {
 		DispatchMessage(message, target);
+	} else if (zvkit::internal::ChecksOn()) {
+		zvkit::internal::CheckReport(
+		    "ZvLooper::ProcessNextMessage",
+		    "message 0x%08x for handler %p dropped: that handler is not attached to looper "
+		    "\"%s\"; it is deleted without being delivered",
+		    static_cast<unsigned>(message->what), static_cast<const void*>(target),
+		    Name() != nullptr ? Name() : "");
+	}
 
 	// Cleared so that CurrentMessage never hands out a deleted message.
 	fCurrentMessage.store(nullptr, std::memory_order_release);

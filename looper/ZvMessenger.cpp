@@ -31,9 +31,15 @@ template <typename Payload> void Deliver(ZvHandler* handler, ZvLooper* looper, P
 		ZvLooper* owner = handler->Looper();
 		if (owner != nullptr)
 			owner->PostMessage(payload, handler);
-		else if (looper == nullptr)
+		else if (looper == nullptr) {
+			if (zvkit::internal::ChecksOn()) {
+				zvkit::internal::CheckReport("ZvMessenger::SendMessage",
+				                             "handler %p is in no looper and the messenger names "
+				                             "none; nothing is posted",
+				                             static_cast<const void*>(handler));
+			}
 			return;
-		else
+		} else
 			looper->PostMessage(payload, handler);
 	}
 	if (looper != nullptr)

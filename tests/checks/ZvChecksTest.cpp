@@ -9,6 +9,7 @@
 #include <ZvDataSubscriber.h>
 #include <ZvEvaluate.h>
 #include <ZvHandler.h>
+#include <ZvLocker.h>
 #include <ZvLooper.h>
 #include <ZvMessage.h>
 #include <ZvMessenger.h>
@@ -383,12 +384,15 @@ TEST(ZvChecks, ForwardingAReceivedMessageIsReportedAndDeliveredAsWithChecksOff)
 	// and is dropped; only the plain post reaches "second".
 	EXPECT_EQ(std::vector<uint32>{8}, whats[0]);
 	EXPECT_EQ(whats[1], whats[0]);
+	// The post is reported, and so is the drop it leads to.
 	const std::vector<std::string> lines = CheckLines(text);
-	ASSERT_EQ(1u, lines.size()) << text;
+	ASSERT_EQ(2u, lines.size()) << text;
 	EXPECT_TRUE(Contains(lines[0], "ZvKit-CHECK: ZvLooper::PostMessage: message already carries "
 	                               "\"_preferredhandler\""))
 	    << lines[0];
 	EXPECT_TRUE(Contains(lines[0], "the loop reads the first")) << lines[0];
+	EXPECT_TRUE(Contains(lines[1], "ZvKit-CHECK: ZvLooper::ProcessNextMessage: message 0x00000007"))
+	    << lines[1];
 }
 
 TEST(ZvChecks, SendingThroughTheStaleLinkOfAHandlerWhoseLooperEndedIsRefused)
@@ -524,4 +528,78 @@ TEST(ZvChecks, PostersStrandedOnTheSoftBoundAreReportedOnceWithTheirNumber)
 	                               "sleep with "))
 	    << lines[0];
 	EXPECT_TRUE(Contains(lines[0], "posters blocked on \"_item_limit\"")) << lines[0];
+}
+
+TEST(ZvChecks, MessageForAHandlerNotAttachedIsReportedAndDroppedAsWithChecksOff)
+{
+	std::vector<uint32> whats[2];
+	auto drop = [&](int k) {
+		RecordingHandler stranger("stranger");
+		RecordingHandler attached("attached");
+		TestLooper* looper = new TestLooper(nullptr, nullptr, 1000);
+		looper->AddHandler(&attached);
+		looper->PostMessage(0x41424344, &stranger);
+		looper->PostMessage(2, &attached);
+		looper->Drain();
+		whats[k] = attached.Whats();
+		EXPECT_EQ(0, stranger.Received());
+		looper->RemoveHandler(&attached);
+		delete looper;
+	};
+	const std::string text = RunWithChecks(ZV_CHECKS_REPORT, [&] { drop(0); });
+	RunWithChecks(ZV_CHECKS_OFF, [&] { drop(1); });
+	EXPECT_EQ(std::vector<uint32>{2}, whats[0]);
+	EXPECT_EQ(whats[1], whats[0]);
+	const std::vector<std::string> lines = CheckLines(text);
+	ASSERT_EQ(1u, lines.size()) << text;
+	EXPECT_TRUE(Contains(lines[0], "ZvKit-CHECK: ZvLooper::ProcessNextMessage: message 0x41424344 "
+	                               "for handler "))
+	    << lines[0];
+	EXPECT_TRUE(Contains(lines[0], "dropped: that handler is not attached to looper \"test "
+	                               "looper\"; it is deleted without being delivered"))
+	    << lines[0];
+}
+
+TEST(ZvChecks, MessengerWithADetachedHandlerAndNoLooperIsReportedAndPostsNothing)
+{
+	RecordingHandler detached("detached");
+	const std::string text = RunWithChecks(ZV_CHECKS_REPORT, [&] {
+		ZvMessenger messenger(&detached, nullptr);
+		messenger.SendMessage(1);
+		EXPECT_FALSE(messenger.IsValid());
+	});
+	EXPECT_EQ(0, detached.Received());
+	const std::vector<std::string> lines = CheckLines(text);
+	ASSERT_EQ(1u, lines.size()) << text;
+	EXPECT_TRUE(Contains(lines[0], "ZvKit-CHECK: ZvMessenger::SendMessage: handler ")) << lines[0];
+	EXPECT_TRUE(Contains(lines[0], "is in no looper and the messenger names none; nothing is "
+	                               "posted"))
+	    << lines[0];
+}
+
+TEST(ZvChecks, UnlockByAThreadThatDoesNotHoldTheLockIsReportedAndIgnoredAsWithChecksOff)
+{
+	int32 counts[2] = {-1, -1};
+	bool locked[2] = {false, false};
+	auto foreignUnlock = [&](int k) {
+		ZvLocker locker;
+		ASSERT_TRUE(locker.Lock());
+		std::thread other([&] { locker.Unlock(); });
+		other.join();
+		counts[k] = locker.CountLock();
+		locked[k] = locker.IsLocked();
+		locker.Unlock();
+	};
+	const std::string text = RunWithChecks(ZV_CHECKS_REPORT, [&] { foreignUnlock(0); });
+	RunWithChecks(ZV_CHECKS_OFF, [&] { foreignUnlock(1); });
+	EXPECT_EQ(counts[1], counts[0]);
+	EXPECT_EQ(1, counts[0]);
+	EXPECT_TRUE(locked[0]);
+	EXPECT_EQ(locked[1], locked[0]);
+	const std::vector<std::string> lines = CheckLines(text);
+	ASSERT_EQ(1u, lines.size()) << text;
+	EXPECT_TRUE(Contains(lines[0], "ZvKit-CHECK: ZvLocker::Unlock: thread ")) << lines[0];
+	EXPECT_TRUE(Contains(lines[0], "unlocks a lock it does not hold (another thread holds it); "
+	                               "the call is ignored and the lock stays as it was"))
+	    << lines[0];
 }
