@@ -166,6 +166,14 @@ inline size_t MaxReplaceBytes(size_t textBytes, const char* with)
 	return 65536 + 16 * (textBytes + strlen(with));
 }
 
+// Checked mode: a Replace whose loop would not end is left undone.
+void ReportEndlessReplace(const char* why)
+{
+	if (zvkit::internal::ChecksOn()) {
+		zvkit::internal::CheckReport("UTFString::Replace", "%s; the string is left as it is", why);
+	}
+}
+
 } // namespace
 
 // #pragma mark - UTFChar
@@ -987,6 +995,8 @@ void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 			// ends.
 			if (replacement.fLength == 0)
 				AssignBytes("", 0);
+			else
+				ReportEndlessReplace("an empty old text with a new text never ends");
 			return;
 		}
 		bool patternWellFormed;
@@ -1003,6 +1013,9 @@ void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 	std::string result;
 	if (runner.Run(true, 0, 1, originalBytes + 1, MaxReplaceBytes(originalBytes, with), &result))
 		AssignBytes(result.data(), result.size());
+	else
+		ReportEndlessReplace("the loop needs more passes than the text has bytes, or grows it "
+		                     "past 16 times its size: it would not end");
 }
 
 // Runs the passes after the first on next (the result of the first pass) and
@@ -1018,6 +1031,9 @@ void UTFString::ReplacePasses(const UTFString& next, const UTFString& pattern, u
 	if (runner.Run(false, resume, 2, originalBytes + 1, MaxReplaceBytes(originalBytes, with),
 	               &result))
 		AssignBytes(result.data(), result.size());
+	else
+		ReportEndlessReplace("the loop needs more passes than the text has bytes, or grows it "
+		                     "past 16 times its size: it would not end");
 }
 
 // With a well-formed pattern and new text, a match that starts on a
@@ -1104,8 +1120,11 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 			// When the match lies inside a truncated sequence at the end
 			// the pass runs out of characters (above): the new text then
 			// continues that sequence and the loop can end.
-			if (rescanHoldsPattern)
+			if (rescanHoldsPattern) {
+				ReportEndlessReplace("the new text brings the old text back at every resume "
+				                     "point, so the loop never ends");
 				return true;
+			}
 			if (rescanPending)
 				out.Append(rescan, rescanBytes);
 			out.Append(rest, from);

@@ -242,6 +242,11 @@ TEST(LooperStressTest, ReleaseBelowTheBoundLetsThroughPostersAlreadyStranded)
 		EXPECT_EQ(checker.Received(), int64_t{kPosters} * each);
 		EXPECT_EQ(checker.Bad(), 0);
 	}
+	// The queue tests show the stranding itself deterministically; here it
+	// depends on timing, and a machine where it never happens has nothing
+	// to let through.
+	if (stranded == 0)
+		GTEST_SKIP() << "no round left its posters stranded";
 	EXPECT_EQ(1, stranded);
 }
 
