@@ -13,6 +13,7 @@
 #include <ZvLooper.h>
 #include <ZvMessage.h>
 #include <ZvMessenger.h>
+#include <ZvResize.h>
 
 #include <Handler.h>
 
@@ -637,4 +638,23 @@ TEST(ZvChecks, ReplaceThatWouldNeverEndIsReportedAndLeavesTheStringAsWithChecksO
 		    << lines[0];
 		EXPECT_TRUE(Contains(lines[0], "; the string is left as it is")) << lines[0];
 	}
+}
+
+TEST(ZvChecks, ResizeThatCannotBeDoneIsReportedAndWritesNothingAsWithChecksOff)
+{
+	const uint32 src[4] = {1, 2, 3, 4};
+	uint32 checked[2] = {7, 7};
+	uint32 unchecked[2] = {7, 7};
+	const std::string text =
+	    RunWithChecks(ZV_CHECKS_REPORT, [&] { ZV_ResizeInterpolate(src, 2, 2, checked, 0, 1); });
+	RunWithChecks(ZV_CHECKS_OFF, [&] { ZV_ResizeInterpolate(src, 2, 2, unchecked, 0, 1); });
+	EXPECT_EQ(7u, checked[0]);
+	EXPECT_EQ(unchecked[0], checked[0]);
+	EXPECT_EQ(unchecked[1], checked[1]);
+	const std::vector<std::string> lines = CheckLines(text);
+	ASSERT_EQ(1u, lines.size()) << text;
+	EXPECT_EQ("ZvKit-CHECK: ZV_ResizeInterpolate: these sizes (source 2x2, destination 0x1) cannot "
+	          "be resampled (a null buffer, a destination side of 0 or a side over 65535); nothing "
+	          "is written",
+	          lines[0]);
 }
