@@ -658,3 +658,38 @@ TEST(ZvChecks, ResizeThatCannotBeDoneIsReportedAndWritesNothingAsWithChecksOff)
 	          "is written",
 	          lines[0]);
 }
+
+namespace {
+
+// Unsubscribes another subscriber of its own attribute from its event hook.
+class UnsubscribingSubscriber : public ZvDataSubscriber
+{
+public:
+	UnsubscribingSubscriber(const char* name, ZvDataSubscriber* other)
+	    : ZvDataSubscriber(name, 0), fOther(other)
+	{
+	}
+
+	void DS_EventReceived(uint32) override { fOther->DS_UnSubscribe(); }
+
+private:
+	ZvDataSubscriber* fOther;
+};
+
+} // namespace
+
+TEST(ZvChecksDeathTest, UnsubscribingFromAnEventHookOfTheSameAttributeIsReportedBeforeItWaits)
+{
+	GTEST_FLAG_SET(death_test_style, "threadsafe");
+	EXPECT_DEATH(
+	    {
+		    zv_set_checks(ZV_CHECKS_FATAL);
+		    ZvDataSubscriber source("checks.self.wait", 0);
+		    ZvDataSubscriber other("checks.self.wait", 0);
+		    UnsubscribingSubscriber hook("checks.self.wait", &other);
+		    source.DS_SetIntegerData(1, true);
+	    },
+	    "ZvKit-CHECK: ZvDataSubscriber::DS_UnSubscribe: called from DS_EventReceived of a "
+	    "subscriber of \"checks.self.wait\" for the same attribute; it waits for the attribute's "
+	    "semaphore, which this thread holds, for ever");
+}
