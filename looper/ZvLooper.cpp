@@ -217,8 +217,15 @@ bool ZvLooper::Run()
 bool ZvLooper::Quit()
 {
 	std::shared_ptr<zv_looper_life> record = Find(this);
-	if (record == nullptr)
+	if (record == nullptr) {
+		if (zvkit::internal::ChecksOn()) {
+			zvkit::internal::CheckReport("ZvLooper::Quit",
+			                             "looper %p has ended and been deleted (a stale link); "
+			                             "Quit does nothing and returns false",
+			                             static_cast<const void*>(this));
+		}
 		return false;
+	}
 
 	uint32 thread;
 	{

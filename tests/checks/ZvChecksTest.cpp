@@ -417,6 +417,34 @@ TEST(ZvChecks, SendingThroughTheStaleLinkOfAHandlerWhoseLooperEndedIsRefused)
 	EXPECT_EQ(0, handler.Received());
 }
 
+TEST(ZvChecks, QuitOfALooperThatIsGoneIsReportedAndReturnsFalseAsWithChecksOff)
+{
+	// The call itself is made on a deleted object: the sanitizers' check of
+	// the object's type on a member call reads it, so only plain builds run
+	// this test.
+	if (zvtest::kSanitized)
+		GTEST_SKIP() << "a member call on a deleted looper trips the sanitizers' type check";
+	zvtest::Watchdog watchdog(60s, "quit of a looper that is gone");
+	RecordingHandler handler("orphan");
+	TestLooper* looper = new TestLooper(nullptr, nullptr, 1000);
+	looper->AddHandler(&handler);
+	ASSERT_TRUE(looper->Run());
+	ASSERT_TRUE(looper->Quit());
+	// Quit reads nothing from the object: it finds no live looper there.
+	bool results[2] = {true, true};
+	const std::string text =
+	    RunWithChecks(ZV_CHECKS_REPORT, [&] { results[0] = handler.Looper()->Quit(); });
+	RunWithChecks(ZV_CHECKS_OFF, [&] { results[1] = handler.Looper()->Quit(); });
+	EXPECT_FALSE(results[0]);
+	EXPECT_EQ(results[1], results[0]);
+	const std::vector<std::string> lines = CheckLines(text);
+	ASSERT_EQ(1u, lines.size()) << text;
+	EXPECT_TRUE(Contains(lines[0], "ZvKit-CHECK: ZvLooper::Quit: looper ")) << lines[0];
+	EXPECT_TRUE(Contains(lines[0], "has ended and been deleted (a stale link); Quit does nothing "
+	                               "and returns false"))
+	    << lines[0];
+}
+
 TEST(ZvChecks, LiveLinksAreNotReported)
 {
 	zvtest::Watchdog watchdog(60s, "live links");
