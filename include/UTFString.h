@@ -129,11 +129,12 @@ public:
 	// Right(Length() - (oldText.Length() + p)), from the stored lengths: the
 	// first pass from a length StrCat left stale, later ones from the
 	// counted length of the text each pass assigns. Malformed text, patterns
-	// and new texts cost one pass over the text, as well-formed ones do. oldText and newText may be this string. Where the loop would
-	// never end (an empty oldText with a non-empty newText, or a newText that
-	// brings the pattern back at every resume point) the string is left as
-	// it is; so it is where malformed text would make the loop run more
-	// passes than the text has bytes, or grow past 16 times its size.
+	// and new texts cost one pass over the text, as well-formed ones do.
+	// oldText and newText may be this string. Where the loop would never end
+	// (an empty oldText with a non-empty newText, or a newText that brings
+	// the pattern back at every resume point) the string is left as it is;
+	// so it is where malformed text would make the loop run more passes than
+	// the text has bytes, or grow past 16 times its size.
 	void Replace(const UTFString& oldText, const UTFString& newText);
 
 	// In place; only characters whose single byte is an ASCII letter change.
