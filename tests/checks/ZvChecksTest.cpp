@@ -19,7 +19,7 @@
 
 #include "Polling.h"
 #include "TestSupport.h"
-#include "looper/LooperTestSupport.h"
+#include "tests/looper/LooperTestSupport.h"
 
 #include <gtest/gtest.h>
 
