@@ -6,6 +6,7 @@
 
 #include "DataFlags.h"
 #include "RegistryGuard.h"
+#include "base/internal/Checks.h"
 #include "base/internal/Semaphores.h"
 
 #include <pthread.h>
@@ -132,6 +133,8 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 	// The semaphore keeps propagations in progress on this attribute from
 	// seeing the chain while it changes, and serialises the initial data
 	// exchange with them.
+	if (zvkit::internal::ChecksOn())
+		dr_CheckSelfWait(entry, "ZvDataSubscriber::DS_Subscribe");
 	if (AcquireSemaphore(entry->semaphore, -1) != WaitResult::kAcquired)
 		return -1;
 
@@ -160,6 +163,27 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 	return 0;
 }
 
+void ZvDataRegistry::dr_CheckSelfWait(zv_data_registry_entry* entry, const char* member)
+{
+	// The calling thread holds the attribute's semaphore when it runs the
+	// DS_EventReceived of one of its subscribers: the chain's shape cannot
+	// change meanwhile (that needs the registry lock, held here, too).
+	if (entry == nullptr)
+		return;
+	const thread_id self = find_thread(nullptr);
+	for (ZvDataSubscriber* s = entry->firstSubscriber; s != nullptr; s = s->fNext) {
+		if (s->fEventThread.load(std::memory_order_relaxed) == self) {
+			zvkit::internal::CheckReport(
+			    member,
+			    "called from DS_EventReceived of a subscriber of \"%s\" for the same "
+			    "attribute; it waits for the attribute's semaphore, which this thread holds, "
+			    "for ever",
+			    entry->name);
+			return;
+		}
+	}
+}
+
 status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 {
 	if (subscriber == nullptr)
@@ -167,6 +191,8 @@ status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 	const uint32 sem = subscriber->fSemaphore.load(std::memory_order_relaxed);
 	if (NeverRegistered(subscriber->fFlags.load(std::memory_order_relaxed)) || sem == kNoSemaphore)
 		return -1;
+	if (zvkit::internal::ChecksOn() && subscriber->ds_HasName())
+		dr_CheckSelfWait(dr_FindEntry(subscriber->fName), "ZvDataSubscriber::DS_UnSubscribe");
 	if (AcquireSemaphore(sem, -1) != WaitResult::kAcquired)
 		return -1;
 

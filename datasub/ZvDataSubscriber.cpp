@@ -1,4 +1,5 @@
 // ZvDataSubscriber.cpp: one endpoint of a named data attribute.
+#include "base/internal/Checks.h"
 #include <ZvDataSubscriber.h>
 
 #include <Handler.h>
@@ -39,8 +40,16 @@ const char* const kArchiveMessage = "DS_MESSAGE";
 
 // A zeroed 32-byte buffer holding at most 31 characters of name, or null if
 // it cannot be allocated.
-char* NewNameBuffer(const char* name)
+char* NewNameBuffer(const char* name, const char* member)
 {
+	if (name != nullptr && zvkit::internal::ChecksOn() &&
+	    strnlen(name, kNameBufferSize) > static_cast<size_t>(kNameBufferSize - 1)) {
+		zvkit::internal::CheckReport(member,
+		                             "attribute name of %zu bytes cut to %d (\"%.*s...\"); every "
+		                             "name with the same first %d bytes names the same attribute",
+		                             strlen(name), kNameBufferSize - 1,
+		                             zvkit::internal::kQuotedBytes, name, kNameBufferSize - 1);
+	}
 	char* buffer = new (std::nothrow) char[kNameBufferSize];
 	if (buffer == nullptr)
 		return nullptr;
@@ -98,7 +107,7 @@ ZvDataSubscriber::ZvDataSubscriber(const char* name, uint32 flags)
 {
 	if (name == nullptr || name[0] == '\0')
 		return;
-	fName = NewNameBuffer(name);
+	fName = NewNameBuffer(name, "ZvDataSubscriber::ZvDataSubscriber");
 	if (fName == nullptr)
 		return;
 	fValid = true;
@@ -146,7 +155,7 @@ status_t ZvDataSubscriber::DS_SetAttributeName(const char* name)
 	if (!registry.IsLocked() || registry->DR_SubscriberSubscribed(this))
 		return -1;
 	delete[] fName;
-	fName = NewNameBuffer(name);
+	fName = NewNameBuffer(name, "ZvDataSubscriber::DS_SetAttributeName");
 	// An empty name is accepted here, unlike in the constructor.
 	fValid = fName != nullptr && name != nullptr;
 	return fValid ? 0 : -1;
@@ -577,8 +586,16 @@ void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool no
 	if (target->fEventTarget == nullptr || target->fEventMessage == nullptr)
 		return;
 	BMessenger messenger(target->fEventTarget, nullptr, nullptr);
-	if (!messenger.IsValid())
+	if (!messenger.IsValid()) {
+		if (zvkit::internal::ChecksOn()) {
+			zvkit::internal::CheckReport(
+			    "ZvDataSubscriber::DS_SendEvent",
+			    "event 0x%x for attribute \"%s\" dropped: its target handler is in no looper; "
+			    "the change still reports success",
+			    static_cast<unsigned>(what), target->fName != nullptr ? target->fName : "");
+		}
 		return;
+	}
 	BMessage* event = target->fEventMessage;
 	event->RemoveName(kTouchedWhatField);
 	event->AddInt32(kTouchedWhatField, static_cast<int32>(what));
@@ -586,8 +603,17 @@ void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool no
 		// Posting copies the message; the template stays the target's.
 		BLooper* looper = nullptr;
 		BHandler* handler = messenger.Target(&looper);
-		if (looper != nullptr)
-			looper->PostMessage(event, handler, nullptr);
+		if (looper != nullptr) {
+			const status_t posted = looper->PostMessage(event, handler, nullptr);
+			if (posted != B_OK && zvkit::internal::ChecksOn()) {
+				zvkit::internal::CheckReport(
+				    "ZvDataSubscriber::DS_SendEvent",
+				    "event 0x%x for attribute \"%s\" dropped: the target looper refused it "
+				    "(status 0x%x); the change still reports success",
+				    static_cast<unsigned>(what), target->fName != nullptr ? target->fName : "",
+				    static_cast<unsigned>(posted));
+			}
+		}
 	} else {
 		// A remote target is served synchronously, waiting for its reply
 		// with the semaphore held.

@@ -148,11 +148,16 @@ public:
 
 	// Replaces occurrences of oldText by newText. After each replacement the
 	// search resumes at the match index plus the length of oldText (not of
-	// newText). oldText and newText may be this string. Where the loop would
-	// never end (an empty oldText with a non-empty newText, or a newText that
-	// brings the pattern back at every resume point) the string is left as
-	// it is; so it is where malformed text would make the loop run more
-	// passes than the text has bytes, or grow past 16 times its size.
+	// newText). Each pass keeps Left(p), then newText, then
+	// Right(Length() - (oldText.Length() + p)), from the stored lengths: the
+	// first pass from a length StrCat left stale, later ones from the
+	// counted length of the text each pass assigns. Malformed text, patterns
+	// and new texts cost one pass over the text, as well-formed ones do.
+	// oldText and newText may be this string. Where the loop would never end
+	// (an empty oldText with a non-empty newText, or a newText that brings
+	// the pattern back at every resume point) the string is left as it is;
+	// so it is where malformed text would make the loop run more passes than
+	// the text has bytes, or grow past 16 times its size.
 	void Replace(const UTFString& oldText, const UTFString& newText);
 
 	//@{
@@ -215,7 +220,8 @@ private:
 	void AssignBytes(const char* bytes, size_t byteLength);
 	size_t ByteOffsetOf(uint32 index) const;
 	bool ReplaceInStep(const UTFString& pattern, const UTFString& replacement);
-	void ReplaceSlowly(const UTFString& pattern, const UTFString& replacement);
+	void ReplacePasses(const UTFString& next, const UTFString& pattern, uint32 oldChars,
+	                   const UTFString& replacement, uint32 resume, size_t originalBytes);
 
 	char* fBuffer;
 	uint32 fLength;

@@ -83,6 +83,9 @@ public:
 
 private:
 	zv_data_registry_entry* dr_FindEntry(const char* name);
+	// Checked mode: reports, as member, a call that is about to wait for
+	// entry's semaphore from a DS_EventReceived of the same attribute.
+	void dr_CheckSelfWait(zv_data_registry_entry* entry, const char* member);
 
 	ZvList<zv_data_registry_entry*> fEntries;
 	BLocker fLock;

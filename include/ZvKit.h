@@ -9,6 +9,9 @@
 #include <ZvExport.h>
 #include <ZvKitVersion.h>
 
+// Checked mode.
+#include <ZvChecks.h>
+
 // Threads and synchronisation.
 #include <Benaphore.h>
 #include <ZvLocker.h>

@@ -48,6 +48,7 @@
 #include <ZvHandler.h>
 #include <ZvList.h>
 #include <ZvLocker.h>
+#include <ZvMessageQueue.h>
 #include <ZvThread.h>
 
 #include <atomic>
@@ -111,6 +112,16 @@ public:
 	// The message being dispatched; null outside a dispatch.
 	ZvMessage* CurrentMessage() const;
 
+	// How the queue releases posters blocked on its bound (see
+	// ZvMessageQueue.h); ZV_QUEUE_SOFT_BOUND by default. With
+	// ZV_QUEUE_RELEASE_BELOW_BOUND a bounded looper never strands its
+	// posters. B_BAD_VALUE for an unknown policy.
+	status_t SetQueuePolicy(zv_queue_policy policy);
+	// Posters blocked on the queue's bound right now (a snapshot, for
+	// diagnostics: posters that stay blocked while the looper is idle are
+	// stranded).
+	int32 CountBlockedPosters() const;
+
 	// Delivers message to target: a "QUIT" message aimed at the looper ends
 	// the loop when QuitRequested agrees; anything else goes to
 	// target->MessageReceived.
@@ -134,6 +145,13 @@ private:
 	// how many.
 	int32 _TakeAhead(uint32 access);
 	void _Post(ZvMessage* message, const ZvHandler* handler);
+	// Checked mode: reports a message that already carries
+	// "_preferredhandler" from an earlier post.
+	void _CheckForwarded(const ZvMessage* message, const ZvHandler* handler) const;
+	// Checked mode: the loop is about to sleep with posters stranded on the
+	// bound; waits briefly and reports (once) if they still are. Returns as
+	// _AwaitMessage, 2 when nothing came.
+	int32 _CheckStall(uint32 access);
 	int32 _IndexOf(const ZvHandler* handler) const;
 	void _EndLoop();
 	void _Unregister();
@@ -164,6 +182,9 @@ private:
 	// is 0 or less; see _AwaitMessage). Used by the loop's thread only.
 	int32 fPollFailures;
 	int32 fPollSkips;
+	// The checked mode reported posters stranded on the bound (once per
+	// looper). Used by the loop's thread only.
+	bool fStallReported;
 };
 
 #endif // _ZV_LOOPER_H

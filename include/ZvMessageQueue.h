@@ -26,6 +26,14 @@
 // lock and the ring, the count, and the looper's taken messages each have
 // a line of their own.
 //
+// Release policy (an addition; the default keeps the rule above): with
+// ZV_QUEUE_RELEASE_BELOW_BOUND, a removal that leaves the queue below the
+// limit also lets one blocked adder through, as long as some adder is
+// blocked and not yet let through. Under the default rule, adders that all
+// block while the remover drains the queue below the limit stay blocked
+// until other threads bring the queue back to the limit, which may never
+// happen; under the opt-in policy a bounded queue never strands them.
+//
 // Ownership: the queue owns the messages it holds; RemoveMessage hands the
 // oldest one to the caller. Messages still queued when the queue is destroyed
 // are deleted with it.
@@ -44,6 +52,17 @@
 #include <atomic>
 
 class ZvMessage;
+
+// How removals release adders blocked on the bound (see above).
+enum zv_queue_policy
+{
+	// A removal releases one unit of "_item_limit" when it leaves the queue
+	// at or above the limit, and only then.
+	ZV_QUEUE_SOFT_BOUND = 0,
+	// As ZV_QUEUE_SOFT_BOUND, and a removal that leaves the queue below the
+	// limit releases one blocked adder too.
+	ZV_QUEUE_RELEASE_BELOW_BOUND = 1
+};
 
 // A looper's bounded message queue; see the file's description.
 class ZV_EXPORT ZvMessageQueue : public ZvLocker
@@ -73,6 +92,14 @@ public:
 	// Whether CountItems() is 0.
 	bool IsEmpty() const;
 
+	// Chooses the release policy; B_BAD_VALUE for an unknown one. Safe at
+	// any time from any thread; removals after the call follow it.
+	status_t SetPolicy(zv_queue_policy policy);
+	zv_queue_policy Policy() const;
+
+	// Adders blocked on "_item_limit" right now (a snapshot).
+	int32 CountBlockedAdders() const;
+
 private:
 	// The looper takes its messages through _TakeNext rather than
 	// RemoveMessage (see "Taking for the loop" in ZvMessageQueue.cpp).
@@ -95,6 +122,17 @@ private:
 	// The bound's rule: a removal that leaves left messages queued releases
 	// "_item_limit" when that is at or above the limit.
 	void _ReleaseAtLimit(int32 left);
+	// Takes one from fUncovered when it is above 0; false when it is not.
+	bool _Cover();
+	// Under ZV_QUEUE_RELEASE_BELOW_BOUND, lets through every blocked adder
+	// that no unit covers yet; the looper calls it before it sleeps.
+	void _ReleaseUncovered();
+	// Whether an add now would block: the queue is over the limit and no
+	// unit of "_item_limit" is left.
+	bool _WouldBlock() const;
+	// Whether adders are blocked on the bound with no unit of "_item_limit"
+	// left to let any of them through.
+	bool _AddersStranded() const;
 	// The slot of the message at position (0: the oldest).
 	ZvMessage*& _SlotAt(int32 position) const;
 	// Brings the message at position of the taken ones towards the
@@ -123,6 +161,13 @@ private:
 	alignas(64) std::atomic<int32> fCount;
 	const int32 fLimit;
 	uint32 fLimitSem;
+	// Adders between their decision to wait on "_item_limit" and the end of
+	// that wait; and those of them that no release has covered yet (the
+	// opt-in policy releases only for these). Touched only on the blocking
+	// path and by removals under the opt-in policy.
+	std::atomic<int32> fBlocked;
+	std::atomic<int32> fUncovered;
+	std::atomic<int32> fPolicy;
 
 	// Messages taken out of the ring by _TakeBatch and not yet handed out
 	// by _TakeNext, oldest at fTakenHead; used by the loop's thread only.

@@ -3,6 +3,7 @@
 
 #include <ZvSemaphore.h>
 
+#include "base/internal/Checks.h"
 #include "base/internal/CurrentThread.h"
 #include "base/internal/Semaphores.h"
 
@@ -66,8 +67,19 @@ void ZvLocker::Unlock()
 {
 	// Only the owner may unlock; anyone else is ignored without a word.
 	const uint32 me = CurrentThread();
-	if (!fLocked.load(std::memory_order_acquire) || fOwner.load(std::memory_order_relaxed) != me)
+	if (!fLocked.load(std::memory_order_acquire) || fOwner.load(std::memory_order_relaxed) != me) {
+		if (zvkit::internal::ChecksOn()) {
+			zvkit::internal::CheckReport(
+			    "ZvLocker::Unlock",
+			    "thread %u unlocks a lock it does not hold (%s); the call is ignored and the "
+			    "lock stays as it was",
+			    static_cast<unsigned>(me),
+			    fLocked.load(std::memory_order_relaxed) ? "another thread holds it"
+			                                            : "it is not "
+			                                              "locked");
+		}
 		return;
+	}
 	const int32 depth = fCount.load(std::memory_order_relaxed) - 1;
 	fCount.store(depth, std::memory_order_relaxed);
 	if (depth <= 0) {

@@ -9,9 +9,11 @@
 
 #include <OS.h>
 
+#include "base/internal/Checks.h"
 #include "base/internal/LockHolder.h"
 #include "base/internal/Semaphores.h"
 #include "base/internal/Spin.h"
+#include "looper/internal/LiveLoopers.h"
 
 #include <memory>
 #include <unordered_map>
@@ -85,6 +87,10 @@ const bigtime_t kShortWait = 200;
 const int32 kMaxPollFailures = 8;
 // Units of "fLooperAccess" the loop takes at once when several messages wait.
 const int32 kMaxTakenAhead = 32;
+// How long the checked mode waits before it calls posters stranded on the
+// bound (milliseconds).
+const int32 kStallGraceMs = 100;
+
 // Polls between two looks at the clock.
 const int kPollsPerClockRead = 16;
 const char* const kPreferredHandlerField = "_preferredhandler";
@@ -142,11 +148,27 @@ int32 LooperEntry(void* data)
 
 } // namespace
 
+bool zvkit::internal::LooperIsLive(const ZvLooper* looper)
+{
+	return looper != nullptr && Find(looper) != nullptr;
+}
+
+bool zvkit::internal::CheckLooperLive(const ZvLooper* looper, const char* member)
+{
+	if (looper == nullptr || LooperIsLive(looper))
+		return true;
+	CheckReport(member,
+	            "looper %p has ended and been deleted (a stale link); the call is refused and "
+	            "nothing is posted",
+	            static_cast<const void*>(looper));
+	return false;
+}
+
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
       fRecord(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore), fCurrentMessage(nullptr),
-      fPollFailures(0), fPollSkips(1)
+      fPollFailures(0), fPollSkips(1), fStallReported(false)
 {
 	fQueue = new ZvMessageQueue(fQueueCapacity);
 	fPreferredHandler = this;
@@ -158,6 +180,12 @@ ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCap
 ZvLooper::~ZvLooper()
 {
 	_Unregister();
+	if (zvkit::internal::ChecksOn() && fQueue != nullptr && fQueue->CountItems() > 0) {
+		zvkit::internal::CheckReport("ZvLooper::~ZvLooper",
+		                             "looper \"%s\" ends with %d message(s) still queued; they are "
+		                             "deleted without being delivered",
+		                             Name() != nullptr ? Name() : "", fQueue->CountItems());
+	}
 	delete fQueue;
 	fQueue = nullptr;
 	// Only a looper that was never run (or never quit) still has its
@@ -189,8 +217,15 @@ bool ZvLooper::Run()
 bool ZvLooper::Quit()
 {
 	std::shared_ptr<zv_looper_life> record = Find(this);
-	if (record == nullptr)
+	if (record == nullptr) {
+		if (zvkit::internal::ChecksOn()) {
+			zvkit::internal::CheckReport("ZvLooper::Quit",
+			                             "looper %p has ended and been deleted (a stale link); "
+			                             "Quit does nothing and returns false",
+			                             static_cast<const void*>(this));
+		}
 		return false;
+	}
 
 	uint32 thread;
 	{
@@ -215,15 +250,61 @@ bool ZvLooper::QuitRequested()
 
 bool ZvLooper::PostMessage(uint32 what, const ZvHandler* handler)
 {
+	if (zvkit::internal::ChecksOn() &&
+	    !zvkit::internal::CheckLooperLive(this, "ZvLooper::PostMessage"))
+		return true;
 	_Post(new ZvMessage(what), handler);
 	return true;
 }
 
 bool ZvLooper::PostMessage(const ZvMessage* message, const ZvHandler* handler)
 {
-	if (message != nullptr)
+	if (zvkit::internal::ChecksOn() &&
+	    !zvkit::internal::CheckLooperLive(this, "ZvLooper::PostMessage"))
+		return true;
+	if (message != nullptr) {
+		if (zvkit::internal::ChecksOn())
+			_CheckForwarded(message, handler);
 		_Post(new ZvMessage(message), handler);
+	}
 	return true;
+}
+
+status_t ZvLooper::SetQueuePolicy(zv_queue_policy policy)
+{
+	return fQueue->SetPolicy(policy);
+}
+
+int32 ZvLooper::CountBlockedPosters() const
+{
+	return fQueue->CountBlockedAdders();
+}
+
+void ZvLooper::_CheckForwarded(const ZvMessage* message, const ZvHandler* handler) const
+{
+	void* recorded = nullptr;
+	if (!message->FindPointer(kPreferredHandlerField, &recorded))
+		return;
+	if (recorded == nullptr) {
+		zvkit::internal::CheckReport(
+		    "ZvLooper::PostMessage",
+		    "message already carries a null \"_preferredhandler\" from an earlier post; the "
+		    "loop reads that first value and delivers to the preferred handler%s",
+		    handler != nullptr ? ", not to the handler given" : "");
+	} else if (handler != nullptr && handler != recorded) {
+		zvkit::internal::CheckReport(
+		    "ZvLooper::PostMessage",
+		    "message already carries \"_preferredhandler\" %p from an earlier post; the new "
+		    "target %p is added as a second value and the loop reads the first, so the message "
+		    "goes to %p or is dropped",
+		    recorded, static_cast<const void*>(handler), recorded);
+	} else if (handler == nullptr) {
+		zvkit::internal::CheckReport(
+		    "ZvLooper::PostMessage",
+		    "message posted without a handler still carries \"_preferredhandler\" %p from an "
+		    "earlier post; it goes to that handler (or is dropped), not to the preferred handler",
+		    recorded);
+	}
 }
 
 bool ZvLooper::AddHandler(ZvHandler* handler)
@@ -334,8 +415,16 @@ bool ZvLooper::ProcessNextMessage()
 	// handler that was removed and then deleted is not in the list, so its
 	// stale address is only compared, never dereferenced. The list changes
 	// only under the looper's lock, which this thread holds: no guard needed.
-	if (_IndexOf(target) >= 0 && target->Looper() == this)
+	if (_IndexOf(target) >= 0 && target->Looper() == this) {
 		DispatchMessage(message, target);
+	} else if (zvkit::internal::ChecksOn()) {
+		zvkit::internal::CheckReport(
+		    "ZvLooper::ProcessNextMessage",
+		    "message 0x%08x for handler %p dropped: that handler is not attached to looper "
+		    "\"%s\"; it is deleted without being delivered",
+		    static_cast<unsigned>(message->what), static_cast<const void*>(target),
+		    Name() != nullptr ? Name() : "");
+	}
 
 	// Cleared so that CurrentMessage never hands out a deleted message.
 	fCurrentMessage.store(nullptr, std::memory_order_release);
@@ -414,6 +503,14 @@ bool ZvLooper::_AwaitMessage(uint32 access)
 		fPollSkips = 1 << fPollFailures;
 	}
 
+	// Under the opt-in policy, posters still blocked on the bound are let
+	// through before the loop sleeps; it may be the last chance.
+	fQueue->_ReleaseUncovered();
+	if (zvkit::internal::ChecksOn() && !fStallReported && fQueue->_AddersStranded()) {
+		const int32 early = _CheckStall(access);
+		if (early != 2)
+			return early;
+	}
 	const bigtime_t start = system_time();
 	const WaitResult result = AcquireSemaphore(access, -1);
 	// A short wait is one that polling might have spared; after enough of
@@ -424,6 +521,27 @@ bool ZvLooper::_AwaitMessage(uint32 access)
 	else
 		fPollSkips = 1 << fPollFailures;
 	return result != WaitResult::kFailed;
+}
+
+int32 ZvLooper::_CheckStall(uint32 access)
+{
+	// The loop is about to sleep with posters blocked on "_item_limit" and
+	// no unit to let any through. A poster that was just let through may
+	// not have said so yet: wait a little first, and report only if
+	// nothing changed.
+	const int32 result = ZvSemaphore::Acquire(access, kStallGraceMs);
+	if (result != 2 || !fQueue->_AddersStranded() || fQueue->CountItems() >= fQueueCapacity)
+		return result;
+	fStallReported = true;
+	zvkit::internal::CheckReport(
+	    "ZvLooper::Looper",
+	    "looper \"%s\" goes to sleep with %d posters blocked on \"_item_limit\" and %d "
+	    "messages queued, below the bound of %d; no later removal releases them (the bound is "
+	    "soft), so they wait until other posts bring the queue back to the bound, perhaps for "
+	    "ever (SetQueuePolicy(ZV_QUEUE_RELEASE_BELOW_BOUND) avoids this)",
+	    Name() != nullptr ? Name() : "", fQueue->CountBlockedAdders(), fQueue->CountItems(),
+	    fQueueCapacity);
+	return 2;
 }
 
 int32 ZvLooper::_TakeAhead(uint32 access)
@@ -444,6 +562,15 @@ int32 ZvLooper::_TakeAhead(uint32 access)
 
 void ZvLooper::_Post(ZvMessage* message, const ZvHandler* handler)
 {
+	if (zvkit::internal::ChecksOn() && fThread.load(std::memory_order_acquire) != 0 &&
+	    static_cast<uint32>(find_thread(nullptr)) == fThread.load(std::memory_order_acquire) &&
+	    fQueue->_WouldBlock()) {
+		zvkit::internal::CheckReport(
+		    "ZvLooper::PostMessage",
+		    "the looper's own thread posts while its queue holds %d messages, over the bound of "
+		    "%d; the post waits for a removal only this thread can make, and blocks for ever",
+		    fQueue->CountItems(), fQueueCapacity);
+	}
 	if (handler != nullptr)
 		message->AddPointer(kPreferredHandlerField, handler);
 	// Posting takes only the queue's lock, never the looper's, so a handler

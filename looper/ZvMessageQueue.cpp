@@ -5,6 +5,8 @@
 #include <ZvMessage.h>
 #include <ZvSemaphore.h>
 
+#include <OS.h>
+
 #include "base/internal/Semaphores.h"
 
 using zvkit::internal::kNoSemaphore;
@@ -35,7 +37,8 @@ const int32 kPrefetched = 3;
 
 ZvMessageQueue::ZvMessageQueue(int32 limit)
     : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fCount(0), fLimit(limit),
-      fLimitSem(kNoSemaphore), fTaken(), fTakenHead(0), fTakenCount(0)
+      fLimitSem(kNoSemaphore), fBlocked(0), fUncovered(0), fPolicy(ZV_QUEUE_SOFT_BOUND), fTaken(),
+      fTakenHead(0), fTakenCount(0)
 {
 	fLimitSem = ZvSemaphore::Create(1, "_item_limit");
 }
@@ -74,8 +77,13 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 		// so that the remover can take it. One unit of "_item_limit" lets one
 		// adder through, which then appends whatever the count: the count is
 		// deliberately not tested again, that is what makes the bound soft.
+		// Counted as blocked before the lock is let go, so that a removal
+		// under the opt-in policy that follows sees this adder.
+		fBlocked.fetch_add(1);
+		fUncovered.fetch_add(1);
 		Unlock();
 		ZvSemaphore::Acquire(fLimitSem, -1);
+		fBlocked.fetch_sub(1);
 		// The lock can only be gone here if the queue is being destroyed
 		// under the adder's feet; then the ring is not touched.
 		if (!Lock())
@@ -176,8 +184,74 @@ void ZvMessageQueue::_ReleaseAtLimit(int32 left)
 {
 	// One unit of "_item_limit" per removal that leaves the queue at or
 	// above its bound.
-	if (left >= fLimit)
+	if (left >= fLimit) {
 		ZvSemaphore::Release(fLimitSem);
+		// The unit covers one blocked adder, if any is waiting for one.
+		if (fUncovered.load(std::memory_order_relaxed) > 0)
+			_Cover();
+		return;
+	}
+	// Below the bound: the opt-in policy lets one uncovered adder through.
+	if (fPolicy.load(std::memory_order_relaxed) == ZV_QUEUE_RELEASE_BELOW_BOUND &&
+	    fUncovered.load(std::memory_order_relaxed) > 0 && _Cover())
+		ZvSemaphore::Release(fLimitSem);
+}
+
+bool ZvMessageQueue::_Cover()
+{
+	int32 uncovered = fUncovered.load();
+	while (uncovered > 0) {
+		if (fUncovered.compare_exchange_weak(uncovered, uncovered - 1))
+			return true;
+	}
+	return false;
+}
+
+void ZvMessageQueue::_ReleaseUncovered()
+{
+	if (fPolicy.load(std::memory_order_relaxed) != ZV_QUEUE_RELEASE_BELOW_BOUND)
+		return;
+	while (fUncovered.load() > 0 && _Cover())
+		ZvSemaphore::Release(fLimitSem);
+}
+
+bool ZvMessageQueue::_WouldBlock() const
+{
+	if (fCount.load() <= fLimit)
+		return false;
+	int32 units = 0;
+	return get_sem_count(static_cast<sem_id>(fLimitSem), &units) == B_OK && units <= 0;
+}
+
+bool ZvMessageQueue::_AddersStranded() const
+{
+	if (fBlocked.load() <= 0)
+		return false;
+	int32 units = 0;
+	if (get_sem_count(static_cast<sem_id>(fLimitSem), &units) != B_OK)
+		return false;
+	return units <= 0;
+}
+
+status_t ZvMessageQueue::SetPolicy(zv_queue_policy policy)
+{
+	if (policy != ZV_QUEUE_SOFT_BOUND && policy != ZV_QUEUE_RELEASE_BELOW_BOUND)
+		return B_BAD_VALUE;
+	fPolicy.store(policy);
+	// Adders already stranded under the old rule are let through now.
+	if (policy == ZV_QUEUE_RELEASE_BELOW_BOUND && fCount.load() < fLimit)
+		_ReleaseUncovered();
+	return B_OK;
+}
+
+zv_queue_policy ZvMessageQueue::Policy() const
+{
+	return static_cast<zv_queue_policy>(fPolicy.load(std::memory_order_relaxed));
+}
+
+int32 ZvMessageQueue::CountBlockedAdders() const
+{
+	return fBlocked.load();
 }
 
 ZvMessage*& ZvMessageQueue::_SlotAt(int32 position) const

@@ -7,6 +7,9 @@
 #include <ZvLooper.h>
 #include <ZvMessage.h>
 
+#include "base/internal/Checks.h"
+#include "looper/internal/LiveLoopers.h"
+
 namespace {
 
 // The delivery rule shared by both payloads (a what code or a message):
@@ -15,13 +18,28 @@ namespace {
 // without a handler.
 template <typename Payload> void Deliver(ZvHandler* handler, ZvLooper* looper, Payload payload)
 {
+	// Checked mode: a link to a looper that is gone is refused before
+	// anything is posted.
+	if (zvkit::internal::ChecksOn()) {
+		if (handler != nullptr &&
+		    !zvkit::internal::CheckLooperLive(handler->Looper(), "ZvMessenger::SendMessage"))
+			return;
+		if (!zvkit::internal::CheckLooperLive(looper, "ZvMessenger::SendMessage"))
+			return;
+	}
 	if (handler != nullptr) {
 		ZvLooper* owner = handler->Looper();
 		if (owner != nullptr)
 			owner->PostMessage(payload, handler);
-		else if (looper == nullptr)
+		else if (looper == nullptr) {
+			if (zvkit::internal::ChecksOn()) {
+				zvkit::internal::CheckReport("ZvMessenger::SendMessage",
+				                             "handler %p is in no looper and the messenger names "
+				                             "none; nothing is posted",
+				                             static_cast<const void*>(handler));
+			}
 			return;
-		else
+		} else
 			looper->PostMessage(payload, handler);
 	}
 	if (looper != nullptr)

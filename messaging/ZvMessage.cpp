@@ -2,7 +2,9 @@
 // operations on which the typed accessors and the flat form rest.
 #include <ZvMessage.h>
 
+#include "FlatFormat.h"
 #include "base/internal/BlockCache.h"
+#include "base/internal/Checks.h"
 
 #include <string.h>
 
@@ -242,6 +244,11 @@ ZvMessage& ZvMessage::operator+=(const ZvMessage& other)
 {
 	// The bound is re-read on every turn: appending a message to itself
 	// keeps finding new items and never ends.
+	if (&other == this && zvkit::internal::ChecksOn() && items.CountItems() > 0) {
+		zvkit::internal::CheckReport("ZvMessage::operator+=",
+		                             "message appended to itself; the loop finds its own new "
+		                             "items and never ends (append a copy instead)");
+	}
 	for (int32 i = 0; i < other.items.CountItems(); i++)
 		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
 	return *this;
@@ -320,10 +327,69 @@ bool ZvMessage::HasData(const char* name, type_code type, int32 index) const
 	return _HasData(name, type, index);
 }
 
+namespace {
+
+// The Add member a type code comes from, for the checked mode's reports.
+const char* AddMemberOf(type_code type)
+{
+	switch (type) {
+	case ZV_INT8_TYPE:
+		return "ZvMessage::AddInt8";
+	case ZV_INT16_TYPE:
+		return "ZvMessage::AddInt16";
+	case ZV_INT32_TYPE:
+		return "ZvMessage::AddInt32";
+	case ZV_INT64_TYPE:
+		return "ZvMessage::AddInt64";
+	case ZV_FLOAT_TYPE:
+		return "ZvMessage::AddFloat";
+	case ZV_DOUBLE_TYPE:
+		return "ZvMessage::AddDouble";
+	case ZV_BOOL_TYPE:
+		return "ZvMessage::AddBool";
+	case ZV_STRING_TYPE:
+		return "ZvMessage::AddString";
+	case ZV_POINTER_TYPE:
+		return "ZvMessage::AddPointer";
+	case ZV_COLOR_TYPE:
+		return "ZvMessage::AddColor";
+	case ZV_RECT_TYPE:
+		return "ZvMessage::AddRect";
+	case ZV_POINT_TYPE:
+		return "ZvMessage::AddPoint";
+	case ZV_MESSAGE_TYPE:
+		return "ZvMessage::AddMessage";
+	default:
+		return "ZvMessage::AddData";
+	}
+}
+
+// A name longer than a field keeps is cut to its first 63 bytes, perhaps
+// inside a UTF-8 character: checked mode says so.
+void CheckFieldName(const char* member, const char* name)
+{
+	const size_t kept = zvkit::internal::kNameBufferSize - 1;
+	if (name == nullptr || strnlen(name, kept + 1) <= kept)
+		return;
+	const size_t length = strlen(name);
+	// The cut falls inside a character when the first byte dropped is a
+	// continuation byte.
+	const bool inCharacter = (static_cast<uint8>(name[kept]) & 0xC0) == 0x80;
+	zvkit::internal::CheckReport(member,
+	                             "name of %zu bytes cut to %zu%s (\"%.*s...\"); Find with the full "
+	                             "name will not find it",
+	                             length, kept, inCharacter ? ", inside a UTF-8 character" : "",
+	                             zvkit::internal::kQuotedBytes, name);
+}
+
+} // namespace
+
 bool ZvMessage::_AddData(const char* name, type_code type, int32 size, const void* data)
 {
 	if (data == nullptr)
 		return false;
+	if (zvkit::internal::ChecksOn())
+		CheckFieldName(AddMemberOf(type), name);
 	items.AddItem(new ZvMessageItem(name, type, size, data));
 	return true;
 }

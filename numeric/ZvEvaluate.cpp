@@ -10,6 +10,7 @@
 // function applied to its single argument gets a harmless left operand. A
 // value pushed while the count is negative lands in such a missing slot and
 // is not stored, so it also reads back as 0.0.
+#include "base/internal/Checks.h"
 #include <ZvEvaluate.h>
 
 #include <ZvLocker.h>
@@ -342,5 +343,13 @@ extern "C" int32 ZV_Evaluate(const char* expression, double* result)
 	}
 	text[kept] = '\0';
 
-	return Evaluate(text, result);
+	const int32 status = Evaluate(text, result);
+	if (status == 0 && zvkit::internal::ChecksOn() && !std::isfinite(*result)) {
+		zvkit::internal::CheckReport("ZV_Evaluate",
+		                             "\"%.*s\" evaluates to %s; the result is 0 (success) with "
+		                             "that value",
+		                             zvkit::internal::kQuotedBytes, expression,
+		                             std::isnan(*result) ? "NaN" : "an infinity");
+	}
+	return status;
 }

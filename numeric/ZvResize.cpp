@@ -26,6 +26,8 @@
 
 #include <cstring>
 
+#include "base/internal/Checks.h"
+
 namespace {
 
 const uint32 kMaxDimension = 65535;
@@ -195,8 +197,18 @@ extern "C" void ZV_ResizeInterpolate(const uint32* src, uint32 srcWidth, uint32 
 {
 	if (src == nullptr || dst == nullptr || dstWidth == 0 || dstHeight == 0 ||
 	    srcWidth > kMaxDimension || srcHeight > kMaxDimension || dstWidth > kMaxDimension ||
-	    dstHeight > kMaxDimension)
+	    dstHeight > kMaxDimension) {
+		if (zvkit::internal::ChecksOn()) {
+			zvkit::internal::CheckReport(
+			    "ZV_ResizeInterpolate",
+			    "%s (source %ux%u, destination %ux%u) cannot be resampled (a null buffer, a "
+			    "destination side of 0 or a side over 65535); nothing is written",
+			    src == nullptr || dst == nullptr ? "a null buffer" : "these sizes",
+			    static_cast<unsigned>(srcWidth), static_cast<unsigned>(srcHeight),
+			    static_cast<unsigned>(dstWidth), static_cast<unsigned>(dstHeight));
+		}
 		return;
+	}
 
 	const uint32 boxWidth = srcWidth / dstWidth > 1 ? srcWidth / dstWidth : 1;
 	const uint32 boxHeight = srcHeight / dstHeight > 1 ? srcHeight / dstHeight : 1;

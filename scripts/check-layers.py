@@ -48,7 +48,7 @@ LAYERS = {
 
 # The public headers (include/) by layer. A new header must be added here.
 PUBLIC_HEADERS = {
-    "base": ["ZvColor.h", "ZvExport.h", "ZvGeometry.h", "ZvKitVersion.h", "ZvTypeCodes.h"],
+    "base": ["ZvChecks.h", "ZvColor.h", "ZvExport.h", "ZvGeometry.h", "ZvKitVersion.h", "ZvTypeCodes.h"],
     "kernel": ["Benaphore.h", "ZvLocker.h", "ZvSemaphore.h", "ZvThread.h"],
     "messaging": ["ZvList.h", "ZvMessage.h"],
     "looper": ["ZvHandler.h", "ZvLooper.h", "ZvMessageQueue.h", "ZvMessenger.h"],

@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
 # Second command of the README: installs what is missing, then builds and runs
 # the whole test suite in every configuration (default, ASan+UBSan, TSan,
-# i386, and the fuzz smoke runs), and ends with one summary line. The default
-# configuration's tests include the consumer tests (install, move the prefix,
-# build against it with CMake and pkg-config) and the API reference build;
-# the TSan configuration's include a TSan-instrumented consumer.
+# i386, and the fuzz smoke runs), runs the default suite once more in checked
+# mode (ZVKIT_CHECKS=1, configuration "checks"), and ends with one summary
+# line. The default configuration's tests include the consumer tests (install,
+# move the prefix, build against it with CMake and pkg-config) and the API
+# reference build; the TSan configuration's include a TSan-instrumented
+# consumer. In checked mode every test must pass unchanged, and report lines
+# may come only from the tests listed in tests/checks/reporting-tests.txt.
 #
 # CONFIGS="default asan" scripts/test-all.sh runs a subset.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh || exit 1
 
-configs=${CONFIGS:-"default asan tsan i386 fuzz"}
+configs=${CONFIGS:-"default asan tsan i386 fuzz checks"}
 jobs=$(nproc)
 
 # The screen tests need an X server: a private Xvfb at 1024x768x24.
@@ -31,6 +34,33 @@ total_pass=0
 total_fail=0
 failed_configs=()
 for cfg in $configs; do
+    if [ "$cfg" = checks ]; then
+        # The default build, run again with the checked mode on.
+        echo "=== checks: build (default preset) ==="
+        if ! cmake --preset default >/dev/null || ! cmake --build --preset default -j"$jobs"; then
+            echo "=== checks: BUILD FAILED ==="
+            failed_configs+=("checks(build)")
+            total_fail=$((total_fail + 1))
+            continue
+        fi
+        echo "=== checks: test with ZVKIT_CHECKS=1 ==="
+        log="build/default/ctest-checks.log"
+        ZVKIT_CHECKS=1 ctest --preset default -j"$jobs" -V > "$log" 2>&1
+        rc=$?
+        grep -E '^ *[0-9]+/[0-9]+ Test +#|tests passed' "$log"
+        python3 scripts/check-reports.py < "$log" || rc=1
+        line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
+        failed=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/')
+        all=$(echo "$line" | sed -E 's/.* failed out of ([0-9]+).*/\1/')
+        if [ -z "$line" ]; then failed=1; all=1; fi
+        total_pass=$((total_pass + all - failed))
+        total_fail=$((total_fail + failed))
+        if [ "$rc" -ne 0 ] || [ "$failed" -ne 0 ]; then
+            failed_configs+=("checks")
+            [ "$failed" -eq 0 ] && total_fail=$((total_fail + 1))
+        fi
+        continue
+    fi
     echo "=== $cfg: configure and build ==="
     if ! cmake --preset "$cfg" >/dev/null || ! cmake --build --preset "$cfg" -j"$jobs"; then
         echo "=== $cfg: BUILD FAILED ==="

@@ -8,6 +8,7 @@
 #include <UTFString.h>
 
 #include "Utf8Scan.h"
+#include "base/internal/Checks.h"
 
 #include <ctype.h>
 #include <string.h>
@@ -154,6 +155,23 @@ inline size_t StepChars(const char* text, size_t n, uint32 count, size_t* walked
 		i += CharSize(text + i);
 	*walked = done;
 	return std::min(i, n);
+}
+
+// The general path's limit on the size of the text: a loop that grows it
+// beyond 16 times its size and that of the new text, plus 64 KiB, leaves the
+// string as it is (as does one that needs more passes than the text has
+// bytes, plus one).
+inline size_t MaxReplaceBytes(size_t textBytes, const char* with)
+{
+	return 65536 + 16 * (textBytes + strlen(with));
+}
+
+// Checked mode: a Replace whose loop would not end is left undone.
+void ReportEndlessReplace(const char* why)
+{
+	if (zvkit::internal::ChecksOn()) {
+		zvkit::internal::CheckReport("UTFString::Replace", "%s; the string is left as it is", why);
+	}
 }
 
 } // namespace
@@ -628,31 +646,394 @@ void UTFString::SetChar(const UTFChar& c, uint32 index)
 // Everything before the match stays as it is in later passes, so the result
 // can be built from left to right instead of rebuilding the string each pass.
 
+namespace {
+
+// Walks over [text, text + n) and returns where the walk ends: n, or beyond
+// it when the last character is cut short by the end. *steps receives the
+// number of characters.
+size_t WalkEnd(const char* text, size_t n, size_t* steps)
+{
+	*steps = CountChars(text, n);
+	if (*steps == 0)
+		return 0;
+	const size_t last = WalkChars(text, n, *steps - 1);
+	return last + CharSize(text + last);
+}
+
+// Carries out the passes of Replace one by one, as the string operations
+// define them, on any bytes and from any stored character count, without
+// copying the rest of the text on every pass.
+//
+// The current string is kept as three parts: fDone, the text before the last
+// match, which later passes never change (its character walk ends exactly at
+// its end); fPending, a few bytes made by the last pass (the new text and
+// what the walk needs to come back in step); and the rest of a base text
+// from fAt on. fAt is a character start of the base's own walk from its
+// beginning, and the walk of fPending ends exactly on it, so character
+// counts in the base come from one cursor that only moves forward.
+//
+// A pass that does not fit this shape (the part kept after the match starts
+// before it, or the part before the match ends inside a character) is
+// carried out on the whole text, which becomes the new base. So is a seam
+// whose walk does not come back in step within kSyncLimit bytes. Neither
+// happens on text whose malformed bytes are followed by ASCII or
+// well-formed characters, which keeps Replace linear on such text.
+class PassRunner
+{
+public:
+	PassRunner(const char* text, size_t textBytes, const char* old, size_t oldBytes,
+	           uint32 oldChars, const char* with, size_t withBytes)
+	    : fOld(old), fOldBytes(oldBytes), fOldChars(oldChars), fWith(with, withBytes),
+	      fDoneChars(0), fPendingChars(0), fBase(text), fBaseBytes(textBytes), fBaseChars(0),
+	      fAt(0), fAtIndex(0)
+	{
+		fBaseChars = CountChars(text, textBytes);
+	}
+
+	// Runs passes until no match is left; the first search is from the start
+	// when fromStart, else from character resume. Pass numbers start at
+	// firstPass. Returns false, with *result untouched, when a pass number
+	// above maxPasses or a text above maxBytes would be needed.
+	bool Run(bool fromStart, uint32 resume, size_t firstPass, size_t maxPasses, size_t maxBytes,
+	         std::string* result)
+	{
+		for (size_t pass = firstPass;; pass++) {
+			const uint32 length = Length();
+			size_t searchFrom = 0;
+			if (!fromStart) {
+				// InStr(resume, old) on the current string.
+				if (static_cast<int32>(resume) < 0 || resume >= length)
+					break;
+				searchFrom = StepFromStart(resume - fDoneChars);
+			}
+			fromStart = false;
+			size_t match;
+			if (!Search(searchFrom, &match))
+				break;
+			if (pass > maxPasses || Bytes() > maxBytes)
+				return false;
+			const uint32 position = Pass(length, match);
+			resume = position + fOldChars;
+		}
+		result->reserve(Bytes());
+		result->assign(fDone);
+		result->append(fPending);
+		result->append(fBase + fAt, fBaseBytes - fAt);
+		return true;
+	}
+
+private:
+	// Canonical walk of the base: offset (clamped to the base's end) and the
+	// number of characters before it.
+	struct Cursor
+	{
+		size_t offset;
+		size_t index;
+		// The last character stepped over runs past the base's end.
+		bool cut;
+	};
+
+	static const size_t kSyncLimit = 64;
+
+	uint32 Length() const
+	{
+		return static_cast<uint32>(fDoneChars + fPendingChars + (fBaseChars - fAtIndex));
+	}
+
+	size_t Bytes() const { return fDone.size() + fPending.size() + (fBaseBytes - fAt); }
+
+	// Offsets in the working text: fPending, then the base from fAt.
+	size_t WorkBytes() const { return fPending.size() + (fBaseBytes - fAt); }
+	size_t BaseOf(size_t work) const { return fAt + (work - fPending.size()); }
+	size_t WorkOf(size_t base) const { return fPending.size() + (base - fAt); }
+
+	// Moves c to the first start of the base's walk at or after offset.
+	void AdvanceTo(Cursor* c, size_t offset) const
+	{
+		if (c->offset >= offset)
+			return;
+		const size_t count = CountChars(fBase + c->offset, offset - c->offset);
+		c->offset += WalkChars(fBase + c->offset, fBaseBytes - c->offset, count, nullptr, &c->cut);
+		c->index += count;
+	}
+
+	// Moves c over count characters of the base (stopping at its end).
+	void Step(Cursor* c, size_t count) const
+	{
+		size_t walked;
+		c->offset += WalkChars(fBase + c->offset, fBaseBytes - c->offset, count, &walked, &c->cut);
+		c->index += walked;
+	}
+
+	// Working offset after count characters from the start of the working
+	// text; *cursor, when given, receives the base cursor used.
+	size_t StepFrom(size_t from, size_t count, Cursor* cursor = nullptr) const
+	{
+		Cursor c = {fAt, fAtIndex, false};
+		if (from < fPending.size()) {
+			size_t walked;
+			const size_t n = fPending.size() - from;
+			const size_t reached = WalkChars(fPending.data() + from, n, count, &walked);
+			if (walked == count || reached < n) {
+				if (cursor != nullptr)
+					*cursor = c;
+				return from + reached;
+			}
+			count -= walked;
+		} else {
+			AdvanceTo(&c, BaseOf(from));
+		}
+		Step(&c, count);
+		if (cursor != nullptr)
+			*cursor = c;
+		return WorkOf(c.offset);
+	}
+
+	size_t StepFromStart(size_t count) const { return StepFrom(0, count); }
+
+	// strstr of the pattern in the working text from offset from.
+	bool Search(size_t from, size_t* match) const
+	{
+		if (fOldBytes == 0) {
+			*match = from;
+			return true;
+		}
+		if (from < fPending.size()) {
+			// An occurrence that starts in fPending may run on into the base.
+			std::string window(fPending, from);
+			window.append(fBase + fAt, std::min(fOldBytes - 1, fBaseBytes - fAt));
+			const void* hit = memmem(window.data(), window.size(), fOld, fOldBytes);
+			if (hit != nullptr) {
+				*match = from + (static_cast<const char*>(hit) - window.data());
+				return true;
+			}
+			from = fPending.size();
+		}
+		const char* hit = FindBytes(fBase + BaseOf(from), fBase + fBaseBytes, fOld, fOldBytes);
+		if (hit == nullptr)
+			return false;
+		*match = WorkOf(hit - fBase);
+		return true;
+	}
+
+	// One pass for the occurrence at working offset match; returns the
+	// character index p of the match.
+	uint32 Pass(uint32 length, size_t match)
+	{
+		// p: the characters that start before the match; leftEnd: where
+		// Left(p) ends (the first character start at or after the match).
+		size_t before;
+		size_t leftEnd;
+		Cursor c = {fAt, fAtIndex, false};
+		bool leftCut = false;
+		if (match < fPending.size()) {
+			leftEnd = WalkEnd(fPending.data(), match, &before);
+			leftCut = leftEnd > WorkBytes();
+		} else {
+			AdvanceTo(&c, BaseOf(match));
+			before = fPendingChars + (c.index - fAtIndex);
+			leftEnd = WorkOf(c.offset);
+			leftCut = c.cut;
+		}
+		const uint32 position = static_cast<uint32>(fDoneChars + before);
+
+		// Right(length - (oldChars + p)) starts at character length - m.
+		const uint32 count = length - (fOldChars + position);
+		const uint32 m = std::min(count, length - 1);
+		const uint32 rightStart = std::min(length - m, length);
+		if (leftCut || rightStart != position + fOldChars) {
+			PassOnWholeText(position, rightStart);
+			return position;
+		}
+
+		Cursor rc;
+		const size_t rightFrom = StepFrom(leftEnd, fOldChars, &rc);
+		fDone.append(fPending, 0, std::min(leftEnd, fPending.size()));
+		if (leftEnd > fPending.size())
+			fDone.append(fBase + fAt, BaseOf(leftEnd) - fAt);
+		fDoneChars = position;
+
+		std::string pending(fWith);
+		Cursor from = {fAt, fAtIndex, false};
+		if (rightFrom < fPending.size())
+			pending.append(fPending, rightFrom, std::string::npos);
+		else
+			from = rc;
+		fPending.swap(pending);
+		Settle(from);
+		return position;
+	}
+
+	// Makes the walk of fPending end on a start of the base's walk at or
+	// after from, taking base bytes into fPending as needed.
+	void Settle(Cursor from)
+	{
+		size_t steps;
+		const size_t end = WalkEnd(fPending.data(), fPending.size(), &steps);
+		size_t q = from.offset + (end - fPending.size());
+		Cursor c = from;
+		for (;;) {
+			if (q >= fBaseBytes) {
+				fPending.append(fBase + from.offset, fBaseBytes - from.offset);
+				fAt = fBaseBytes;
+				fAtIndex = fBaseChars;
+				break;
+			}
+			AdvanceTo(&c, q);
+			if (c.offset == q) {
+				fPending.append(fBase + from.offset, q - from.offset);
+				fAt = q;
+				fAtIndex = c.index;
+				break;
+			}
+			if (q - from.offset > kSyncLimit) {
+				// Out of step for long: the rest becomes a new base.
+				std::string base(fPending);
+				base.append(fBase + from.offset, fBaseBytes - from.offset);
+				NewBase(&base);
+				return;
+			}
+			q += CharSize(fBase + q);
+			steps++;
+		}
+		fPendingChars = steps;
+	}
+
+	// The pass carried out on the whole text: Left(p) + new text + the text
+	// from character rightStart.
+	void PassOnWholeText(uint32 position, uint32 rightStart)
+	{
+		std::string text;
+		text.reserve(Bytes());
+		text.append(fDone);
+		text.append(fPending);
+		text.append(fBase + fAt, fBaseBytes - fAt);
+		const size_t left = WalkChars(text.data(), text.size(), position);
+		const size_t right = WalkChars(text.data(), text.size(), rightStart);
+		std::string changed(text, 0, left);
+		changed.append(fWith);
+		changed.append(text, right, std::string::npos);
+		fDone.clear();
+		fDoneChars = 0;
+		NewBase(&changed);
+	}
+
+	// Makes *text (taken over) the base, with fPending empty.
+	void NewBase(std::string* text)
+	{
+		fOwnedBase.swap(*text);
+		fBase = fOwnedBase.c_str();
+		fBaseBytes = fOwnedBase.size();
+		fBaseChars = CountChars(fBase, fBaseBytes);
+		fAt = 0;
+		fAtIndex = 0;
+		fPending.clear();
+		fPendingChars = 0;
+	}
+
+	const char* const fOld;
+	const size_t fOldBytes;
+	const uint32 fOldChars;
+	const std::string fWith;
+
+	std::string fDone;
+	size_t fDoneChars;
+	std::string fPending;
+	size_t fPendingChars;
+	std::string fOwnedBase;
+	const char* fBase;
+	size_t fBaseBytes;
+	size_t fBaseChars;
+	size_t fAt;
+	size_t fAtIndex;
+};
+
+} // namespace
+
 void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 {
 	if (fBuffer == nullptr || oldText.fBuffer == nullptr)
 		return;
+	// Every pass uses the stored lengths: the string's own on the first pass
+	// (later passes see the length the assignment of each pass counts) and
+	// the old text's throughout.
+	const uint32 oldChars = oldText.fLength;
+	const bool oldExact = oldText.fLengthExact;
 	// Private copies: either argument may be this string.
 	const UTFString pattern(oldText);
 	const UTFString replacement(newText);
+	const size_t originalBytes = strlen(fBuffer);
 
-	if (pattern.fLength == 0) {
-		// An empty pattern matches at 0 on every pass, and each pass puts the
-		// new text in front of all characters but the first. With an empty
-		// new text this empties the string; otherwise it never ends.
-		if (replacement.fLength == 0)
-			AssignBytes("", 0);
+	if (!fLengthExact) {
+		// The first pass from the stale length, as the members define it;
+		// the rest from the exact length of its result.
+		const int32 p = InStr(pattern);
+		if (p == -1)
+			return;
+		if (zvkit::internal::ChecksOn()) {
+			const size_t counted = CountChars(fBuffer, originalBytes);
+			if (counted != fLength) {
+				zvkit::internal::CheckReport(
+				    "UTFString::Replace",
+				    "starts from the stored length %u that StrCat left stale (the text has %zu "
+				    "characters); the first pass cuts Left and Right by that length",
+				    fLength, counted);
+			}
+		}
+		UTFString next(Left(static_cast<uint32>(p)) + replacement +
+		               Right(fLength - (oldChars + static_cast<uint32>(p))));
+		ReplacePasses(next, pattern, oldChars, replacement, static_cast<uint32>(p) + oldChars,
+		              originalBytes);
 		return;
 	}
 
-	bool patternWellFormed;
-	bool replacementWellFormed = true;
-	CountChars(pattern.fBuffer, strlen(pattern.fBuffer), &patternWellFormed);
-	if (replacement.fBuffer != nullptr)
-		CountChars(replacement.fBuffer, strlen(replacement.fBuffer), &replacementWellFormed);
-	if (patternWellFormed && replacementWellFormed && ReplaceInStep(pattern, replacement))
-		return;
-	ReplaceSlowly(pattern, replacement);
+	if (oldExact) {
+		if (oldChars == 0 && pattern.ByteLength() == 0) {
+			// An empty pattern matches at 0 on every pass, and each pass puts
+			// the new text in front of all characters but the first. With an
+			// empty new text this empties the string; otherwise it never
+			// ends.
+			if (replacement.fLength == 0)
+				AssignBytes("", 0);
+			else
+				ReportEndlessReplace("an empty old text with a new text never ends");
+			return;
+		}
+		bool patternWellFormed;
+		bool replacementWellFormed = true;
+		CountChars(pattern.fBuffer, strlen(pattern.fBuffer), &patternWellFormed);
+		if (replacement.fBuffer != nullptr)
+			CountChars(replacement.fBuffer, strlen(replacement.fBuffer), &replacementWellFormed);
+		if (patternWellFormed && replacementWellFormed && ReplaceInStep(pattern, replacement))
+			return;
+	}
+	const char* with = replacement.fBuffer != nullptr ? replacement.fBuffer : "";
+	PassRunner runner(fBuffer, originalBytes, pattern.fBuffer, strlen(pattern.fBuffer), oldChars,
+	                  with, strlen(with));
+	std::string result;
+	if (runner.Run(true, 0, 1, originalBytes + 1, MaxReplaceBytes(originalBytes, with), &result))
+		AssignBytes(result.data(), result.size());
+	else
+		ReportEndlessReplace("the loop needs more passes than the text has bytes, or grows it "
+		                     "past 16 times its size: it would not end");
+}
+
+// Runs the passes after the first on next (the result of the first pass) and
+// installs the outcome; a loop beyond the limits leaves the string as it was.
+void UTFString::ReplacePasses(const UTFString& next, const UTFString& pattern, uint32 oldChars,
+                              const UTFString& replacement, uint32 resume, size_t originalBytes)
+{
+	const char* with = replacement.fBuffer != nullptr ? replacement.fBuffer : "";
+	const char* text = next.fBuffer != nullptr ? next.fBuffer : "";
+	PassRunner runner(text, strlen(text), pattern.fBuffer, strlen(pattern.fBuffer), oldChars, with,
+	                  strlen(with));
+	std::string result;
+	if (runner.Run(false, resume, 2, originalBytes + 1, MaxReplaceBytes(originalBytes, with),
+	               &result))
+		AssignBytes(result.data(), result.size());
+	else
+		ReportEndlessReplace("the loop needs more passes than the text has bytes, or grows it "
+		                     "past 16 times its size: it would not end");
 }
 
 // With a well-formed pattern and new text, a match that starts on a
@@ -739,8 +1120,11 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 			// When the match lies inside a truncated sequence at the end
 			// the pass runs out of characters (above): the new text then
 			// continues that sequence and the loop can end.
-			if (rescanHoldsPattern)
+			if (rescanHoldsPattern) {
+				ReportEndlessReplace("the new text brings the old text back at every resume "
+				                     "point, so the loop never ends");
 				return true;
+			}
 			if (rescanPending)
 				out.Append(rescan, rescanBytes);
 			out.Append(rest, from);
@@ -766,77 +1150,4 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 	const size_t size = out.Size();
 	Adopt(out.Release(), size);
 	return true;
-}
-
-// Any text: each pass is carried out as the string operations define it,
-// on the part of the string after the last match only. "done" holds the
-// bytes before the match (its characters end exactly at its end), "work" the
-// rest. The number of passes is bounded by the original byte length plus
-// one, which no ending loop on well-formed text exceeds. A match cut by a
-// malformed sequence can make a pass copy part of the string again, so the
-// text is also kept below 16 times its size and that of the new text, plus
-// 64 KiB. A loop that goes beyond either bound leaves the string unchanged.
-void UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replacement)
-{
-	const char* const old = pattern.fBuffer;
-	const uint32 oldChars = pattern.fLength;
-	const std::string with(replacement.fBuffer != nullptr ? replacement.fBuffer : "");
-	const size_t total = strlen(fBuffer);
-
-	const char* first = strstr(fBuffer, old);
-	if (first == nullptr)
-		return;
-	std::string done;
-	uint32 doneChars = 0;
-	std::string work(fBuffer, total);
-	uint32 position = static_cast<uint32>(CountChars(fBuffer, first - fBuffer));
-
-	const size_t maxBytes = 65536 + 16 * (total + with.size());
-	for (size_t passes = 1;; passes++) {
-		if (passes > total + 1 || done.size() + work.size() > maxBytes)
-			return;
-		const uint32 length = doneChars + static_cast<uint32>(CountChars(work.data(), work.size()));
-
-		// Left(position)
-		const uint32 leftChars = std::min(position, length);
-		bool leftCut;
-		const size_t leftInWork =
-		    WalkChars(work.data(), work.size(), leftChars - doneChars, nullptr, &leftCut);
-
-		// Right(length - (oldChars + position)), in unsigned arithmetic.
-		const uint32 rightCount = std::min(length - (oldChars + position), length - 1);
-		const uint32 rightStart = std::min(length - rightCount, length);
-		std::string right;
-		if (rightStart >= doneChars) {
-			right = work.substr(WalkChars(work.data(), work.size(), rightStart - doneChars));
-		} else {
-			right = done.substr(WalkChars(done.data(), done.size(), rightStart)) + work;
-		}
-
-		if (leftCut) {
-			// The left part ends inside a cut character, which the new text
-			// will continue: keep everything in the working part.
-			work = done + work.substr(0, leftInWork) + with + right;
-			done.clear();
-			doneChars = 0;
-		} else {
-			done.append(work, 0, leftInWork);
-			doneChars = leftChars;
-			work = with + right;
-		}
-
-		// InStr(position + oldChars, old) on the new string.
-		const uint32 resume = position + oldChars;
-		const uint32 newLength =
-		    doneChars + static_cast<uint32>(CountChars(work.data(), work.size()));
-		if (static_cast<int32>(resume) < 0 || resume >= newLength)
-			break;
-		const char* from = work.c_str() + WalkChars(work.data(), work.size(), resume - doneChars);
-		const char* match = strstr(from, old);
-		if (match == nullptr)
-			break;
-		position = resume + static_cast<uint32>(CountChars(from, match - from));
-	}
-	const std::string result = done + work;
-	AssignBytes(result.data(), result.size());
 }

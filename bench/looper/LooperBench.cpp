@@ -9,6 +9,12 @@
 // Ping-pong: two loopers whose handlers post each message back to the
 // other; one iteration is kRoundTrips round trips. Peer: two threads
 // bouncing between two POSIX semaphores (sem_t).
+//
+// Through a small bound: the throughput case with a bound of 16, under the
+// opt-in release policy ("ReleaseBelowBound", the ZvKit side) beside the
+// specified soft bound ("soft_bound"), with one producer (several producers
+// may be stranded for good under the soft bound); and eight producers under
+// the opt-in policy alone.
 
 #include <ZvHandler.h>
 #include <ZvLooper.h>
@@ -24,6 +30,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #ifdef ZVKIT_HAVE_ASIO
 #include <boost/asio/executor_work_guard.hpp>
@@ -204,6 +211,55 @@ void PostThroughput_mutexcv(benchmark::State& state)
 	state.SetItemsProcessed(state.iterations() * kBatch);
 }
 
+// kBatch messages through a bound of 16 from producers threads, under the
+// given queue policy.
+void PostThroughBound(benchmark::State& state, zv_queue_policy policy, int producers)
+{
+	Signal done;
+	Counter counter(&done);
+	CountingHandler handler(&counter);
+	ZvLooper* looper = new ZvLooper("bounded bench", ZV_NORMAL_PRIORITY, 16);
+	looper->SetQueuePolicy(policy);
+	looper->AddHandler(&handler);
+	looper->SetPreferredHandler(&handler);
+	looper->Run();
+	for (auto _ : state) {
+		std::vector<std::thread> threads;
+		for (int p = 0; p < producers; p++) {
+			threads.emplace_back([looper, producers] {
+				ZvMessage message(1);
+				message.AddInt32("a", 0);
+				message.AddInt32("b", 0);
+				for (int32 i = 0; i < kBatch / producers; i++) {
+					message.ReplaceInt32("a", i);
+					looper->PostMessage(&message, nullptr);
+				}
+			});
+		}
+		for (std::thread& thread : threads)
+			thread.join();
+		done.Wait();
+	}
+	looper->Quit();
+	benchmark::DoNotOptimize(counter.Sum());
+	state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BoundOneProducer_release(benchmark::State& state)
+{
+	PostThroughBound(state, ZV_QUEUE_RELEASE_BELOW_BOUND, 1);
+}
+
+void BoundOneProducer_soft(benchmark::State& state)
+{
+	PostThroughBound(state, ZV_QUEUE_SOFT_BOUND, 1);
+}
+
+void BoundEightProducers_release(benchmark::State& state)
+{
+	PostThroughBound(state, ZV_QUEUE_RELEASE_BELOW_BOUND, 8);
+}
+
 // Bounces each message to its partner's handler until the round trips of
 // one batch are done.
 class Bouncer : public ZvHandler
@@ -295,5 +351,18 @@ BENCHMARK(PostThroughput_mutexcv)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(PingPong_zvkit)->Name("PingPong:zvkit")->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(PingPong_semaphore)->Name("PingPong:sem_t")->UseRealTime()->Unit(benchmark::kMillisecond);
+
+BENCHMARK(BoundOneProducer_release)
+    ->Name("BoundOf16OneProducer:zvkit")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BoundOneProducer_soft)
+    ->Name("BoundOf16OneProducer:soft_bound")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BoundEightProducers_release)
+    ->Name("BoundOf16EightProducers:zvkit")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

@@ -5,7 +5,12 @@
 //  - InStr of a match near the end, against strstr + utfcpp distance;
 //  - Replace of a frequent one-character pattern, against a plain
 //    std::string replace-all (both include taking a fresh copy of the text).
-// Each iteration handles 1 MiB, so the time per iteration is the time per MiB.
+//    Each of these iterations handles 1 MiB, so the time per iteration is
+//    the time per MiB;
+//  - Replace on Latin-1 text (malformed UTF-8) from 64 KiB to 4 MiB, of a
+//    malformed pattern ("\xE9"), of a well-formed one (";") and by a
+//    malformed new text, against the std::string replace-all: the bytes per
+//    second stay the same at every size when the cost per byte is flat.
 #include <UTFString.h>
 
 #include <benchmark/benchmark.h>
@@ -177,6 +182,66 @@ template <bool kCjk> void ReplaceStdString(benchmark::State& state)
 	SetBytes(state, kCjk);
 }
 
+// Latin-1 text of the given size: every accented letter is one byte that
+// reads as a UTF-8 lead.
+std::string MakeLatin1Text(size_t bytes)
+{
+	std::string text;
+	while (text.size() < bytes)
+		text += "caf\xE9 au lait, cr\xE8me br\xFBl\xE9"
+		        "e; ";
+	text.resize(bytes);
+	return text;
+}
+
+struct Latin1Case
+{
+	const char* old;
+	const char* with;
+};
+
+const Latin1Case kLatin1Cases[] = {
+    {"\xE9", "e"}, // malformed pattern
+    {";", ","},    // well-formed pattern
+    {";", "\xE9"}, // malformed new text
+};
+
+template <int kCase> void ReplaceLatin1ZvKit(benchmark::State& state)
+{
+	const std::string text = MakeLatin1Text(static_cast<size_t>(state.range(0)));
+	const UTFString original(text.c_str());
+	const UTFString old(kLatin1Cases[kCase].old);
+	const UTFString with(kLatin1Cases[kCase].with);
+	for (auto _ : state) {
+		UTFString s(original);
+		s.Replace(old, with);
+		benchmark::DoNotOptimize(s.Buffer());
+	}
+	state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * text.size());
+}
+
+// A byte-wise replace-all over a fresh copy: the linear cost to compare with.
+template <int kCase> void ReplaceLatin1StdString(benchmark::State& state)
+{
+	const std::string original = MakeLatin1Text(static_cast<size_t>(state.range(0)));
+	const std::string old(kLatin1Cases[kCase].old);
+	const std::string with(kLatin1Cases[kCase].with);
+	for (auto _ : state) {
+		std::string copy(original);
+		std::string out;
+		out.reserve(copy.size());
+		size_t from = 0;
+		for (size_t at = copy.find(old); at != std::string::npos; at = copy.find(old, from)) {
+			out.append(copy, from, at - from);
+			out += with;
+			from = at + old.size();
+		}
+		out.append(copy, from, std::string::npos);
+		benchmark::DoNotOptimize(out.data());
+	}
+	state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * original.size());
+}
+
 } // namespace
 
 BENCHMARK_TEMPLATE(ConstructZvKit, false)->Name("ConstructAscii:zvkit");
@@ -193,5 +258,30 @@ BENCHMARK_TEMPLATE(ReplaceZvKit, false)->Name("ReplaceFrequentAscii:zvkit");
 BENCHMARK_TEMPLATE(ReplaceStdString, false)->Name("ReplaceFrequentAscii:std_string");
 BENCHMARK_TEMPLATE(ReplaceZvKit, true)->Name("ReplaceFrequentCjk:zvkit");
 BENCHMARK_TEMPLATE(ReplaceStdString, true)->Name("ReplaceFrequentCjk:std_string");
+
+BENCHMARK_TEMPLATE(ReplaceLatin1ZvKit, 0)
+    ->Name("ReplaceLatin1MalformedPattern:zvkit")
+    ->RangeMultiplier(4)
+    ->Range(64 << 10, 4 << 20);
+BENCHMARK_TEMPLATE(ReplaceLatin1StdString, 0)
+    ->Name("ReplaceLatin1MalformedPattern:std_string")
+    ->RangeMultiplier(4)
+    ->Range(64 << 10, 4 << 20);
+BENCHMARK_TEMPLATE(ReplaceLatin1ZvKit, 1)
+    ->Name("ReplaceLatin1WellFormedPattern:zvkit")
+    ->RangeMultiplier(4)
+    ->Range(64 << 10, 4 << 20);
+BENCHMARK_TEMPLATE(ReplaceLatin1StdString, 1)
+    ->Name("ReplaceLatin1WellFormedPattern:std_string")
+    ->RangeMultiplier(4)
+    ->Range(64 << 10, 4 << 20);
+BENCHMARK_TEMPLATE(ReplaceLatin1ZvKit, 2)
+    ->Name("ReplaceLatin1MalformedNewText:zvkit")
+    ->RangeMultiplier(4)
+    ->Range(64 << 10, 4 << 20);
+BENCHMARK_TEMPLATE(ReplaceLatin1StdString, 2)
+    ->Name("ReplaceLatin1MalformedNewText:std_string")
+    ->RangeMultiplier(4)
+    ->Range(64 << 10, 4 << 20);
 
 BENCHMARK_MAIN();

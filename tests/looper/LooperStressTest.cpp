@@ -169,6 +169,87 @@ TEST(LooperStressTest, OneProducerThroughASmallBoundDeliversEverythingInOrder)
 	EXPECT_EQ(checker.Bad(), 0);
 }
 
+// Eight posters through a small bound with the opt-in release policy: each
+// removal that leaves the queue below the bound lets a blocked poster
+// through, so no poster is stranded. Under the sanitizers each poster posts
+// 10,000 messages instead of 100,000 (ThreadSanitizer makes every post tens
+// of times slower); the number of posters and the bounds are the same.
+void EightPostersThroughTheBound(int32 bound)
+{
+	zvtest::Watchdog watchdog(kSanitized ? 280s : 200s, "8 posters, release below the bound");
+	constexpr int kPosters = 8;
+	const int32 each = kSanitized ? 10000 : 100000;
+	zvtest::Latch done(1);
+	SequenceChecker checker(kPosters, each, &done);
+	TestLooper* looper = new TestLooper(nullptr, nullptr, bound);
+	ASSERT_EQ(B_OK, looper->SetQueuePolicy(ZV_QUEUE_RELEASE_BELOW_BOUND));
+	looper->AddHandler(&checker);
+	ASSERT_TRUE(looper->Run());
+	std::vector<std::thread> posters;
+	for (int32 poster = 0; poster < kPosters; poster++)
+		posters.emplace_back(Produce, looper, &checker, poster, each, nullptr);
+	for (std::thread& poster : posters)
+		poster.join();
+	EXPECT_TRUE(done.WaitFor(kSanitized ? 250s : 180s));
+	EXPECT_TRUE(looper->Quit());
+	EXPECT_EQ(checker.Received(), int64_t{kPosters} * each);
+	EXPECT_EQ(checker.Bad(), 0);
+	for (int poster = 0; poster < kPosters; poster++)
+		EXPECT_EQ(checker.NextOf(poster), each);
+}
+
+TEST(LooperStressTest, EightPostersThroughABoundOfOneWithReleaseBelowTheBoundLoseNothing)
+{
+	EightPostersThroughTheBound(1);
+}
+
+TEST(LooperStressTest, EightPostersThroughABoundOfTwoWithReleaseBelowTheBoundLoseNothing)
+{
+	EightPostersThroughTheBound(2);
+}
+
+TEST(LooperStressTest, EightPostersThroughABoundOfAHundredWithReleaseBelowTheBoundLoseNothing)
+{
+	EightPostersThroughTheBound(100);
+}
+
+TEST(LooperStressTest, ReleaseBelowTheBoundLetsThroughPostersAlreadyStranded)
+{
+	// Under the soft bound, eight posters through a bound of 2 end up
+	// stranded in most runs: all blocked on "_item_limit" while the loop
+	// sleeps on an empty queue. Choosing the opt-in policy then lets them
+	// all through, and nothing is lost.
+	zvtest::Watchdog watchdog(280s, "stranded posters");
+	constexpr int kPosters = 8;
+	const int32 each = kSanitized ? 2000 : 20000;
+	int stranded = 0;
+	for (int round = 0; round < 20 && stranded == 0; round++) {
+		zvtest::Latch done(1);
+		SequenceChecker checker(kPosters, each, &done);
+		TestLooper* looper = new TestLooper(nullptr, nullptr, 2);
+		looper->AddHandler(&checker);
+		ASSERT_TRUE(looper->Run());
+		std::vector<std::thread> posters;
+		for (int32 poster = 0; poster < kPosters; poster++)
+			posters.emplace_back(Produce, looper, &checker, poster, each, nullptr);
+		if (!done.WaitFor(kSanitized ? 30s : 5s) && looper->CountBlockedPosters() > 0)
+			stranded++;
+		EXPECT_EQ(B_OK, looper->SetQueuePolicy(ZV_QUEUE_RELEASE_BELOW_BOUND));
+		for (std::thread& poster : posters)
+			poster.join();
+		EXPECT_TRUE(done.WaitFor(100s));
+		EXPECT_TRUE(looper->Quit());
+		EXPECT_EQ(checker.Received(), int64_t{kPosters} * each);
+		EXPECT_EQ(checker.Bad(), 0);
+	}
+	// The queue tests show the stranding itself deterministically; here it
+	// depends on timing, and a machine where it never happens has nothing
+	// to let through.
+	if (stranded == 0)
+		GTEST_SKIP() << "no round left its posters stranded";
+	EXPECT_EQ(1, stranded);
+}
+
 TEST(LooperStressTest, AHandlerPostingToItsOwnLooperFromMessageReceivedDoesNotDeadlock)
 {
 	zvtest::Watchdog watchdog(60s, "self-posting");

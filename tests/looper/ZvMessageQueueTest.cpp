@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -523,4 +524,89 @@ TEST_F(ZvMessageQueueTest, ConcurrentAddersAndOneRemoverLoseNothingAndKeepEachAd
 	EXPECT_TRUE(queue.IsEmpty());
 	for (int adder = 0; adder < kAdders; adder++)
 		EXPECT_EQ(next[adder], kEach);
+}
+
+// #pragma mark - release policy
+
+TEST_F(ZvMessageQueueTest, PolicyIsTheSoftBoundUnlessChosenAndUnknownOnesAreRefused)
+{
+	ZvMessageQueue queue(2);
+	EXPECT_EQ(ZV_QUEUE_SOFT_BOUND, queue.Policy());
+	EXPECT_EQ(B_BAD_VALUE, queue.SetPolicy(static_cast<zv_queue_policy>(9)));
+	EXPECT_EQ(ZV_QUEUE_SOFT_BOUND, queue.Policy());
+	EXPECT_EQ(B_OK, queue.SetPolicy(ZV_QUEUE_RELEASE_BELOW_BOUND));
+	EXPECT_EQ(ZV_QUEUE_RELEASE_BELOW_BOUND, queue.Policy());
+	EXPECT_EQ(0, queue.CountBlockedAdders());
+}
+
+namespace {
+
+// Bound 2 and four messages (the fourth passed on the initial unit), then
+// three adders asleep on "_item_limit". All four messages are then removed
+// while the test holds the queue's lock, so that no woken adder can append
+// in between: the removals that leave 3 and 2 release one unit each, the
+// ones that leave 1 and 0 release nothing under the soft bound.
+struct ThreeBlockedAdders
+{
+	explicit ThreeBlockedAdders(zv_queue_policy policy) : queue(2)
+	{
+		EXPECT_EQ(B_OK, queue.SetPolicy(policy));
+		for (uint32 i = 0; i < 4; i++)
+			queue.AddMessage(new ZvMessage(i));
+		for (uint32 i = 0; i < 3; i++) {
+			adders.push_back(std::make_unique<BackgroundAdd>(queue, new ZvMessage(10 + i)));
+			EXPECT_TRUE(adders.back()->WaitsForRoom());
+		}
+		EXPECT_EQ(3, queue.CountBlockedAdders());
+		EXPECT_TRUE(queue.Lock());
+		for (int i = 0; i < 4; i++)
+			delete queue.RemoveMessage();
+		queue.Unlock();
+	}
+
+	ZvMessageQueue queue;
+	std::vector<std::unique_ptr<BackgroundAdd>> adders;
+};
+
+} // namespace
+
+TEST_F(ZvMessageQueueTest, UnderTheSoftBoundAnAdderCanBeLeftBlockedWithTheQueueBelowTheBound)
+{
+	zvtest::Watchdog watchdog(60s, "soft bound");
+	ThreeBlockedAdders setup(ZV_QUEUE_SOFT_BOUND);
+	// Two adders append; the third stays asleep with 2 messages queued, and
+	// no removal from here on leaves the queue at the bound.
+	ASSERT_TRUE(zvtest::WaitUntil([&] { return setup.queue.CountItems() == 2; }));
+	EXPECT_EQ(1, setup.queue.CountBlockedAdders());
+	// The opt-in policy's next removal below the bound lets it through.
+	EXPECT_EQ(B_OK, setup.queue.SetPolicy(ZV_QUEUE_RELEASE_BELOW_BOUND));
+	delete setup.queue.RemoveMessage();
+	int finished = 0;
+	for (auto& adder : setup.adders)
+		finished += adder->FinishesWithin(10s) ? 1 : 0;
+	EXPECT_EQ(3, finished);
+	EXPECT_EQ(2, setup.queue.CountItems());
+	EXPECT_EQ(0, setup.queue.CountBlockedAdders());
+}
+
+TEST_F(ZvMessageQueueTest, ReleaseBelowTheBoundLetsEveryBlockedAdderThrough)
+{
+	zvtest::Watchdog watchdog(60s, "release below the bound");
+	ThreeBlockedAdders setup(ZV_QUEUE_RELEASE_BELOW_BOUND);
+	// The removal that left 1 released the third unit.
+	int finished = 0;
+	for (auto& adder : setup.adders)
+		finished += adder->FinishesWithin(10s) ? 1 : 0;
+	EXPECT_EQ(3, finished);
+	EXPECT_EQ(3, setup.queue.CountItems());
+	EXPECT_EQ(0, setup.queue.CountBlockedAdders());
+	// Nothing is released for adders that do not exist: the next adds past
+	// the bound block again, one passing on a unit left over only if one was.
+	std::vector<uint32> whats;
+	while (ZvMessage* message = setup.queue.RemoveMessage()) {
+		whats.push_back(message->what);
+		delete message;
+	}
+	std::sort(whats.begin(), whats.end());
+	EXPECT_EQ((std::vector<uint32>{10, 11, 12}), whats);
 }

@@ -784,6 +784,281 @@ TEST(UTFString, ReplaceMatchesTheLiteralLoopOnRandomText)
 	EXPECT_GT(neverEnding, 10);
 }
 
+// The loop of Replace written out with Left, Right and InStr on s itself, so
+// the first pass uses s's stored length even when StrCat left it stale
+// (ReferenceReplace takes a copy, which counts again). Later passes work on
+// the assigned result, whose length is counted.
+UTFString LiteralReplaceFromStoredLength(const UTFString& s, const UTFString& old,
+                                         const UTFString& with, size_t maxPasses, bool* ended)
+{
+	*ended = true;
+	const int32 first = s.InStr(old);
+	if (first == -1)
+		return s;
+	UTFString next =
+	    s.Left(first) + with + s.Right(s.Length() - (old.Length() + static_cast<uint32>(first)));
+	int32 p = next.InStr(first + static_cast<int32>(old.Length()), old);
+	for (size_t passes = 1; p != -1; passes++) {
+		if (passes + 1 > maxPasses) {
+			*ended = false;
+			return next;
+		}
+		next = next.Left(p) + with + next.Right(next.Length() - (old.Length() + p));
+		// A pass that keeps all but the first character doubles the text:
+		// such loops are stopped long before they fill the memory.
+		if (next.ByteLength() > 65536) {
+			*ended = false;
+			return next;
+		}
+		p = next.InStr(p + static_cast<int32>(old.Length()), old);
+	}
+	return next;
+}
+
+TEST(UTFString, ReplaceBuildsItsFirstPassFromTheStaleLengthStrCatLeft)
+{
+	// "" has length 0 and StrCat("a") leaves it 0. InStr("a") is 0. The pass
+	// is Left(0) + "" + Right(0 - (1 + 0)): the count wraps to 4294967295,
+	// Right caps it at length - 1, which wraps as well, and so starts at
+	// 0 - 4294967295 = 1, which the split limits to the stored length 0: the
+	// whole text "a". The result "a" is assigned (length 1), and the search
+	// resumes at 0 + 1, not below the length 1: the loop ends with "a".
+	UTFString s("");
+	s.StrCat("a");
+	ASSERT_EQ(0u, s.Length());
+	s.Replace(UTFString("a"), UTFString(""));
+	EXPECT_EQ("a", Text(s));
+	EXPECT_EQ(1u, s.Length());
+
+	// "abc" has length 3 and StrCat("de") leaves it 3. InStr("d") is 3. The
+	// first pass is Left(3) = "abc", then "X", then Right(3 - (1 + 3)): the
+	// count wraps and is capped at 3 - 1 = 2, so Right starts at 3 - 2 = 1
+	// and gives "bcde". "abcXbcde" is assigned (length 8) and the search
+	// resumes at 3 + 1 = 4, finding "d" at 6. The second pass is Left(6) =
+	// "abcXbc", "X" and Right(8 - (1 + 6)) = Right(1) = "e": "abcXbcXe". The
+	// search from 7 finds nothing.
+	UTFString t("abc");
+	t.StrCat("de");
+	ASSERT_EQ(3u, t.Length());
+	t.Replace(UTFString("d"), UTFString("X"));
+	EXPECT_EQ("abcXbcXe", Text(t));
+	EXPECT_EQ(8u, t.Length());
+}
+
+TEST(UTFString, ReplaceBuildsItsFirstPassFromAStaleLengthAboveTheCount)
+{
+	// ClearBuffer keeps the length 10 and StrCat installs "a\xC3" "bc",
+	// whose characters are "a", "\xC3" "b" (the lead takes the "b") and "c":
+	// three. InStr("bc") finds the bytes at offset 2, inside the second
+	// character, and reports index 2 (two characters start before them).
+	// Left(2) is "a\xC3" "b". Right(10 - (2 + 2)) = Right(6) is capped at
+	// 10 - 1 = 9, stays 6 and starts at 10 - 6 = 4, beyond the three
+	// characters: "". The result "a\xC3" "bX" has three characters, and the
+	// search resumes at 2 + 2 = 4, past the end.
+	UTFString s("0123456789");
+	s.ClearBuffer();
+	s.StrCat("a\xC3"
+	         "bc");
+	ASSERT_EQ(10u, s.Length());
+	s.Replace(UTFString("bc"), UTFString("X"));
+	EXPECT_EQ("a\xC3"
+	          "bX",
+	          Text(s));
+	EXPECT_EQ(3u, s.Length());
+
+	// From the counted length 3 the same pass wraps: Right(3 - 4) keeps all
+	// but the first character, "\xC3" "bc", giving "a\xC3" "bX\xC3" "bc"
+	// (five characters); the search from 4 looks at "c" only and ends.
+	UTFString counted("a\xC3"
+	                  "bc");
+	counted.Replace(UTFString("bc"), UTFString("X"));
+	EXPECT_EQ("a\xC3"
+	          "bX\xC3"
+	          "bc",
+	          Text(counted));
+	EXPECT_EQ(5u, counted.Length());
+}
+
+TEST(UTFString, ReplaceUsesTheStoredLengthOfTheOldText)
+{
+	// "b" with a stale length 0 (StrCat on ""): each pass is Left(p) + "X" +
+	// Right(length - p), which keeps the matched "b" after the new text.
+	// On "ab": p = 1, Left(1) = "a", Right(2 - 1) = "b": "aXb" (length 3),
+	// and the search resumes at 1 + 0 = 1 and finds the same "b" at 2:
+	// "aXXb", and so on for ever; such a loop leaves the string as it is.
+	UTFString old("");
+	old.StrCat("b");
+	ASSERT_EQ(0u, old.Length());
+	UTFString s("ab");
+	s.Replace(old, UTFString("X"));
+	EXPECT_EQ("ab", Text(s));
+	// Replacing by nothing ends: "a" + "" + "b" finds "b" at 1 again and
+	// again, but each pass leaves "ab" itself, and the passes run out.
+	bool ended;
+	UTFString expected =
+	    LiteralReplaceFromStoredLength(UTFString("ab"), old, UTFString(""), 3, &ended);
+	EXPECT_FALSE(ended);
+	UTFString t("ab");
+	t.Replace(old, UTFString(""));
+	EXPECT_EQ("ab", Text(t));
+}
+
+TEST(UTFString, ReplaceFromStaleLengthsMatchesTheLiteralLoopOnRandomText)
+{
+	// Random texts whose length is left stale by StrCat (shorter) or by
+	// ClearBuffer and StrCat (longer), over well-formed and malformed pieces.
+	const std::vector<std::string> pieces = {
+	    "a",    "b",    "\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80",
+	    "\x80", "\xE3", "\xC3",     "\xF8",         "\xA9"};
+	std::mt19937 random(20261125);
+	auto make = [&](int maxPieces) {
+		std::string text;
+		const int count = static_cast<int>(random() % (maxPieces + 1));
+		for (int i = 0; i < count; i++)
+			text += pieces[random() % pieces.size()];
+		return text;
+	};
+	int compared = 0;
+	int differentFromCounted = 0;
+	for (int round = 0; round < 6000; round++) {
+		const std::string head = make(6);
+		const std::string tail = make(6);
+		const std::string text = round % 2 == 1 ? tail : head + tail;
+		// Mostly a piece of the text itself, so that most rounds match.
+		std::string old = make(3);
+		if (!text.empty() && round % 4 != 0) {
+			const size_t at = random() % text.size();
+			old = text.substr(at, 1 + random() % 4);
+		}
+		if (old.empty())
+			old = "a";
+		const std::string with = make(4);
+		UTFString s(head.c_str());
+		if (round % 2 == 1)
+			s.ClearBuffer();
+		s.StrCat(tail.c_str());
+		bool ended;
+		const UTFString expected = LiteralReplaceFromStoredLength(
+		    s, UTFString(old.c_str()), UTFString(with.c_str()), text.size() + 1, &ended);
+		UTFString counted(text.c_str());
+		counted.Replace(UTFString(old.c_str()), UTFString(with.c_str()));
+		const uint32 stored = s.Length();
+		const bool matches = s.InStr(UTFString(old.c_str())) != -1;
+		s.Replace(UTFString(old.c_str()), UTFString(with.c_str()));
+		if (!matches) {
+			// No pass, no assignment: the stale length stays.
+			ASSERT_EQ(text, Text(s));
+			ASSERT_EQ(stored, s.Length());
+			continue;
+		}
+		if (!ended) {
+			ASSERT_EQ(text, Text(s));
+			continue;
+		}
+		compared++;
+		ASSERT_EQ(Text(expected), Text(s))
+		    << "text '" << text << "' old '" << old << "' new '" << with << "'";
+		ASSERT_EQ(expected.Length(), s.Length());
+		if (Text(counted) != Text(s))
+			differentFromCounted++;
+	}
+	EXPECT_GT(compared, 3000);
+	// The stale length matters in a good share of the rounds.
+	EXPECT_GT(differentFromCounted, 300) << compared;
+}
+
+TEST(UTFString, ReplaceWithMalformedPatternsAndTextsMatchesTheLiteralLoop)
+{
+	// Longer texts than the loop test above, with malformed patterns and new
+	// texts in every round, so that matches lie far apart and the new text
+	// takes bytes of the text behind it into its characters.
+	const std::vector<std::string> pieces = {
+	    "a",    "b",    " ",    "\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80",
+	    "\x80", "\xE3", "\xC3", "\xF8",     "\xA9",         "\xE9"};
+	const std::vector<std::string> malformed = {"\xE9",
+	                                            "\x80",
+	                                            "\xC3",
+	                                            "\xE3\x81",
+	                                            "\xF0",
+	                                            "a\xE3",
+	                                            "\xA9"
+	                                            "b",
+	                                            "\xE9 "};
+	std::mt19937 random(777);
+	auto make = [&](int maxPieces) {
+		std::string text;
+		const int count = static_cast<int>(random() % (maxPieces + 1));
+		for (int i = 0; i < count; i++)
+			text += pieces[random() % pieces.size()];
+		return text;
+	};
+	int compared = 0;
+	for (int round = 0; round < 3000; round++) {
+		const std::string text = make(120);
+		std::string old = malformed[random() % malformed.size()];
+		std::string with = make(3);
+		if (round % 3 == 0) {
+			with = malformed[random() % malformed.size()];
+			old = pieces[random() % pieces.size()];
+		} else if (round % 3 == 1) {
+			with += malformed[random() % malformed.size()];
+		}
+		bool ended;
+		const UTFString expected =
+		    ReferenceReplace(UTFString(text.c_str()), UTFString(old.c_str()),
+		                     UTFString(with.c_str()), text.size() + 1, &ended, 1 << 20);
+		UTFString s(text.c_str());
+		s.Replace(UTFString(old.c_str()), UTFString(with.c_str()));
+		if (!ended) {
+			ASSERT_EQ(text, Text(s));
+			continue;
+		}
+		compared++;
+		ASSERT_EQ(Text(expected), Text(s))
+		    << "text '" << text << "' old '" << old << "' new '" << with << "'";
+		ASSERT_EQ(expected.Length(), s.Length());
+	}
+	EXPECT_GT(compared, 2000);
+}
+
+TEST(UTFString, ReplaceOfMalformedPatternOnLargeTextIsLinear)
+{
+	zvtest::Watchdog watchdog(std::chrono::seconds(60), "replace of a malformed pattern");
+	// The byte E9 reads as a three-byte lead and takes "xy" with it: the
+	// pattern "\xE9" (one character) matches there and each pass replaces
+	// that whole character, so "caf\xE9xy;" becomes "cafe;".
+	std::string text;
+	std::string expected;
+	while (text.size() < 1000000) {
+		text += "caf\xE9xy;";
+		expected += "cafe;";
+	}
+	UTFString s(text.c_str());
+	s.Replace(UTFString("\xE9"), UTFString("e"));
+	EXPECT_EQ(expected, Text(s));
+	EXPECT_EQ(expected.size(), s.Length());
+}
+
+TEST(UTFString, ReplaceByMalformedTextOnLargeTextIsLinear)
+{
+	zvtest::Watchdog watchdog(std::chrono::seconds(60), "replace by a malformed text");
+	// Each ";" becomes the lead E9, which takes the "cd" behind it into its
+	// character; the search resumes one character on, at the space.
+	std::string text;
+	std::string expected;
+	size_t characters = 0;
+	while (text.size() < 1000000) {
+		text += "ab;cd ";
+		expected += "ab\xE9"
+		            "cd ";
+		characters += 4;
+	}
+	UTFString s(text.c_str());
+	s.Replace(UTFString(";"), UTFString("\xE9"));
+	EXPECT_EQ(expected, Text(s));
+	EXPECT_EQ(characters, s.Length());
+}
+
 TEST(UTFString, ToUpperAndToLowerChangeAsciiLettersOnly)
 {
 	UTFString s("a\xC3\xA9");
