@@ -26,8 +26,10 @@
 
 #include <ZvExport.h>
 
+// What the library does when it meets one of the behaviours it reports.
 enum zv_checks_mode
 {
+	// Nothing (the default): no report, no cost beyond one cached flag.
 	ZV_CHECKS_OFF = 0,
 	// One line on standard error per event, then the behaviour goes on.
 	ZV_CHECKS_REPORT = 1,
