@@ -11,7 +11,12 @@
 // Posting through a ref is ZvLooper::PostMessage with a result: a copy of
 // the message (or a new one with the what given) is queued, aimed at the
 // ref's handler, or at the looper's preferred handler for a looper ref. The
-// wait for room in a queue that is over its bound can be limited.
+// copy carries the message's fields and, for a handler ref, the
+// "_preferredhandler" field naming the handler, exactly as PostMessage
+// makes it; a "_preferredhandler" field that the message already had (a
+// message received from a looper and passed on) is not copied, so that the
+// message goes where the ref says. The wait for room in a queue that is
+// over its bound can be limited.
 //
 // Requests: SendMessage posts a copy linked to the calling thread and waits
 // for the answer, which the receiving handler gives with

@@ -141,8 +141,8 @@ int32 LooperEntry(void* data)
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
-      fRecord(nullptr), fControl(nullptr), fQueue(nullptr), fLooperAccess(0), fCurrentMessage(nullptr),
-      fPollFailures(0), fPollSkips(1)
+      fRecord(nullptr), fControl(nullptr), fQueue(nullptr), fLooperAccess(0),
+      fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1)
 {
 	// Before AddHandler: attaching records the looper's block.
 	fControl = new zvkit::internal::LooperControl(this);

@@ -22,7 +22,14 @@ using zvkit::internal::HandlerControl;
 using zvkit::internal::LooperControl;
 using zvkit::internal::ReplySlot;
 
-ZvLooperRef::ZvLooperRef() : fLooper(nullptr), fHandlerControl(nullptr), fHandler(nullptr), fStamp(0)
+namespace {
+
+const char* const kPreferredHandlerField = "_preferredhandler";
+
+} // namespace
+
+ZvLooperRef::ZvLooperRef()
+    : fLooper(nullptr), fHandlerControl(nullptr), fHandler(nullptr), fStamp(0)
 {
 }
 
@@ -143,7 +150,15 @@ status_t ZvLooperRef::_Post(const ZvMessage* message, uint32 what, ReplySlot* sl
 		// is not in the looper's list when its message comes up, and the
 		// looper drops the message.
 		if (fHandlerControl == nullptr || fHandlerControl->Holds(fStamp)) {
-			ZvMessage* copy = message != nullptr ? new ZvMessage(message) : new ZvMessage(what);
+			ZvMessage* copy;
+			if (message != nullptr) {
+				copy = new ZvMessage(message);
+				// A message received from a looper and passed on still names
+				// its first target; the ref's own target replaces it.
+				copy->RemoveName(kPreferredHandlerField);
+			} else {
+				copy = new ZvMessage(what);
+			}
 			// The request holds the slot's second reference from here on
 			// and releases it when it is deleted, queued or not.
 			copy->fReplySlot = slot;

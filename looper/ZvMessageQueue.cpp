@@ -83,8 +83,8 @@ status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
 		} else {
 			// Only a wait that ran out refuses the message; any other failure
 			// goes on as the unbounded wait does.
-			const status_t waited = acquire_sem_etc(static_cast<sem_id>(fLimitSem), 1,
-			                                        B_RELATIVE_TIMEOUT, timeout);
+			const status_t waited =
+			    acquire_sem_etc(static_cast<sem_id>(fLimitSem), 1, B_RELATIVE_TIMEOUT, timeout);
 			if (waited == B_TIMED_OUT)
 				return timeout == 0 ? B_WOULD_BLOCK : B_TIMED_OUT;
 		}

@@ -8,10 +8,7 @@
 namespace zvkit {
 namespace internal {
 
-LooperControl::LooperControl(ZvLooper* looper)
-    : fState(0), fRefs(1), fLooper(looper), fThread(0)
-{
-}
+LooperControl::LooperControl(ZvLooper* looper) : fState(0), fRefs(1), fLooper(looper), fThread(0) {}
 
 void LooperControl::Release()
 {

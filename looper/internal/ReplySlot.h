@@ -51,7 +51,12 @@ public:
 private:
 	~ReplySlot();
 
-	enum State { kWaiting, kAnswered, kAbandoned };
+	enum State
+	{
+		kWaiting,
+		kAnswered,
+		kAbandoned
+	};
 
 	std::atomic<int32> fRefs;
 	mutable std::mutex fLock;

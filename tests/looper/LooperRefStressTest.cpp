@@ -44,7 +44,8 @@ struct Totals
 class CountingLooper : public ZvLooper
 {
 public:
-	explicit CountingLooper(Totals* totals) : ZvLooper("counting", ZV_NORMAL_PRIORITY, 8), fTotals(totals)
+	explicit CountingLooper(Totals* totals)
+	    : ZvLooper("counting", ZV_NORMAL_PRIORITY, 8), fTotals(totals)
 	{
 	}
 	~CountingLooper() override

@@ -218,9 +218,8 @@ TEST(ZvLooperRefTest, AHandlerRefAimsItsPostsAtTheHandler)
 	TestLooper looper;
 	RecordingHandler handler;
 	void* recorded = nullptr;
-	FunctionHandler checker([&recorded](ZvMessage* message) {
-		message->FindPointer(PreferredField(), &recorded);
-	});
+	FunctionHandler checker(
+	    [&recorded](ZvMessage* message) { message->FindPointer(PreferredField(), &recorded); });
 	looper.AddHandler(&checker);
 	ZvLooperRef ref(&checker);
 	ASSERT_TRUE(ref.IsValid());
@@ -230,6 +229,33 @@ TEST(ZvLooperRefTest, AHandlerRefAimsItsPostsAtTheHandler)
 	EXPECT_EQ(recorded, static_cast<void*>(static_cast<ZvHandler*>(&checker)));
 	EXPECT_EQ(looper.OwnReceived(), 0);
 	looper.RemoveHandler(&checker);
+}
+
+TEST(ZvLooperRefTest, AReceivedMessagePassedOnThroughARefGoesWhereTheRefSays)
+{
+	TestLooper first;
+	TestLooper second;
+	RecordingHandler target;
+	second.AddHandler(&target);
+	const ZvLooperRef targetRef(&target);
+	const ZvLooperRef secondRef(&second);
+	status_t results[2] = {1, 1};
+	FunctionHandler forwarder([&](ZvMessage* message) {
+		results[0] = targetRef.PostMessage(message);
+		results[1] = secondRef.PostMessage(message);
+	});
+	first.AddHandler(&forwarder);
+	ASSERT_TRUE(first.PostMessage(6, &forwarder));
+	ASSERT_EQ(first.Drain(), 1);
+	EXPECT_EQ(results[0], B_OK);
+	EXPECT_EQ(results[1], B_OK);
+	ASSERT_EQ(second.Drain(), 2);
+	EXPECT_EQ(target.Whats(), (std::vector<uint32>{6}));
+	// The looper ref's copy names no handler: the preferred one (the
+	// looper itself) receives it.
+	EXPECT_EQ(second.OwnWhats(), (std::vector<uint32>{6}));
+	first.RemoveHandler(&forwarder);
+	second.RemoveHandler(&target);
 }
 
 TEST(ZvLooperRefTest, ARefIsInvalidOnceItsLooperQuit)
@@ -784,14 +810,14 @@ TEST(ZvMessageReplyTest, AnAnswerRacingTheSendersTimeOutIsEitherDeliveredOrToldI
 	FunctionHandler handler([&](ZvMessage* message) {
 		ZvMessage answer(kAnswer);
 		switch (message->SendReply(&answer)) {
-			case B_OK:
-				answeredInTime.fetch_add(1);
-				break;
-			case B_TIMED_OUT:
-				answeredLate.fetch_add(1);
-				break;
-			default:
-				other.fetch_add(1);
+		case B_OK:
+			answeredInTime.fetch_add(1);
+			break;
+		case B_TIMED_OUT:
+			answeredLate.fetch_add(1);
+			break;
+		default:
+			other.fetch_add(1);
 		}
 	});
 	RunningLooper looper(&handler);
