@@ -22,7 +22,7 @@
 // for the answer, which the receiving handler gives with
 // ZvMessage::SendReply. A request deleted without an answer (ignored,
 // dropped, or still queued when its looper ended) answers at once with a
-// reply whose what is B_NO_REPLY.
+// reply whose what is ZV_NO_REPLY ("NONE", see ZvMessenger.h).
 //
 // Ownership: a ref owns nothing but shared references to small records
 // that the looper and the handler keep; it never keeps its target alive.
@@ -38,6 +38,7 @@
 #include <SupportDefs.h>
 
 #include <ZvExport.h>
+#include <ZvMessenger.h> // ZV_NO_REPLY
 
 class ZvHandler;
 class ZvLooper;
@@ -77,7 +78,7 @@ public:
 	// Posts a copy of message as a request and waits for the answer; timeout
 	// bounds the whole call (room in the queue, then the answer):
 	//  - B_OK: reply holds the answer, or, when the request was deleted
-	//    unanswered, has what B_NO_REPLY and no fields;
+	//    unanswered, has what ZV_NO_REPLY and no fields;
 	//  - B_TIMED_OUT (B_WOULD_BLOCK for a timeout of 0 that found the queue
 	//    full): no answer in time; an answer that comes later is dropped;
 	//  - B_BAD_VALUE: the target is gone, or message or reply is null;
