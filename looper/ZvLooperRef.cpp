@@ -13,7 +13,6 @@
 #include <ZvHandler.h>
 #include <ZvLooper.h>
 #include <ZvMessage.h>
-
 #include <ZvMessenger.h>
 
 #include <OS.h>
