@@ -6,11 +6,32 @@
 
 #include <OS.h>
 
+#include "base/internal/Spin.h"
+
 #include <chrono>
 
 namespace zvkit::internal {
 
-ReplySlot::ReplySlot() : fRefs(2), fState(kWaiting), fAnswer(nullptr) {}
+namespace {
+
+// A sender polls for its answer before it sleeps: a sleep and its wake-up
+// cost two system calls and often tens of microseconds before the woken
+// thread runs, longer than a looper that is ready takes to answer. Polling
+// pays only while the answering looper runs on another processor at the
+// same time, so a sender polls for at most kPollBudget microseconds, and
+// after a poll that missed it skips polling for its next requests, twice
+// as many after each further miss (up to 2^kMaxPollMisses); a hit starts
+// over. Kept per thread: each sender learns from its own requests.
+const bigtime_t kPollBudget = 20;
+const int32 kMaxPollMisses = 8;
+const int kPollsPerClockRead = 16;
+
+thread_local int32 tPollMisses = 0;
+thread_local int32 tPollSkips = 0;
+
+} // namespace
+
+ReplySlot::ReplySlot() : fRefs(2), fState(kWaiting), fSettled(false), fAnswer(nullptr) {}
 
 ReplySlot::~ReplySlot()
 {
@@ -34,6 +55,7 @@ status_t ReplySlot::Answer(const ZvMessage* reply)
 			fState = kAnswered;
 			fAnswer = answer;
 			answer = nullptr;
+			fSettled.store(true, std::memory_order_release);
 			fAnswered.notify_one();
 			status = B_OK;
 		} else if (fState == kAbandoned) {
@@ -54,8 +76,34 @@ bool ReplySlot::IsSenderWaiting() const
 	return fState == kWaiting;
 }
 
+bool ReplySlot::_PollForAnswer(bigtime_t deadline) const
+{
+	if (tPollSkips > 0) {
+		tPollSkips--;
+		return false;
+	}
+	bigtime_t until = system_time() + kPollBudget;
+	if (deadline >= 0 && deadline < until)
+		until = deadline;
+	do {
+		for (int poll = 0; poll < kPollsPerClockRead; poll++) {
+			if (fSettled.load(std::memory_order_acquire)) {
+				tPollMisses = 0;
+				return true;
+			}
+			CpuRelax();
+		}
+	} while (system_time() < until);
+	if (tPollMisses < kMaxPollMisses)
+		tPollMisses++;
+	tPollSkips = 1 << tPollMisses;
+	return false;
+}
+
 status_t ReplySlot::Wait(bigtime_t deadline, ZvMessage* reply, bool* answered)
 {
+	// Whatever the poll finds, the state is read again under the lock.
+	_PollForAnswer(deadline);
 	std::unique_lock<std::mutex> hold(fLock);
 	const auto done = [this] { return fState != kWaiting; };
 	if (deadline < 0) {

@@ -49,6 +49,8 @@ public:
 
 private:
 	~ReplySlot();
+	// Polls briefly for the answer before the sender sleeps (see Wait).
+	bool _PollForAnswer(bigtime_t deadline) const;
 
 	enum State
 	{
@@ -61,6 +63,8 @@ private:
 	mutable std::mutex fLock;
 	std::condition_variable fAnswered;
 	State fState;
+	// Set with fState leaving kWaiting, for the sender's poll.
+	std::atomic<bool> fSettled;
 	// The reply's copy; null with kAnswered means "no reply".
 	ZvMessage* fAnswer;
 };
