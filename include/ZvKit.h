@@ -27,6 +27,7 @@
 // Looper framework.
 #include <ZvHandler.h>
 #include <ZvLooper.h>
+#include <ZvLooperRef.h>
 #include <ZvMessageQueue.h>
 #include <ZvMessenger.h>
 

@@ -49,6 +49,10 @@
 
 #include <new>
 
+namespace zvkit::internal {
+class ReplySlot;
+}
+
 // One field of a ZvMessage: a name, a type code and an owned value block.
 class ZV_EXPORT ZvMessageItem
 {
@@ -421,13 +425,46 @@ public:
 	// Dumps the message on standard output.
 	void PrintToStream() const;
 
+	// Requests (see ZvLooperRef::SendMessage). A message that a sender is
+	// waiting on is linked to that sender; deleting it unanswered answers
+	// "no reply" (what B_NO_REPLY). The link is never copied: copies (the
+	// copy constructors, operator=, Set, the operators + and -) are plain
+	// messages, and assignment keeps the target's own link.
+	//
+	// Answers the sender of this message with a copy of reply: B_OK when
+	// the sender was waiting, B_TIMED_OUT when it had stopped waiting,
+	// B_DUPLICATE_REPLY when the message was already answered, B_BAD_REPLY
+	// when the message is not a request, B_BAD_VALUE for a null reply.
+	status_t SendReply(const ZvMessage* reply);
+	// Whether a sender waits for an answer to this message.
+	bool IsSourceWaiting() const;
+
 	uint32 what; // The command code.
 
 private:
 	ZvMessageItem* _FindItem(const char* name, type_code type, int32 index) const;
 	bool _UnflattenBlock(const void* buffer, size_t size, bool bounded);
+	// Answers "no reply" to a waiting sender and drops the link.
+	void _AbandonRequest();
+
+	// The sender's side of a request, for ZvLooperRef. _MakeRequest links
+	// this message (not yet posted) to a new reply slot, which it returns
+	// with the sender's reference. _AwaitReply waits on the slot until
+	// deadline (system_time; negative: none), then drops the sender's
+	// reference: B_OK with *answered telling whether a reply came (assigned
+	// to reply) or the request was deleted unanswered; or B_TIMED_OUT.
+	zvkit::internal::ReplySlot* _MakeRequest();
+	static status_t _AwaitReply(zvkit::internal::ReplySlot* slot, bigtime_t deadline,
+	                            ZvMessage* reply, bool* answered);
+	// Drops the sender's reference without waiting (the request was not
+	// posted).
+	static void _ForgetRequest(zvkit::internal::ReplySlot* slot);
+
+	friend class ZvLooperRef;
 
 	uint32 fFlags;
+	// The waiting sender's reply slot; null for a plain message.
+	zvkit::internal::ReplySlot* fReplySlot = nullptr;
 
 protected:
 	ZvList<ZvMessageItem*> items; // The fields, in order of addition; owned.
