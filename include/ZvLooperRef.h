@@ -50,6 +50,8 @@ class LooperControl;
 class ReplySlot;
 } // namespace zvkit::internal
 
+// A safe, copyable handle to a looper or one of its handlers; see the file's
+// description.
 class ZV_EXPORT ZvLooperRef
 {
 public:
@@ -60,8 +62,11 @@ public:
 	// Names handler in its current attachment (null, or a handler that is
 	// not attached: nothing). The handler must be alive now.
 	explicit ZvLooperRef(const ZvHandler* handler);
+	// Copies name the same target; a copy stays safe on its own.
 	ZvLooperRef(const ZvLooperRef& other);
+	// Names other's target instead of this one's.
 	ZvLooperRef& operator=(const ZvLooperRef& other);
+	// Lets go of the target's record (never of the target itself).
 	~ZvLooperRef();
 
 	// False once the target is gone (see above). A true answer may be out
@@ -93,6 +98,7 @@ public:
 	// Whether both refs name the same looper and the same handler (in the
 	// same attachment).
 	bool operator==(const ZvLooperRef& other) const;
+	// The negation of operator==.
 	bool operator!=(const ZvLooperRef& other) const { return !(*this == other); }
 
 private:
