@@ -16,6 +16,7 @@
 #include <ZvThread.h>
 
 // Message container.
+#include <ZvByteOrder.h>
 #include <ZvGeometry.h>
 #include <ZvList.h>
 #include <ZvMessage.h>
