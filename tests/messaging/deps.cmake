@@ -7,3 +7,6 @@
 # ZVKIT_FORCE_NEW setting, the same sanitizer build).
 target_sources(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging/internal/BlockCache.cpp)
 target_include_directories(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging ${PROJECT_SOURCE_DIR})
+# The walk over flattened blocks (offsets and reasons of malformed blocks) is
+# internal as well; FlatWalkTest.cpp drives a copy of it.
+target_sources(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging/internal/FlatWalk.cpp)
