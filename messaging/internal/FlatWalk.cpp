@@ -107,8 +107,8 @@ bool Walk(uint8* block, size_t size, const FlatWalk& how, int depth, size_t base
 	const int32 count = static_cast<int32>(ReadWord(block + 8, how.swapped));
 	if (count > 0 && static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize) {
 		return Fail(problem, base + 8,
-		            "item count %d cannot fit in the %zu bytes after the header (a record "
-		            "takes at least 9)",
+		            "item count %d cannot fit in the %zu bytes after the header, at least 9 "
+		            "bytes a record",
 		            count, size - kHeaderSize);
 	}
 	if (how.convert) {
