@@ -33,6 +33,9 @@
 #include <ZvDataRegistry.h>
 #include <ZvDataSubscriber.h>
 
+// Between ZvMessage and the platform's BMessage.
+#include <ZvMessageBridge.h>
+
 // Text.
 #include <UTFString.h>
 #include <ZvRString.h>
