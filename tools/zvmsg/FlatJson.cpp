@@ -199,6 +199,7 @@ Json Converter::Field(const ZvMessageItem* item)
 	Json value;
 	if (Typed(item, &key, &value)) {
 		Json trial;
+		trial["size"] = item->size;
 		trial[key] = value;
 		Bytes back;
 		if (ValueBytes(item->type, trial, "", &back) && back == bytes) {
