@@ -120,9 +120,9 @@ public:
 	static int32 LooperCaller(ZvLooper* looper);
 
 private:
-	// Waits for one unit of access for the loop: 1 taken, 2 the very long
-	// time-out expired, 0 the semaphore is gone.
-	int32 _AwaitMessage(uint32 access);
+	// Waits for one unit of access for the loop: false only when the
+	// semaphore is gone (the very long time-out expiring counts as a unit).
+	bool _AwaitMessage(uint32 access);
 	// Takes, without waiting, up to 32 of the units already there; returns
 	// how many.
 	int32 _TakeAhead(uint32 access);

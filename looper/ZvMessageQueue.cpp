@@ -5,6 +5,10 @@
 #include <ZvMessage.h>
 #include <ZvSemaphore.h>
 
+#include "base/internal/Semaphores.h"
+
+using zvkit::internal::kNoSemaphore;
+
 // Taking for the loop.
 //
 // A looper's loop removes one message per unit of "fLooperAccess", and a
@@ -31,7 +35,7 @@ const int32 kPrefetched = 3;
 
 ZvMessageQueue::ZvMessageQueue(int32 limit)
     : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fCount(0), fLimit(limit),
-      fLimitSem(0), fTaken(), fTakenHead(0), fTakenCount(0)
+      fLimitSem(kNoSemaphore), fTaken(), fTakenHead(0), fTakenCount(0)
 {
 	fLimitSem = ZvSemaphore::Create(1, "_item_limit");
 }
@@ -40,9 +44,9 @@ ZvMessageQueue::~ZvMessageQueue()
 {
 	// Threads blocked on the queue's lock fail from here on.
 	Kill();
-	if (fLimitSem != 0)
+	if (fLimitSem != kNoSemaphore)
 		ZvSemaphore::Delete(fLimitSem);
-	fLimitSem = 0;
+	fLimitSem = kNoSemaphore;
 	// Oldest first: the taken ones came out of the ring before the rest.
 	for (int32 i = 0; i < fTakenCount; i++)
 		delete fTaken[fTakenHead + i];

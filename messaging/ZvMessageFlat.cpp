@@ -7,12 +7,12 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
-#include "internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
 
 #include <limits.h>
 #include <string.h>
 
-using namespace zv_flat;
+using namespace zvkit::internal;
 
 int32 ZvMessageItem::GetData(void* buffer) const
 {

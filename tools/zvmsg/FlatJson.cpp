@@ -1,7 +1,7 @@
 // A message as a JSON document and back.
 #include "FlatJson.h"
 
-#include "internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
 
 #include <ZvTypeCodes.h>
 
@@ -9,8 +9,7 @@
 #include <cstring>
 #include <vector>
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 
 namespace {
 
@@ -571,5 +570,4 @@ bool JsonToMessage(const Json& document, ZvMessage* message, zv_byte_order* orde
 	return true;
 }
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal
