@@ -6,7 +6,7 @@
 #include <Rect.h>
 #include <TypeConstants.h>
 
-#include "messaging/MessageTestSupport.h"
+#include "MessageTestSupport.h"
 
 #include <gtest/gtest.h>
 
