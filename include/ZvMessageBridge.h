@@ -58,8 +58,12 @@
 
 #include <Message.h>
 
+// Copies source's what and every field of a family both classes have into
+// target (emptied first); *dropped, when given, counts the fields left out.
 ZV_EXPORT status_t ZV_ToBMessage(const ZvMessage* source, BMessage* target,
                                  int32* dropped = nullptr);
+// The other way: source's what and fields into target (emptied first);
+// *dropped, when given, counts the fields left out.
 ZV_EXPORT status_t ZV_FromBMessage(const BMessage* source, ZvMessage* target,
                                    int32* dropped = nullptr);
 
