@@ -16,14 +16,21 @@
 
 #include <ZvExport.h>
 
+// A counting lock that takes its semaphore only under contention; see the
+// file's description.
 class ZV_EXPORT Benaphore
 {
 public:
+	// No free units and no semaphore: call Reset before use.
 	Benaphore();
+	// Deletes the semaphore, if any.
 	~Benaphore();
 
+	//@{
+	// Not copyable.
 	Benaphore(const Benaphore&) = delete;
 	Benaphore& operator=(const Benaphore&) = delete;
+	//@}
 
 	// Sets the free units to count and replaces the semaphore with a new one.
 	// Returns the new semaphore identifier, or a negative error.
@@ -31,10 +38,20 @@ public:
 	// Deletes the semaphore; returns delete_sem's status.
 	int32 Free();
 
+	//@{
+	// Takes one unit (or n): at once while enough are free, else waiting on
+	// the semaphore. B_OK, or the semaphore's error.
 	int32 Acquire();
 	int32 Acquire(int32 n);
+	//@}
+	//@{
+	// Gives back one unit (or n), waking waiters through the semaphore only
+	// when some are owed units. B_OK, or the semaphore's error.
 	int32 Release();
 	int32 Release(int32 n);
+	//@}
+	// Stores a snapshot of the free units (negative: units owed to
+	// waiters) in *out; returns B_OK.
 	int32 GetCount(int32* out);
 
 private:

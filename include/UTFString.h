@@ -28,19 +28,26 @@
 #include <ZvExport.h>
 #include <ZvUTF8.h>
 
+// One UTF-8 character, held inside the object.
 class ZV_EXPORT UTFChar
 {
 public:
+	// The null character.
 	UTFChar();
 	// Copies at most one character of s, stopping at a zero byte; a null s
 	// gives the null character.
 	UTFChar(const char* s);
+	// A copy of other's bytes.
 	UTFChar(const UTFChar& other);
+	// Nothing to release: the bytes live in the object.
 	virtual ~UTFChar();
 
+	// As UTFChar(s); s may point into this character.
 	UTFChar& operator=(const char* s);
+	// A copy of other's bytes.
 	UTFChar& operator=(const UTFChar& other);
 
+	// Makes this the null character (all bytes zero).
 	void ClearBuf();
 
 	// True for every character whose first byte is 0x80 or above, else the
@@ -48,16 +55,25 @@ public:
 	bool IsAlphaNum() const;
 	// True when the first byte is below 0x80 (the null character included).
 	bool IsAscii() const;
+	// True for the null character (first byte zero).
 	bool IsNull() const;
 
+	//@{
+	// The character's bytes, zero-terminated; valid as long as the object.
 	const char* Buffer() const { return fBytes; }
 	operator const char*() const { return fBytes; }
+	//@}
 
+	//@{
 	// Byte-wise equality of the texts; a null s is unequal.
 	bool operator==(const char* s) const;
 	bool operator==(const UTFChar& other) const;
+	//@}
+	//@{
+	// The negation of operator==.
 	bool operator!=(const char* s) const { return !(*this == s); }
 	bool operator!=(const UTFChar& other) const { return !(*this == other); }
+	//@}
 
 	// Size by the lead-byte rule; the null character gives 1.
 	int32 ByteLength() const;
@@ -70,6 +86,7 @@ private:
 	char fBytes[5];
 };
 
+// A UTF-8 string indexed by character; see the file's description.
 class ZV_EXPORT UTFString
 {
 public:
@@ -77,13 +94,19 @@ public:
 	UTFString();
 	// A copy of s; a null s leaves the buffer null.
 	UTFString(const char* s);
+	// A string of the one character c.
 	UTFString(const UTFChar& c);
+	// A deep copy of other (null buffer for a null buffer).
 	UTFString(const UTFString& other);
+	// Frees the buffer.
 	virtual ~UTFString();
 
-	// s may point into this string's own buffer.
+	//@{
+	// Replaces the text by a copy of s (or of other's text); s may point
+	// into this string's own buffer.
 	UTFString& operator=(const char* s);
 	UTFString& operator=(const UTFString& other);
+	//@}
 
 	// Replaces characters [from, to) by s. to == from inserts before from;
 	// to below from replaces up to the end; from at or past the end appends.
@@ -137,16 +160,21 @@ public:
 	// the text has bytes, or grow past 16 times its size.
 	void Replace(const UTFString& oldText, const UTFString& newText);
 
+	//@{
 	// In place; only characters whose single byte is an ASCII letter change.
 	void ToUpper();
 	void ToLower();
+	//@}
 
 	// The character at index; past the end, the null character (and 0).
 	UTFChar GetChar(uint32 index) const;
+	// The first byte of the character at index; 0 past the end or on a null
+	// buffer.
 	char GetChar8(uint32 index) const;
 	// Insert(index, index + 1, UTFString(c)): past the end it appends.
 	void SetChar(const UTFChar& c, uint32 index);
 
+	// Counts the characters of the buffer again (after StrCat).
 	void CalcLength();
 	// Releases the buffer; the length is left as it was.
 	void ClearBuffer();
@@ -157,21 +185,34 @@ public:
 	// buffer), then recounts.
 	void CopyString(const char* s);
 
+	//@{
+	// The zero-terminated text (null for a null buffer); valid until the
+	// next change of the string.
 	const char* Buffer() const { return fBuffer; }
 	operator const char*() const { return fBuffer; }
+	//@}
 
-	// False when either buffer is null.
+	//@{
+	// Byte-wise equality; false when either buffer is null.
 	bool operator==(const char* s) const;
 	bool operator==(const UTFString& other) const;
+	//@}
+	//@{
+	// The negation of operator== (so true when either buffer is null).
 	bool operator!=(const char* s) const { return !(*this == s); }
 	bool operator!=(const UTFString& other) const { return !(*this == other); }
+	//@}
 
-	// On a null buffer, as the matching operator=; a null other text changes
-	// nothing.
+	//@{
+	// Appends s (or other's text) and updates the length. On a null buffer,
+	// as the matching operator=; a null other text changes nothing.
 	UTFString& operator+=(const char* s);
 	UTFString& operator+=(const UTFString& other);
+	//@}
 
+	// The length in characters, as last counted (StrCat does not count).
 	uint32 Length() const { return fLength; }
+	// The length in bytes, without the terminator; 0 for a null buffer.
 	uint32 ByteLength() const;
 
 private:
@@ -189,6 +230,7 @@ private:
 	bool fLengthExact;
 };
 
+// A new string: a's text followed by b's, as UTFString(a) += b.
 ZV_EXPORT UTFString operator+(const UTFString& a, const UTFString& b);
 
 #endif // _UTF_STRING_H

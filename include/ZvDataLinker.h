@@ -29,10 +29,13 @@
 
 class ZvDataLinker;
 
+// Side A of a ZvDataLinker: a subscriber on attribute A.
 class ZV_EXPORT ZvDataLinkerSubscriberA : public ZvDataSubscriber
 {
 public:
+	// Subscribes to name with flags; linker is the owner (not owned).
 	ZvDataLinkerSubscriberA(const char* name, uint32 flags, ZvDataLinker* linker);
+	// Unsubscribes.
 	virtual ~ZvDataLinkerSubscriberA();
 
 	// Runs the linker's DL_ConvertAB(side A, side B, what).
@@ -42,10 +45,13 @@ private:
 	ZvDataLinker* fLinker;
 };
 
+// Side B of a ZvDataLinker: a subscriber on attribute B.
 class ZV_EXPORT ZvDataLinkerSubscriberB : public ZvDataSubscriber
 {
 public:
+	// Subscribes to name with flags; linker is the owner (not owned).
 	ZvDataLinkerSubscriberB(const char* name, uint32 flags, ZvDataLinker* linker);
+	// Unsubscribes.
 	virtual ~ZvDataLinkerSubscriberB();
 
 	// Runs the linker's DL_ConvertBA(side A, side B, what).
@@ -55,6 +61,7 @@ private:
 	ZvDataLinker* fLinker;
 };
 
+// Ties attribute A to attribute B; see the file's description.
 class ZV_EXPORT ZvDataLinker
 {
 public:
@@ -65,21 +72,26 @@ public:
 	// Deletes side A, then side B; each unsubscribes.
 	virtual ~ZvDataLinker();
 
+	//@{
+	// Not copyable.
 	ZvDataLinker(const ZvDataLinker&) = delete;
 	ZvDataLinker& operator=(const ZvDataLinker&) = delete;
+	//@}
 
 	// Default: *b = *a, then the result of b->DS_SendEvent(what).
 	virtual status_t DL_ConvertAB(ZvDataSubscriber* a, ZvDataSubscriber* b, uint32 what);
 	// Default: *a = *b, then the result of a->DS_SendEvent(what).
 	virtual status_t DL_ConvertBA(ZvDataSubscriber* a, ZvDataSubscriber* b, uint32 what);
 
+	//@{
 	// The two sides, owned by the linker.
 	ZvDataLinkerSubscriberA* DL_SubscriberA() const;
 	ZvDataLinkerSubscriberB* DL_SubscriberB() const;
+	//@}
 
 protected:
-	ZvDataLinkerSubscriberA* fSideA;
-	ZvDataLinkerSubscriberB* fSideB;
+	ZvDataLinkerSubscriberA* fSideA; // Side A, owned.
+	ZvDataLinkerSubscriberB* fSideB; // Side B, owned.
 };
 
 #endif // _ZV_DATA_LINKER_H

@@ -33,26 +33,34 @@
 
 class ZvDataSubscriber;
 
+// One attribute of the registry.
 struct zv_data_registry_entry
 {
-	char name[32];
-	ZvDataSubscriber* firstSubscriber;
-	uint32 semaphore;
+	char name[32];                     // The attribute's name, zero-terminated.
+	ZvDataSubscriber* firstSubscriber; // Head of its chain (the newest).
+	uint32 semaphore;                  // Serialises the attribute's data.
 };
 
+// The process-wide table of attributes; see the file's description.
 class ZV_EXPORT ZvDataRegistry
 {
 public:
+	// An empty registry with its own recursive lock.
 	ZvDataRegistry();
 	// Releases any lock levels the calling thread still holds (the last
 	// DS_UnSubscribe deletes the registry while holding it), then destroys
 	// the lock and the entry list. Entries are never left at this point.
 	virtual ~ZvDataRegistry();
 
+	//@{
+	// Not copyable.
 	ZvDataRegistry(const ZvDataRegistry&) = delete;
 	ZvDataRegistry& operator=(const ZvDataRegistry&) = delete;
+	//@}
 
+	// Takes the registry's recursive lock; false when it is gone.
 	bool DR_Lock();
+	// Gives back one level of the lock.
 	void DR_Unlock();
 
 	// Adds subscriber at the head of its attribute's chain, creating the
@@ -62,11 +70,13 @@ public:
 	// Removes subscriber from its chain; the last subscriber of an
 	// attribute removes the attribute and deletes its semaphore.
 	status_t DR_UnSubscribe(ZvDataSubscriber* subscriber);
+	// Whether subscriber is in one of the registry's chains.
 	bool DR_SubscriberSubscribed(ZvDataSubscriber* subscriber);
 	// Unsubscribes every subscriber of name that is not a server. May
 	// delete the registry itself (and with it the lock levels the calling
 	// thread held): check zv_registry before calling DR_Unlock.
 	status_t DR_UnSubscribeAllExceptServer(const char* name);
+	// The number of attributes.
 	int32 DR_CountAttributes();
 	// Copies the name of attribute index into buffer (32 bytes).
 	status_t DR_AttributeAt(int32 index, char* buffer);
@@ -84,6 +94,8 @@ private:
 	int32 fLockDepth;
 };
 
+// The registry, created by the first subscription and deleted with its last
+// attribute; null while there is none.
 extern ZV_EXPORT ZvDataRegistry* zv_registry;
 
 #endif // _ZV_DATA_REGISTRY_H

@@ -64,6 +64,7 @@ class BHandler;
 class BMessage;
 class ZvDataRegistry;
 
+//@{
 // Kinds of data in a touched mask.
 constexpr uint32 ZV_DS_TOUCHED_INTEGER = 1;
 constexpr uint32 ZV_DS_TOUCHED_FLOAT = 2;
@@ -71,8 +72,10 @@ constexpr uint32 ZV_DS_TOUCHED_STRING = 4;
 constexpr uint32 ZV_DS_TOUCHED_RAW = 8;
 constexpr uint32 ZV_DS_TOUCHED_MESSAGE = 16;
 constexpr uint32 ZV_DS_TOUCHED_ALL = 255;
+//@}
 
-// Groups of the subscription flags and their values.
+//@{
+// Groups of the subscription flags and their values (see the table above).
 constexpr uint32 ZV_DS_MODE_MASK = 0x0000000F;
 constexpr uint32 ZV_DS_MODE_EXCHANGE = 0;
 constexpr uint32 ZV_DS_MODE_RECEIVE_ONLY = 1;
@@ -88,7 +91,9 @@ constexpr uint32 ZV_DS_JOIN_PUSH = 0x00001000;
 constexpr uint32 ZV_DS_JOIN_NONE = 0x00002000;
 constexpr uint32 ZV_DS_SERVER_MASK = 0x000F0000;
 constexpr uint32 ZV_DS_SERVER = 0x00010000;
+//@}
 
+// One subscriber of a named data attribute; see the file's description.
 class ZV_EXPORT ZvDataSubscriber
 {
 public:
@@ -107,6 +112,7 @@ public:
 	// the derived part is gone) and frees what the subscriber owns.
 	virtual ~ZvDataSubscriber();
 
+	// Not copyable (operator= copies the data only).
 	ZvDataSubscriber(const ZvDataSubscriber&) = delete;
 
 	// Called after each propagation that reaches this subscriber with
@@ -120,42 +126,85 @@ public:
 	const char* DS_AttributeName();
 	// Renames an unsubscribed subscriber; needs an existing registry.
 	status_t DS_SetAttributeName(const char* name);
+	// Stores flags and subscribes to the attribute, creating the registry
+	// when there is none; with notify, an initial pull notifies this
+	// subscriber. -1 when not valid, in event or already subscribed.
 	status_t DS_Subscribe(uint32 flags, bool notify);
+	// Leaves the attribute; the registry is deleted with its last
+	// attribute. -1 when not valid, in event or not subscribed.
 	status_t DS_UnSubscribe();
+	// Whether the registry holds this subscriber.
 	bool DS_IsSubscribed();
 
+	//@{
+	// Integer data. The setter stores value and copies it into every
+	// receiving subscriber of the attribute (unless the flags keep it
+	// local); with notify each receiver gets DS_EventReceived(1) and its
+	// event message. -1 when not valid or in event. The getters give the
+	// stored value (0 from the value form on failure).
 	status_t DS_SetIntegerData(int64 value, bool notify);
 	status_t DS_IntegerData(int64* value);
 	int64 DS_IntegerData();
+	//@}
+	//@{
+	// Float data, as the integer data (touched mask 2).
 	status_t DS_SetFloatData(double value, bool notify);
 	status_t DS_FloatData(double* value);
 	double DS_FloatData();
+	//@}
+	// Stores a copy of string and propagates it (touched mask 4); a null
+	// string clears the value, propagates the clearing and returns -1.
 	status_t DS_SetStringData(const char* string, bool notify);
 	// Copies at most length characters (the whole string when length is
 	// negative) and a terminator: buffer needs length + 1 bytes.
 	status_t DS_StringData(char* buffer, int32 length);
+	//@{
+	// The string's length in bytes, without the terminator; *size is left
+	// alone when there is no string (0 from the value form).
 	status_t DS_StringDataSize(int32* size);
 	int32 DS_StringDataSize();
+	//@}
+	// Stores a copy of size bytes and propagates it (touched mask 8); -1 when
+	// nothing could be stored.
 	status_t DS_SetRAWData(const void* data, int32 size, bool notify);
 	// Writes length bytes (the stored size when length is negative): the
 	// block, then zeros past its end.
 	status_t DS_RAWData(void* buffer, int32 length);
+	//@{
+	// The raw block's size in bytes (0 without one).
 	status_t DS_RAWDataSize(int32* size);
 	int32 DS_RAWDataSize();
+	//@}
+	// Stores a copy of message and propagates it (touched mask 16); a null
+	// message stores nothing, still propagates and returns -1.
 	status_t DS_SetMessageData(BMessage* message, bool notify);
+	// Assigns the stored message to *message; -1 when there is none.
 	status_t DS_MessageData(BMessage* message);
 	// Propagates the kinds named in what to every receiving subscriber and
 	// notifies them; always returns -1.
 	status_t DS_SendEvent(uint32 what);
 
+	// The handler that receives this subscriber's event messages, in its
+	// looper's thread (not owned; null for none).
 	status_t DS_SetEventTarget(BHandler* target);
+	// The event target, or null.
 	BHandler* DS_EventTarget() const;
+	//@{
+	// Sets the event message: a copy of message, or an empty message with
+	// this what; a "Source" pointer to this subscriber is added. Each
+	// notified change posts a copy with "touched_what" set to the mask.
 	status_t DS_SetEventMessage(BMessage* message);
 	status_t DS_SetEventMessage(uint32 what);
+	//@}
 	// The owned event message; the caller must not delete it.
 	BMessage* DS_EventMessage() const;
 
+	// Writes the attribute's name, the mask what and the kinds it names
+	// into archive, replacing earlier fields of the same names.
 	status_t DS_Archive(BMessage* archive, uint32 what);
+	// Reads back the fields DS_Archive writes, then propagates the mask
+	// found (an archive without the fields gives an event with mask 0),
+	// unless the flags keep changes local.
 	status_t DS_UnArchive(BMessage* archive, bool notify);
 
 	// Copies all five kinds of data, with no lock and no propagation.
@@ -163,9 +212,13 @@ public:
 
 	// Propagation internals, public because the library's own interface
 	// lists them; the registry calls them, clients have no need to. The
-	// caller holds the attribute's semaphore. All return 0.
+	// caller holds the attribute's semaphore. All return 0. ds_DoAppUpdate
+	// delivers the kinds in what to every other subscriber of the chain.
 	status_t ds_DoAppUpdate(uint32 what, bool notify);
+	// Copies the kinds in what to target (when it receives updates) and,
+	// with notify, calls its DS_EventReceived and posts its event message.
 	status_t ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 what, bool notify);
+	// Copies the kinds in what from source to destination, nothing else.
 	status_t ds_CopyData(ZvDataSubscriber* destination, ZvDataSubscriber* source, uint32 what);
 
 private:

@@ -5,6 +5,7 @@
 #ifndef _ZV_EXPORT_H
 #define _ZV_EXPORT_H
 
+// Marks a class, function or variable as part of libzvkit's interface.
 #define ZV_EXPORT __attribute__((visibility("default")))
 
 #endif // _ZV_EXPORT_H

@@ -15,23 +15,28 @@
 
 #include <SupportDefs.h>
 
+// A point of element type T.
 template <typename T> struct ZvPoint
 {
-	T x = 0;
-	T y = 0;
+	T x = 0; // Horizontal coordinate.
+	T y = 0; // Vertical coordinate.
 };
 
+// A rectangle of element type T, given by its edges (inclusive).
 template <typename T> struct ZvRect
 {
-	T left = 0;
-	T top = 0;
-	T right = 0;
-	T bottom = 0;
+	T left = 0;   // Left edge.
+	T top = 0;    // Top edge.
+	T right = 0;  // Right edge.
+	T bottom = 0; // Bottom edge.
 
+	// right - left.
 	T Width() const { return right - left; }
+	// bottom - top.
 	T Height() const { return bottom - top; }
 };
 
+// The smaller of a and b (b on a tie or a NaN).
 // The names are in parentheses so that the MIN and MAX macros of
 // <sys/param.h>, where a file included it first, do not expand here. Such a
 // file still reaches the templates as MIN<T>(a, b) or (MIN)(a, b); the
@@ -41,6 +46,7 @@ template <typename T> inline T(MIN)(T a, T b)
 	return a < b ? a : b;
 }
 
+// The larger of a and b (b on a tie or a NaN).
 template <typename T> inline T(MAX)(T a, T b)
 {
 	return a > b ? a : b;

@@ -26,6 +26,7 @@
 class ZvLooper;
 class ZvMessage;
 
+// The target of looper messages; see the file's description.
 class ZV_EXPORT ZvHandler
 {
 public:
@@ -34,8 +35,11 @@ public:
 	// Frees the name copy. Does not remove the handler from its looper.
 	virtual ~ZvHandler();
 
+	//@{
+	// Not copyable.
 	ZvHandler(const ZvHandler&) = delete;
 	ZvHandler& operator=(const ZvHandler&) = delete;
+	//@}
 
 	// Called by the looper for each message meant for this handler. The
 	// message stays the looper's: it is deleted after this returns. Does

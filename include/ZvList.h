@@ -45,11 +45,14 @@ protected:
 	static void DeleteLock(ZvLocker* lock);
 };
 
+// A growable list of pointers; see the file's description.
 template <class T> class ZvList : protected ZvListStorage
 {
 	static_assert(std::is_pointer<T>::value, "ZvList holds pointers");
 
 public:
+	// An empty list that grows by step slots at first (a step below 1 makes
+	// a list that stays empty).
 	explicit ZvList(int32 step = 16)
 	    : count(0), capacity(0), growStep(step), blockSize(step), defaultItem(nullptr),
 	      items(nullptr), lock(nullptr)
@@ -66,8 +69,11 @@ public:
 		}
 	}
 
+	//@{
+	// Not copyable.
 	ZvList(const ZvList&) = delete;
 	ZvList& operator=(const ZvList&) = delete;
+	//@}
 
 	// Frees the slot array (not the objects); the step is kept.
 	virtual void MakeEmpty()
@@ -78,6 +84,7 @@ public:
 		capacity = 0;
 	}
 
+	// The number of entries.
 	int32 CountItems() const { return count; }
 
 	// The entry at index, or defaultItem when index is out of range.
@@ -88,6 +95,7 @@ public:
 		return items[index];
 	}
 
+	// Appends item, growing the array when it is full.
 	void AddItem(T item)
 	{
 		count += 1;
@@ -128,13 +136,13 @@ public:
 		return taken;
 	}
 
-	int32 count;
-	int32 capacity;
-	int32 growStep;
-	int32 blockSize;
-	T defaultItem;
-	T* items;
-	ZvLocker* lock;
+	int32 count;     // Entries in use.
+	int32 capacity;  // Slots in the array.
+	int32 growStep;  // Slots the next growth adds (half the capacity, at least blockSize).
+	int32 blockSize; // The step the list was made with.
+	T defaultItem;   // What ItemAt and RemoveItem give out of range.
+	T* items;        // The slot array (null when empty), owned.
+	ZvLocker* lock;  // An optional lock, owned; deleted by the destructor.
 
 private:
 	// Moves the entries into a fresh array of newCapacity slots.

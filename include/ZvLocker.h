@@ -16,22 +16,35 @@
 
 #include <atomic>
 
+// A recursive lock that knows its owner; see the file's description.
 class ZV_EXPORT ZvLocker
 {
 public:
+	// An unlocked lock with its own semaphore ("ZvLocker").
 	ZvLocker();
+	// Deletes the semaphore (Kill).
 	virtual ~ZvLocker();
 
+	//@{
+	// Not copyable.
 	ZvLocker(const ZvLocker&) = delete;
 	ZvLocker& operator=(const ZvLocker&) = delete;
+	//@}
 
+	// Takes the lock, waiting as long as needed; the owner may lock again.
+	// False when the semaphore is gone.
 	bool Lock();
 	// 1 locked, 2 timed out, 0 failed; timeout in milliseconds, negative for
 	// practically for ever.
 	int32 LockWithTimeout(int32 timeout);
+	// Gives back one level; the last one frees the lock. Ignored when the
+	// caller is not the owner.
 	void Unlock();
+	// Whether some thread holds the lock (a snapshot).
 	bool IsLocked();
+	// The owner's number of levels, 0 when free (a snapshot).
 	int32 CountLock();
+	// Deletes the semaphore: every later or waiting Lock fails.
 	void Kill();
 
 private:

@@ -11,10 +11,11 @@
 // looper itself. A target that is not attached to this looper drops the
 // message (it is deleted without delivery).
 //
-// Ending: Quit from another thread, or a message whose what is
-// ZV_QUIT_REQUESTED ("QUIT") aimed at the looper itself, when QuitRequested
-// accepts it. When its loop ends, the looper's thread deletes the looper,
-// with the messages still queued.
+// Ending: Quit (from another thread, or from a handler running in the
+// looper's own thread), or a message whose what is ZV_QUIT_REQUESTED ("QUIT")
+// aimed at the looper itself, when QuitRequested accepts it. When its loop
+// ends, the looper's thread deletes the looper, with the messages still
+// queued (they are not dispatched).
 //
 // Ownership: the looper owns its queue and the queued messages; it never
 // owns its handlers. Once Run has been called, only the looper's own thread
@@ -27,10 +28,10 @@
 // HandlerAt, CountHandlers, IndexOfHandler and CurrentMessage take no
 // looper lock. Lock order: the looper's lock, then the queue's lock.
 //
-// Quit may be called from any other thread while the looper exists: from
-// the moment it deleted "fLooperAccess" the looper's thread may end and
-// delete the looper, and Quit never touches the object after that point
-// (see ZvLooper.cpp). A looper that ended through a "QUIT" message is gone:
+// Quit may be called from any thread while the looper exists: from the
+// moment it deleted "fLooperAccess" the looper's thread may end and delete
+// the looper, and Quit never touches the object after that point (see
+// ZvLooper.cpp). A looper that ended through a "QUIT" message is gone:
 // calling Quit on it, or posting to it, uses a deleted object and is the
 // caller's error (Quit then finds no live looper at that address and
 // returns false, but a new looper may have been built there).
@@ -60,6 +61,7 @@ struct zv_looper_life;
 // what of the quit request: the four bytes Q, U, I, T.
 const uint32 ZV_QUIT_REQUESTED = 0x51554954;
 
+// A message loop in a thread of its own; see the file's description.
 class ZV_EXPORT ZvLooper : public ZvHandler, public ZvLocker
 {
 public:
@@ -72,9 +74,13 @@ public:
 	// Starts the looper's thread ("ZvThread", the looper's priority). Returns
 	// whether the thread could be resumed.
 	bool Run();
-	// Ends the loop after the message in hand and waits for the looper's
-	// thread, which deletes the looper. Returns whether the wait succeeded.
-	// Call it from another thread, never from the looper's own.
+	// Ends the loop after the message in hand. From another thread it waits
+	// for the looper's thread, which deletes the looper, and returns whether
+	// the wait succeeded. From the looper's own thread (a handler's
+	// MessageReceived) it returns false at once, without waiting for
+	// itself: the messages still queued are not dispatched, and the looper
+	// is deleted once that handler returns. False too when no live looper
+	// is at this address.
 	bool Quit();
 	// Asked before a "QUIT" message ends the loop; always true.
 	bool QuitRequested();
@@ -93,6 +99,7 @@ public:
 	bool RemoveHandler(ZvHandler* handler);
 	// The index-th attached handler, or null out of range.
 	ZvHandler* HandlerAt(int32 index) const;
+	// The number of attached handlers.
 	int32 CountHandlers() const;
 	// Index of handler in the handler list, or -1.
 	int32 IndexOfHandler(ZvHandler* handler) const;

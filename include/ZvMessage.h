@@ -49,6 +49,7 @@
 
 #include <new>
 
+// One field of a ZvMessage: a name, a type code and an owned value block.
 class ZV_EXPORT ZvMessageItem
 {
 public:
@@ -66,6 +67,7 @@ public:
 	explicit ZvMessageItem(const ZvMessageItem* other);
 	~ZvMessageItem();
 
+	//@{
 	// Single objects (of derived classes too) come from the library's
 	// per-thread block cache, so that an object made on one thread and
 	// deleted on another, as every posted message is, costs no allocator
@@ -76,6 +78,7 @@ public:
 	static void operator delete(void* block, size_t size);
 	static void operator delete(void* block, const std::nothrow_t&) noexcept;
 	static void operator delete(void*, void*) noexcept {}
+	//@}
 
 	ZvMessageItem(const ZvMessageItem&) = delete;
 	ZvMessageItem& operator=(const ZvMessageItem&) = delete;
@@ -101,10 +104,10 @@ public:
 	// Dumps the item on standard output.
 	void PrintToStream() const;
 
-	type_code type;
-	int32 size;
-	uint8* data;
-	char name[64];
+	type_code type; // The field's type code.
+	int32 size;     // Bytes in data; never shrinks on replacement.
+	uint8* data;    // The value block, owned by the item (may be inline).
+	char name[64];  // The field's name, zero-terminated, at most 63 characters.
 
 private:
 	// Takes a copy of length bytes as the item's value.
@@ -117,9 +120,12 @@ private:
 	uint8 fInlineData[kInlineDataSize];
 };
 
+// A command code (what), a flags word and an ordered list of named, typed
+// fields; see the file's description.
 class ZV_EXPORT ZvMessage
 {
 public:
+	// An empty message with this what and flags 0.
 	explicit ZvMessage(uint32 what);
 	// The same for a plain int (a literal 0 or a four-character literal such
 	// as 'QUIT'), which would otherwise be ambiguous with the pointer forms.
@@ -133,8 +139,10 @@ public:
 	// An empty message, then the bounded Unflatten(flat, size): a malformed
 	// block leaves the message with what 0, flags 0 and no items.
 	ZvMessage(const void* flat, size_t size);
+	// Deletes the items and their blocks.
 	virtual ~ZvMessage();
 
+	//@{
 	// Single objects (of derived classes too) come from the library's
 	// per-thread block cache, so that an object made on one thread and
 	// deleted on another, as every posted message is, costs no allocator
@@ -145,16 +153,19 @@ public:
 	static void operator delete(void* block, size_t size);
 	static void operator delete(void* block, const std::nothrow_t&) noexcept;
 	static void operator delete(void*, void*) noexcept {}
+	//@}
 
 	// Empties this message, takes other's what and deep copies of its items;
 	// flags keep their value. Assigning a message to itself empties it.
 	ZvMessage& operator=(const ZvMessage& other);
 	// As operator= on *other; a null other changes nothing.
 	void Set(const ZvMessage* other);
+	// Stores the flags word (kept by assignment, not by the copy forms).
 	void SetFlags(uint32 flags);
 
 	// Deletes every item; what and flags are kept.
 	void MakeEmpty();
+	// Whether the message holds no item.
 	bool IsEmpty() const;
 
 	// Distinct names among the items of type (ZV_ANY_TYPE: of all items).
@@ -171,82 +182,131 @@ public:
 	// Deletes the index-th item called name, counting items of every type.
 	bool RemoveData(const char* name, int32 index);
 
-	// Merging appends: an item whose name exists becomes a further index.
-	// operator+= runs until it has appended as many items as the right-hand
-	// message holds, counted as it goes: adding a message to itself never
-	// ends.
+	// A copy of this message with copies of other's items appended. Merging
+	// appends: an item whose name exists becomes a further index. operator+=
+	// runs until it has appended as many items as the right-hand message
+	// holds, counted as it goes: adding a message to itself never ends.
 	ZvMessage operator+(const ZvMessage& other) const;
+	// Appends copies of other's items to this message.
 	ZvMessage& operator+=(const ZvMessage& other);
+	// A copy of this message without the items called name.
 	ZvMessage operator-(const char* name) const;
+	// Deletes the items called name, as RemoveName.
 	ZvMessage& operator-=(const char* name);
 
 	// Generic data operations. AddData refuses ZV_ANY_TYPE and null data;
 	// _AddData refuses only null data. FindData hands back the item's own
 	// block. ReplaceData reads max(size, stored size) bytes from data.
 	bool AddData(const char* name, type_code type, const void* data, int32 size);
+	// Hands back the index-th item of name and type (ZV_ANY_TYPE: of any
+	// type; index 0 without one): *data points to its block, *size gets its
+	// size when size is given. False when absent or data is null.
 	bool FindData(const char* name, type_code type, int32 index, const void** data,
 	              int32* size) const;
 	bool FindData(const char* name, type_code type, const void** data, int32* size) const;
+	// Replaces the index-th value of name and type (index 0 without one);
+	// false when absent or data is null.
 	bool ReplaceData(const char* name, type_code type, int32 index, const void* data, int32 size);
 	bool ReplaceData(const char* name, type_code type, const void* data, int32 size);
+	// Whether the index-th item of name and type exists (false for a null
+	// name).
 	bool HasData(const char* name, type_code type, int32 index) const;
 
+	// Appends an item of any type code, ZV_ANY_TYPE included; false only for
+	// null data.
 	bool _AddData(const char* name, type_code type, int32 size, const void* data);
+	// Hands back the index-th item of name and type itself in *item (false
+	// when absent or item is null).
 	bool _FindData(const char* name, type_code type, int32 index, ZvMessageItem** item) const;
+	// The item's ReplaceData on the index-th item of name and type: reads
+	// max(size, stored size) bytes from data. False when absent or data is
+	// null.
 	bool _ReplaceData(const char* name, type_code type, int32 index, int32 size, const void* data);
+	// Whether the index-th item of name and type exists.
 	bool _HasData(const char* name, type_code type, int32 index) const;
 
-	// Typed fields. Find matches the exact type code (no conversion between
-	// widths); Replace without an index works on index 0.
+	//@{
+	// bool fields ("BOOL", one byte). Typed fields: Add appends the value
+	// under name (always true); Find copies the index-th value of that name
+	// and type into *value (index 0 when none is given) and is false when
+	// there is none or the output is null; Replace overwrites that value
+	// (false when absent); Has tells whether it exists. Find matches the
+	// exact type code (no conversion between widths).
 	bool AddBool(const char* name, bool value);
 	bool FindBool(const char* name, int32 index, bool* value) const;
 	bool FindBool(const char* name, bool* value) const;
 	bool ReplaceBool(const char* name, int32 index, bool value);
 	bool ReplaceBool(const char* name, bool value);
 	bool HasBool(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
+	// int8 fields ("SI08", one byte), with the typed fields' Add, Find,
+	// Replace and Has as for bool.
 	bool AddInt8(const char* name, int8 value);
 	bool FindInt8(const char* name, int32 index, int8* value) const;
 	bool FindInt8(const char* name, int8* value) const;
 	bool ReplaceInt8(const char* name, int32 index, int8 value);
 	bool ReplaceInt8(const char* name, int8 value);
 	bool HasInt8(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
+	// int16 fields ("SI16", two bytes), with the typed fields' Add, Find,
+	// Replace and Has as for bool.
 	bool AddInt16(const char* name, int16 value);
 	bool FindInt16(const char* name, int32 index, int16* value) const;
 	bool FindInt16(const char* name, int16* value) const;
 	bool ReplaceInt16(const char* name, int32 index, int16 value);
 	bool ReplaceInt16(const char* name, int16 value);
 	bool HasInt16(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
+	// int32 fields ("SI32", four bytes), with the typed fields' Add, Find,
+	// Replace and Has as for bool.
 	bool AddInt32(const char* name, int32 value);
 	bool FindInt32(const char* name, int32 index, int32* value) const;
 	bool FindInt32(const char* name, int32* value) const;
 	bool ReplaceInt32(const char* name, int32 index, int32 value);
 	bool ReplaceInt32(const char* name, int32 value);
 	bool HasInt32(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
+	// int64 fields ("SI64", eight bytes), with the typed fields' Add, Find,
+	// Replace and Has as for bool.
 	bool AddInt64(const char* name, int64 value);
 	bool FindInt64(const char* name, int32 index, int64* value) const;
 	bool FindInt64(const char* name, int64* value) const;
 	bool ReplaceInt64(const char* name, int32 index, int64 value);
 	bool ReplaceInt64(const char* name, int64 value);
 	bool HasInt64(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
+	// float fields ("FT32"), with the typed fields' Add, Find,
+	// Replace and Has as for bool.
 	bool AddFloat(const char* name, float value);
 	bool FindFloat(const char* name, int32 index, float* value) const;
 	bool FindFloat(const char* name, float* value) const;
 	bool ReplaceFloat(const char* name, int32 index, float value);
 	bool ReplaceFloat(const char* name, float value);
 	bool HasFloat(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
+	// double fields ("FT64"), with the typed fields' Add, Find,
+	// Replace and Has as for bool.
 	bool AddDouble(const char* name, double value);
 	bool FindDouble(const char* name, int32 index, double* value) const;
 	bool FindDouble(const char* name, double* value) const;
 	bool ReplaceDouble(const char* name, int32 index, double value);
 	bool ReplaceDouble(const char* name, double value);
 	bool HasDouble(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
 	// Strings are stored with their terminator. FindString hands back the
 	// stored characters themselves; it refuses an item without a terminator.
 	bool AddString(const char* name, const char* string);
@@ -255,7 +315,9 @@ public:
 	bool ReplaceString(const char* name, int32 index, const char* string);
 	bool ReplaceString(const char* name, const char* string);
 	bool HasString(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
 	// The address value itself, in sizeof(void*) bytes.
 	bool AddPointer(const char* name, const void* pointer);
 	bool FindPointer(const char* name, int32 index, void** pointer) const;
@@ -263,7 +325,9 @@ public:
 	bool ReplacePointer(const char* name, int32 index, const void* pointer);
 	bool ReplacePointer(const char* name, const void* pointer);
 	bool HasPointer(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
 	// The colour's eight bytes as they lie.
 	bool AddColor(const char* name, const zv_color* color);
 	bool FindColor(const char* name, int32 index, zv_color* color) const;
@@ -271,7 +335,9 @@ public:
 	bool ReplaceColor(const char* name, int32 index, const zv_color* color);
 	bool ReplaceColor(const char* name, const zv_color* color);
 	bool HasColor(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
 	// A flattened deep copy. FindMessage unflattens it into message (emptied
 	// first; what and flags overwritten) and returns that result.
 	bool AddMessage(const char* name, const ZvMessage* message);
@@ -280,7 +346,9 @@ public:
 	bool ReplaceMessage(const char* name, int32 index, const ZvMessage* message);
 	bool ReplaceMessage(const char* name, const ZvMessage* message);
 	bool HasMessage(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
 	// Rectangles are stored as four doubles (left, top, right, bottom) and
 	// points as two (x, y), whatever the element type. Find converts: to
 	// float by rounding, to int32 and int16 by truncation toward zero. An
@@ -306,7 +374,11 @@ public:
 	bool ReplaceRect(const char* name, int32 index, ZvRect<int16> rect);
 	bool ReplaceRect(const char* name, ZvRect<int16> rect);
 	bool HasRect(const char* name, int32 index = 0) const;
+	//@}
 
+	//@{
+	// Points: stored as two doubles (x, y) and converted on Find as
+	// rectangles are.
 	bool AddPoint(const char* name, ZvPoint<double> point);
 	bool AddPoint(const char* name, ZvPoint<float> point);
 	bool AddPoint(const char* name, ZvPoint<int32> point);
@@ -328,6 +400,7 @@ public:
 	bool ReplacePoint(const char* name, int32 index, ZvPoint<int16> point);
 	bool ReplacePoint(const char* name, ZvPoint<int16> point);
 	bool HasPoint(const char* name, int32 index = 0) const;
+	//@}
 
 	// The flattened form: 12 + the sum of the items' Size().
 	int32 FlattenedSize() const;
@@ -348,7 +421,7 @@ public:
 	// Dumps the message on standard output.
 	void PrintToStream() const;
 
-	uint32 what;
+	uint32 what; // The command code.
 
 private:
 	ZvMessageItem* _FindItem(const char* name, type_code type, int32 index) const;
@@ -357,7 +430,7 @@ private:
 	uint32 fFlags;
 
 protected:
-	ZvList<ZvMessageItem*> items;
+	ZvList<ZvMessageItem*> items; // The fields, in order of addition; owned.
 };
 
 #endif // _ZV_MESSAGE_H

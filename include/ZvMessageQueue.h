@@ -64,9 +64,12 @@ enum zv_queue_policy
 	ZV_QUEUE_RELEASE_BELOW_BOUND = 1
 };
 
+// A looper's bounded message queue; see the file's description.
 class ZV_EXPORT ZvMessageQueue : public ZvLocker
 {
 public:
+	// An empty queue with the soft bound limit and its "_item_limit"
+	// semaphore.
 	explicit ZvMessageQueue(int32 limit);
 	// Kills the lock, deletes "_item_limit", then deletes the messages still
 	// queued, oldest first.
@@ -83,7 +86,10 @@ public:
 	// empty or its lock could not be taken.
 	ZvMessage* RemoveMessage();
 
+	// The number of queued messages (a snapshot; messages the loop has
+	// taken but not yet handed out still count).
 	int32 CountItems() const;
+	// Whether CountItems() is 0.
 	bool IsEmpty() const;
 
 	// Chooses the release policy; B_BAD_VALUE for an unknown one. Safe at

@@ -32,14 +32,19 @@ class ZvMessage;
 // what of the reply of a synchronous send: the four bytes N, O, N, E.
 const uint32 ZV_NO_REPLY = 0x4E4F4E45;
 
+// Names a handler and/or a looper to send to; see the file's description.
 class ZV_EXPORT ZvMessenger
 {
 public:
 	// Stores both as given; neither is checked.
 	ZvMessenger(ZvHandler* handler, ZvLooper* looper);
+	//@{
+	// Copies other's handler and looper.
 	ZvMessenger(const ZvMessenger& other);
 	ZvMessenger& operator=(const ZvMessenger& other);
+	//@}
 
+	// Sends a new message with this what, as described for the class.
 	void SendMessage(uint32 what);
 	// The message is copied by the looper; the caller keeps it.
 	void SendMessage(const ZvMessage* message);

@@ -18,9 +18,11 @@
 
 #include <ZvExport.h>
 
+// A bare owned byte string; see the file's description.
 class ZV_EXPORT ZvRString
 {
 public:
+	// No data (null), length 0.
 	ZvRString();
 
 	// Takes a copy of s (nothing for a null s).
@@ -38,9 +40,10 @@ public:
 	// Releases the data: data null, length 0.
 	void _free();
 
-	char* data;
-	uint32 length;
+	char* data;    // The bytes and a terminator, or null.
+	uint32 length; // Bytes in data, without the terminator.
 
+	// The shared zero that operator[] gives past the end; never written.
 	static const char mEmpty;
 };
 

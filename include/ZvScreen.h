@@ -19,12 +19,17 @@
 #include <ZvExport.h>
 #include <ZvGeometry.h>
 
+// The main screen, with its frame in whole pixels.
 class ZV_EXPORT ZvScreen : public BScreen
 {
 public:
+	// The main screen (B_MAIN_SCREEN_ID), read now.
 	ZvScreen();
+	// Nothing of its own to release.
 	~ZvScreen();
 
+	// The frame, truncated toward zero to int32 (saturated outside that
+	// range, a NaN gives 0); {0, 0, -1, -1} when the screen is not valid.
 	ZvRect<int32> Frame();
 };
 

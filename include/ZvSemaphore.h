@@ -14,6 +14,8 @@
 
 #include <ZvExport.h>
 
+// Static wrappers over the kernel kit's semaphores; see the file's
+// description.
 class ZV_EXPORT ZvSemaphore
 {
 public:
@@ -24,6 +26,7 @@ public:
 	static bool Delete(uint32 sem);
 	// 1 acquired, 2 timed out, 0 failed (bad or deleted semaphore).
 	static int32 Acquire(uint32 sem, int32 timeout);
+	// Gives back one unit; false for a bad or deleted semaphore.
 	static bool Release(uint32 sem);
 
 private:

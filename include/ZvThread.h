@@ -23,6 +23,8 @@ enum zv_thread_priority
 	ZV_REAL_TIME_PRIORITY = 2, // kernel priority 120
 };
 
+// Static wrappers over the kernel kit's threads; see the file's
+// description.
 class ZV_EXPORT ZvThread
 {
 public:
@@ -35,13 +37,17 @@ public:
 
 	// Always true; deliberately does nothing.
 	static bool Delete(uint32 thread);
+	// Starts a new thread or resumes a suspended one; false when the kernel
+	// refuses.
 	static bool Resume(uint32 thread);
+	// Suspends the thread wherever it runs; false when the kernel refuses.
 	static bool Suspend(uint32 thread);
 	// Waits for the thread to end; stores its exit value when exitValue is
 	// not null. On failure *exitValue is left untouched.
 	static bool Wait(uint32 thread, int32* exitValue);
 	// Kills a thread of the caller's own team; refuses any other.
 	static bool Terminate(uint32 thread);
+	// The calling thread's identifier.
 	static uint32 CurrentID();
 
 private:

@@ -37,9 +37,13 @@
 
 class ZvMessage;
 
+// Maps an org plane framed by a bounding box to a display plane and back;
+// see the file's description.
 class ZV_EXPORT ZvTransform
 {
 public:
+	// The defaults of Clear. BoundingBox() reads {-128, -128, 127, 127}, but
+	// the box's size stays zero until SetBoundingBox is called.
 	ZvTransform();
 	// Same as the default constructor: the archive is not read.
 	explicit ZvTransform(ZvMessage* archive);
@@ -50,37 +54,59 @@ public:
 	// Sets the box, derives origin (left, top) and size (right - left,
 	// bottom - top, no +1), then Reset().
 	void SetBoundingBox(ZvRect<double> box);
+	// The box as given.
 	ZvRect<double> BoundingBox() const;
 
+	// Sets the translation, a point of the org plane normalised to the box
+	// (so with a box away from the origin, (0, 0) is not neutral).
 	void SetTranslation(ZvPoint<double> translation);
+	// The translation as given.
 	ZvPoint<double> Translation() const;
 
 	// The shear values are normalised like a point of the org plane.
 	void SetShearing(ZvPoint<double> shearing);
+	// The shear as given.
 	ZvPoint<double> Shearing() const;
 
+	// Sets the scaling factors and centre (normalised coordinates; the
+	// centre does not move points).
 	void SetScaling(ZvPoint<double> factor, ZvPoint<double> center);
+	// The scaling factors as given.
 	ZvPoint<double> ScalingFactor() const;
+	// The scaling centre as given.
 	ZvPoint<double> ScalingCenter() const;
 
+	// Sets the rotation angle (radians) and centre (normalised coordinates;
+	// the centre does not move points).
 	void SetRotation(double angle, ZvPoint<double> center);
+	// The angle as given.
 	double RotationAngle() const;
+	// The rotation centre as given.
 	ZvPoint<double> RotationCenter() const;
 
 	// Maps the unit square's corners (0,0) (1,0) (1,1) (0,1) to the
 	// normalised quadrilateral; the getters return the points as given.
 	void SetTransform(ZvPoint<double> leftTop, ZvPoint<double> rightTop,
 	                  ZvPoint<double> rightBottom, ZvPoint<double> leftBottom);
+	//@{
+	// One corner of the quadrilateral, as given.
 	ZvPoint<double> TransformLeftTop() const;
 	ZvPoint<double> TransformRightTop() const;
 	ZvPoint<double> TransformRightBottom() const;
 	ZvPoint<double> TransformLeftBottom() const;
+	//@}
 
+	// Maps an org point to the display plane through the composite.
 	ZvPoint<double> Org2Dsp(ZvPoint<double> point) const;
+	// Maps a display point back through the forward matrices in reverse
+	// order (not an exact inverse).
 	ZvPoint<double> Dsp2Org(ZvPoint<double> point) const;
+	// Normalises an org point to the box: left-top (0, 0), right-bottom (1, 1).
 	ZvPoint<double> Org2Nrm(ZvPoint<double> point) const;
+	// The reverse of Org2Nrm.
 	ZvPoint<double> Nrm2Org(ZvPoint<double> point) const;
 
+	//@{
 	// Clear: the defaults (no translation or shear, scaling 1 and rotation 0
 	// about (0.5, 0.5), the unit square). Reset: re-applies the stored values
 	// through their setters. RecalcMatrix: rebuilds both composites; every
@@ -88,7 +114,9 @@ public:
 	void Clear();
 	void Reset();
 	void RecalcMatrix();
+	//@}
 
+	//@{
 	// Pointers to the nine doubles of each matrix, row by row.
 	double* TranslationMatrix() { return fTranslationMatrix; }
 	const double* TranslationMatrix() const { return fTranslationMatrix; }
@@ -106,10 +134,13 @@ public:
 	const double* RotationMatrix() const { return fRotationMatrix; }
 	double* RotationMatrixInverse() { return fRotationMatrixInverse; }
 	const double* RotationMatrixInverse() const { return fRotationMatrixInverse; }
+	//@}
+	//@{
 	// Read-only views of the composites and of the quadrilateral mapping.
 	const double* Matrix() const { return fMatrix; }
 	const double* MatrixInverse() const { return fMatrixInverse; }
 	const double* TransformMatrix() const { return fTransformMatrix; }
+	//@}
 
 private:
 	ZvRect<double> fBoundingBox;

@@ -3,8 +3,11 @@
 # the whole test suite in every configuration (default, ASan+UBSan, TSan,
 # i386, and the fuzz smoke runs), runs the default suite once more in checked
 # mode (ZVKIT_CHECKS=1, configuration "checks"), and ends with one summary
-# line. In checked mode every test must pass unchanged, and report lines may
-# come only from the tests listed in tests/checks/reporting-tests.txt.
+# line. The default configuration's tests include the consumer tests (install,
+# move the prefix, build against it with CMake and pkg-config) and the API
+# reference build; the TSan configuration's include a TSan-instrumented
+# consumer. In checked mode every test must pass unchanged, and report lines
+# may come only from the tests listed in tests/checks/reporting-tests.txt.
 #
 # CONFIGS="default asan" scripts/test-all.sh runs a subset.
 set -uo pipefail

@@ -927,6 +927,53 @@ TEST(ZvLooperTest, QuitFromTheLoopersOwnThreadEndsTheLoopAndReturnsFalse)
 	EXPECT_EQ(result.load(), 0);
 }
 
+TEST(ZvLooperTest, QuitFromTheLoopersOwnThreadSkipsTheQueueAndDeletesAfterTheHandler)
+{
+	zvtest::Watchdog watchdog(30s, "quit from inside, then the queue");
+	zvtest::Latch gone(1);
+	std::atomic<int32> destroyed{0};
+
+	// Quits on message 1 and records, under the handler's own lock, whether
+	// the looper was still alive when Quit returned.
+	class SelfQuitter : public ZvHandler
+	{
+	public:
+		explicit SelfQuitter(std::atomic<int32>* destroyed)
+		    : ZvHandler("quitter"), fDestroyed(destroyed)
+		{
+		}
+
+		void MessageReceived(ZvMessage* message) override
+		{
+			fWhats.push_back(message->what);
+			if (message->what == 1) {
+				fQuitResult = Looper()->Quit() ? 1 : 0;
+				fAliveAfterQuit = fDestroyed->load() == 0;
+			}
+		}
+
+		std::vector<uint32> fWhats;
+		int fQuitResult = -1;
+		bool fAliveAfterQuit = false;
+
+	private:
+		std::atomic<int32>* fDestroyed;
+	} quitter(&destroyed);
+
+	TestLooper* looper = new TestLooper(&destroyed, &gone);
+	looper->AddHandler(&quitter);
+	looper->PostMessage(1, &quitter);
+	looper->PostMessage(2, &quitter);
+	looper->PostMessage(3, &quitter);
+	ASSERT_TRUE(looper->Run());
+	ASSERT_TRUE(gone.WaitFor(20s));
+	// The looper's thread has ended: the handler's fields are settled.
+	EXPECT_EQ(quitter.fQuitResult, 0);
+	EXPECT_TRUE(quitter.fAliveAfterQuit);
+	EXPECT_EQ(quitter.fWhats, (std::vector<uint32>{1u}));
+	EXPECT_EQ(destroyed.load(), 1);
+}
+
 TEST(ZvLooperTest, LooperCallerOfNullReturnsZero)
 {
 	EXPECT_EQ(ZvLooper::LooperCaller(nullptr), 0);

@@ -163,6 +163,35 @@ TEST(ZvEvaluate, SquareRootDomainTestLooksBeneathTheArgument)
 	EXPECT_TRUE(std::isnan(result));
 }
 
+// The header's failure list names a negative value before SQRT, not a
+// negative argument: these pin both halves of that statement.
+TEST(ZvEvaluate, SquareRootOfMinusOneReturnsZeroWithNaN)
+{
+	double result = kSentinel;
+	ASSERT_EQ(ZV_Evaluate("SQRT(-1)", &result), 0);
+	EXPECT_TRUE(std::isnan(result));
+	result = kSentinel;
+	ASSERT_EQ(ZV_Evaluate("sqrt(-1)+1", &result), 0);
+	EXPECT_TRUE(std::isnan(result));
+}
+
+TEST(ZvEvaluate, NegativeValueBeforeSquareRootFailsAndLeavesTheResult)
+{
+	ExpectError("-1*SQRT(4)");
+	ExpectError("-1*SQRT(-1)");
+	ExpectValue("1*SQRT(4)", 2);
+}
+
+TEST(ZvEvaluate, InfiniteAndNaNResultsAreReturnedAsValues)
+{
+	double result = kSentinel;
+	ASSERT_EQ(ZV_Evaluate("EXP(1000)", &result), 0);
+	EXPECT_TRUE(std::isinf(result) && result > 0);
+	result = kSentinel;
+	ASSERT_EQ(ZV_Evaluate("(-8)^(1/3)", &result), 0);
+	EXPECT_TRUE(std::isnan(result));
+}
+
 TEST(ZvEvaluate, MalformedExpressionsFail)
 {
 	ExpectError("2(3)");
