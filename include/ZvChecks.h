@@ -26,6 +26,7 @@
 
 #include <ZvExport.h>
 
+// What the checks do: nothing, report, or report and abort.
 enum zv_checks_mode
 {
 	ZV_CHECKS_OFF = 0,

@@ -95,6 +95,7 @@ public:
 	// Chooses the release policy; B_BAD_VALUE for an unknown one. Safe at
 	// any time from any thread; removals after the call follow it.
 	status_t SetPolicy(zv_queue_policy policy);
+	// The release policy in force.
 	zv_queue_policy Policy() const;
 
 	// Adders blocked on "_item_limit" right now (a snapshot).
