@@ -174,6 +174,10 @@ private:
 	// how many.
 	int32 _TakeAhead(uint32 access);
 	void _Post(ZvMessage* message, const ZvHandler* handler);
+	// Checked mode, before a post: false (reported) when this looper is
+	// gone; reports a forwarded message and a post from the looper's own
+	// thread that will block for ever.
+	bool _CheckPost(const ZvMessage* message, const ZvHandler* handler);
 	// Checked mode: reports a message that already carries
 	// "_preferredhandler" from an earlier post.
 	void _CheckForwarded(const ZvMessage* message, const ZvHandler* handler) const;

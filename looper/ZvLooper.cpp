@@ -262,8 +262,8 @@ bool ZvLooper::QuitRequested()
 
 bool ZvLooper::PostMessage(uint32 what, const ZvHandler* handler)
 {
-	if (zvkit::internal::ChecksOn() &&
-	    !zvkit::internal::CheckLooperLive(this, "ZvLooper::PostMessage"))
+	// One look at the checks flag per post; everything else is out of line.
+	if (zvkit::internal::ChecksOn() && !_CheckPost(nullptr, handler))
 		return true;
 	_Post(new ZvMessage(what), handler);
 	return true;
@@ -271,13 +271,28 @@ bool ZvLooper::PostMessage(uint32 what, const ZvHandler* handler)
 
 bool ZvLooper::PostMessage(const ZvMessage* message, const ZvHandler* handler)
 {
-	if (zvkit::internal::ChecksOn() &&
-	    !zvkit::internal::CheckLooperLive(this, "ZvLooper::PostMessage"))
+	if (zvkit::internal::ChecksOn() && !_CheckPost(message, handler))
 		return true;
-	if (message != nullptr) {
-		if (zvkit::internal::ChecksOn())
-			_CheckForwarded(message, handler);
+	if (message != nullptr)
 		_Post(new ZvMessage(message), handler);
+	return true;
+}
+
+bool ZvLooper::_CheckPost(const ZvMessage* message, const ZvHandler* handler)
+{
+	// A looper that is gone: nothing of it may be read.
+	if (!zvkit::internal::CheckLooperLive(this, "ZvLooper::PostMessage"))
+		return false;
+	if (message != nullptr)
+		_CheckForwarded(message, handler);
+	if (fThread.load(std::memory_order_acquire) != 0 &&
+	    static_cast<uint32>(find_thread(nullptr)) == fThread.load(std::memory_order_acquire) &&
+	    fQueue->_WouldBlock()) {
+		zvkit::internal::CheckReport(
+		    "ZvLooper::PostMessage",
+		    "the looper's own thread posts while its queue holds %d messages, over the bound of "
+		    "%d; the post waits for a removal only this thread can make, and blocks for ever",
+		    fQueue->CountItems(), fQueueCapacity);
 	}
 	return true;
 }
@@ -587,15 +602,6 @@ int32 ZvLooper::_TakeAhead(uint32 access)
 
 void ZvLooper::_Post(ZvMessage* message, const ZvHandler* handler)
 {
-	if (zvkit::internal::ChecksOn() && fThread.load(std::memory_order_acquire) != 0 &&
-	    static_cast<uint32>(find_thread(nullptr)) == fThread.load(std::memory_order_acquire) &&
-	    fQueue->_WouldBlock()) {
-		zvkit::internal::CheckReport(
-		    "ZvLooper::PostMessage",
-		    "the looper's own thread posts while its queue holds %d messages, over the bound of "
-		    "%d; the post waits for a removal only this thread can make, and blocks for ever",
-		    fQueue->CountItems(), fQueueCapacity);
-	}
 	if (handler != nullptr)
 		message->AddPointer(kPreferredHandlerField, handler);
 	// Posting takes only the queue's lock, never the looper's, so a handler
