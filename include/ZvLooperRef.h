@@ -50,6 +50,8 @@ class LooperControl;
 class ReplySlot;
 } // namespace zvkit::internal
 
+// A safe name for a looper or a handler in its looper; see the file's
+// description.
 class ZV_EXPORT ZvLooperRef
 {
 public:
@@ -60,8 +62,11 @@ public:
 	// Names handler in its current attachment (null, or a handler that is
 	// not attached: nothing). The handler must be alive now.
 	explicit ZvLooperRef(const ZvHandler* handler);
+	//@{
+	// Names what other names.
 	ZvLooperRef(const ZvLooperRef& other);
 	ZvLooperRef& operator=(const ZvLooperRef& other);
+	//@}
 	~ZvLooperRef();
 
 	// False once the target is gone (see above). A true answer may be out
@@ -90,10 +95,12 @@ public:
 	status_t SendMessage(uint32 what, ZvMessage* reply,
 	                     bigtime_t timeout = B_INFINITE_TIMEOUT) const;
 
+	//@{
 	// Whether both refs name the same looper and the same handler (in the
-	// same attachment).
+	// same attachment), and the negation.
 	bool operator==(const ZvLooperRef& other) const;
 	bool operator!=(const ZvLooperRef& other) const { return !(*this == other); }
+	//@}
 
 private:
 	// Posts a copy of message, or a new message with what when message is
