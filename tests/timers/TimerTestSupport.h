@@ -1,0 +1,136 @@
+// TimerTestSupport.h: a handler that records what reaches it and when, and
+// a running looper around it, for the tests of runners and watches.
+#ifndef ZVKIT_TIMER_TEST_SUPPORT_H
+#define ZVKIT_TIMER_TEST_SUPPORT_H
+
+#include <ZvHandler.h>
+#include <ZvLooper.h>
+#include <ZvMessage.h>
+
+#include <OS.h>
+
+#include "TestSupport.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+namespace timer_test {
+
+// One message as it arrived.
+struct Receipt
+{
+	uint32 what;
+	int32 id;         // field "id", or -1
+	int32 descriptor; // field "_descriptor", or -1
+	int32 events;     // field "_events", or 0
+	bigtime_t time;   // system_time() on arrival
+};
+
+// Records every message; tests wait for a number of them with a bounded
+// wait. An optional action runs for each message in the looper's thread.
+class Recorder : public ZvHandler
+{
+public:
+	Recorder() : ZvHandler("recorder") {}
+
+	void MessageReceived(ZvMessage* message) override
+	{
+		Receipt receipt{message->what, -1, -1, 0, system_time()};
+		message->FindInt32("id", &receipt.id);
+		message->FindInt32("_descriptor", &receipt.descriptor);
+		message->FindInt32("_events", &receipt.events);
+		std::function<void(ZvMessage*)> action;
+		{
+			std::lock_guard<std::mutex> hold(fLock);
+			action = fAction;
+		}
+		if (action)
+			action(message);
+		std::lock_guard<std::mutex> hold(fLock);
+		fReceipts.push_back(receipt);
+		fChanged.notify_all();
+	}
+
+	void SetAction(std::function<void(ZvMessage*)> action)
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		fAction = std::move(action);
+	}
+
+	// True once count messages (whose what is what, 0: any) have arrived.
+	bool WaitFor(size_t count, uint32 what = 0,
+	             std::chrono::milliseconds limit = std::chrono::seconds(20))
+	{
+		std::unique_lock<std::mutex> hold(fLock);
+		return fChanged.wait_for(hold, limit, [&] { return _Count(what) >= count; });
+	}
+
+	size_t Count(uint32 what = 0) const
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		return _Count(what);
+	}
+
+	std::vector<Receipt> Receipts() const
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		return fReceipts;
+	}
+
+private:
+	size_t _Count(uint32 what) const
+	{
+		size_t count = 0;
+		for (const Receipt& receipt : fReceipts) {
+			if (what == 0 || receipt.what == what)
+				count++;
+		}
+		return count;
+	}
+
+	mutable std::mutex fLock;
+	std::condition_variable fChanged;
+	std::vector<Receipt> fReceipts;
+	std::function<void(ZvMessage*)> fAction;
+};
+
+// A running looper whose preferred handler is a Recorder; quit by the
+// destructor unless Quit was called.
+class RecordingLooper
+{
+public:
+	explicit RecordingLooper(int32 capacity = 100000)
+	    : fLooper(new ZvLooper("timer test", ZV_NORMAL_PRIORITY, capacity))
+	{
+		fLooper->AddHandler(&fRecorder);
+		fLooper->SetPreferredHandler(&fRecorder);
+		fLooper->Run();
+	}
+	~RecordingLooper()
+	{
+		if (fLooper != nullptr)
+			fLooper->Quit();
+	}
+	RecordingLooper(const RecordingLooper&) = delete;
+	RecordingLooper& operator=(const RecordingLooper&) = delete;
+
+	ZvLooper* Looper() const { return fLooper; }
+	Recorder& Handler() { return fRecorder; }
+	// Ends the looper (its thread deletes it); the recorder stays.
+	void Quit()
+	{
+		fLooper->Quit();
+		fLooper = nullptr;
+	}
+
+private:
+	Recorder fRecorder;
+	ZvLooper* fLooper;
+};
+
+} // namespace timer_test
+
+#endif // ZVKIT_TIMER_TEST_SUPPORT_H
