@@ -28,7 +28,8 @@ TimerEntry::TimerEntry(const ZvLooperRef& target, const ZvMessage* message, bigt
                        bigtime_t interval, int32 remaining, bool ownedByService)
     : fTarget(target), fMessage(new ZvMessage(message)), fOwnedByService(ownedByService),
       fService(nullptr), fStart(start), fInterval(interval), fTick(1), fRemaining(remaining),
-      fSkipped(0), fScheduled(false), fInFlight(false), fCancelled(false), fTargetGone(false)
+      fSkipped(0), fScheduled(false), fInFlight(false), fCountTaken(false), fCancelled(false),
+      fTargetGone(false)
 {
 }
 
@@ -108,6 +109,8 @@ bool TimerService::SetCount(TimerEntry* entry, int32 count)
 	if (entry->fTargetGone)
 		return false;
 	entry->fRemaining = count < 0 ? -1 : count;
+	// A post in flight no longer counts against the new count.
+	entry->fCountTaken = false;
 	if (count == 0) {
 		_Unschedule(entry);
 	} else if (!entry->fScheduled && !entry->fInFlight) {
@@ -163,6 +166,11 @@ void TimerService::_Run()
 		entry->fScheduled = false;
 		entry->fInFlight = true;
 		fInFlight = entry;
+		// Counted before the post, so that once the message is queued the
+		// count left already says so; given back if the post is skipped.
+		entry->fCountTaken = entry->fRemaining > 0;
+		if (entry->fCountTaken)
+			entry->fRemaining--;
 		// A late post is made once; the ticks it missed are dropped.
 		entry->fTick = NextTick(entry->fStart, entry->fInterval, entry->fTick, now);
 
@@ -173,14 +181,13 @@ void TimerService::_Run()
 
 		entry->fInFlight = false;
 		fInFlight = nullptr;
-		if (status == B_OK) {
-			if (entry->fRemaining > 0)
-				entry->fRemaining--;
-		} else if (status == B_BAD_VALUE) {
+		if (status == B_BAD_VALUE) {
 			entry->fTargetGone = true;
 			entry->fRemaining = 0;
-		} else {
+		} else if (status != B_OK) {
 			entry->fSkipped++;
+			if (entry->fCountTaken)
+				entry->fRemaining++;
 		}
 
 		if (entry->fCancelled) {

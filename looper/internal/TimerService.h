@@ -73,6 +73,8 @@ private:
 	int64 fSkipped;
 	bool fScheduled;
 	bool fInFlight;
+	// The post in flight took one from fRemaining.
+	bool fCountTaken;
 	bool fCancelled;
 	bool fTargetGone;
 };
