@@ -39,3 +39,16 @@ function(zvkit_source_folders out dir)
     endforeach()
     set(${out} ${names} PARENT_SCOPE)
 endfunction()
+
+# Common settings of one subsystem of libzvkit, an object library whose
+# objects go into the shared library: position-independent code, the
+# library's own warnings, and the source root on the include path so that
+# private headers are named by their folder ("base/internal/Spin.h").
+# What a subsystem may use is what it links: only the layers below it.
+function(zvkit_subsystem target)
+    set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+    target_compile_definitions(${target} PRIVATE ZVKIT_BUILDING)
+    zvkit_set_warnings(${target})
+    set_property(GLOBAL APPEND PROPERTY ZVKIT_SUBSYSTEM_TARGETS ${target})
+endfunction()

@@ -5,7 +5,7 @@
 
 #include <SupportDefs.h>
 
-namespace zv_datasub {
+namespace zvkit::internal {
 
 // Flags word.
 constexpr uint32 kModeMask = 0x0000000F;
@@ -47,6 +47,6 @@ inline bool Propagates(uint32 flags)
 	return (flags & (kLocalOnlyMask | kNeverRegisteredMask)) == 0;
 }
 
-} // namespace zv_datasub
+} // namespace zvkit::internal
 
 #endif // _ZV_DATA_FLAGS_H

@@ -13,7 +13,7 @@ ZvDataLinkerSubscriberA::~ZvDataLinkerSubscriberA() {}
 
 void ZvDataLinkerSubscriberA::EventReceived(uint32 what)
 {
-	if (fLinker != NULL)
+	if (fLinker != nullptr)
 		fLinker->DL_ConvertAB(fLinker->DL_SubscriberA(), fLinker->DL_SubscriberB(), what);
 }
 
@@ -27,11 +27,11 @@ ZvDataLinkerSubscriberB::~ZvDataLinkerSubscriberB() {}
 
 void ZvDataLinkerSubscriberB::EventReceived(uint32 what)
 {
-	if (fLinker != NULL)
+	if (fLinker != nullptr)
 		fLinker->DL_ConvertBA(fLinker->DL_SubscriberA(), fLinker->DL_SubscriberB(), what);
 }
 
-ZvDataLinker::ZvDataLinker(const char* nameA, const char* nameB) : fSideA(NULL), fSideB(NULL)
+ZvDataLinker::ZvDataLinker(const char* nameA, const char* nameB) : fSideA(nullptr), fSideB(nullptr)
 {
 	// Side A is complete before side B exists.
 	fSideA = new ZvDataLinkerSubscriberA(nameA, 0, this);
@@ -51,7 +51,7 @@ namespace {
 // attribute. The copy takes no lock; the event takes to's semaphore.
 status_t CopyAndSend(ZvDataSubscriber* from, ZvDataSubscriber* to, uint32 what)
 {
-	if (from == NULL || to == NULL)
+	if (from == nullptr || to == nullptr)
 		return -1;
 	*to = *from;
 	return to->DS_SendEvent(what);

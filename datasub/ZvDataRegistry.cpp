@@ -6,15 +6,16 @@
 
 #include "DataFlags.h"
 #include "RegistryGuard.h"
+#include "base/internal/Semaphores.h"
 
 #include <pthread.h>
 #include <string.h>
 
 #include <new>
 
-using namespace zv_datasub;
+using namespace zvkit::internal;
 
-ZvDataRegistry* zv_registry = NULL;
+ZvDataRegistry* zv_registry = nullptr;
 
 namespace {
 
@@ -26,7 +27,7 @@ const int32 kEntryListStep = 20;
 
 } // namespace
 
-namespace zv_datasub {
+namespace zvkit::internal {
 
 void LockRegistryGuard()
 {
@@ -38,7 +39,7 @@ void UnlockRegistryGuard()
 	pthread_mutex_unlock(&sRegistryGuard);
 }
 
-} // namespace zv_datasub
+} // namespace zvkit::internal
 
 ZvDataRegistry::ZvDataRegistry() : fEntries(kEntryListStep), fLockDepth(0) {}
 
@@ -80,36 +81,37 @@ void ZvDataRegistry::DR_Unlock()
 
 zv_data_registry_entry* ZvDataRegistry::dr_FindEntry(const char* name)
 {
-	if (name == NULL)
-		return NULL;
+	if (name == nullptr)
+		return nullptr;
 	const int32 count = fEntries.CountItems();
 	for (int32 i = 0; i < count; i++) {
 		zv_data_registry_entry* entry = fEntries.ItemAt(i);
-		if (entry != NULL && strcmp(entry->name, name) == 0)
+		if (entry != nullptr && strcmp(entry->name, name) == 0)
 			return entry;
 	}
-	return NULL;
+	return nullptr;
 }
 
 status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 {
-	if (subscriber == NULL)
+	if (subscriber == nullptr)
 		return -1;
 	const uint32 flags = subscriber->fFlags.load(std::memory_order_relaxed);
 	if (NeverRegistered(flags))
 		return -1;
 	// A subscriber that has no name, or that is already in a chain, would
 	// corrupt the chains (linking it twice makes a cycle).
-	if (!subscriber->ds_HasName() || subscriber->fSemaphore.load(std::memory_order_relaxed) != 0)
+	if (!subscriber->ds_HasName() ||
+	    subscriber->fSemaphore.load(std::memory_order_relaxed) != kNoSemaphore)
 		return -1;
 
 	zv_data_registry_entry* entry = dr_FindEntry(subscriber->fName);
-	if (entry == NULL) {
+	if (entry == nullptr) {
 		entry = new (std::nothrow) zv_data_registry_entry;
-		if (entry == NULL)
+		if (entry == nullptr)
 			return -1;
 		const uint32 sem = ZvSemaphore::Create(1, subscriber->fName);
-		if (sem == 0) {
+		if (sem == kNoSemaphore) {
 			delete entry;
 			return -1;
 		}
@@ -118,8 +120,8 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 		entry->firstSubscriber = subscriber;
 		entry->semaphore = sem;
 		fEntries.AddItem(entry);
-		subscriber->fPrevious = NULL;
-		subscriber->fNext = NULL;
+		subscriber->fPrevious = nullptr;
+		subscriber->fNext = nullptr;
 		subscriber->fSemaphore.store(sem, std::memory_order_relaxed);
 		// The first subscriber of an attribute has nobody to exchange data
 		// with, whatever its flags.
@@ -130,25 +132,25 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 	// The semaphore keeps propagations in progress on this attribute from
 	// seeing the chain while it changes, and serialises the initial data
 	// exchange with them.
-	if (ZvSemaphore::Acquire(entry->semaphore, -1) != 1)
+	if (AcquireSemaphore(entry->semaphore, -1) != WaitResult::kAcquired)
 		return -1;
 
 	const bool joinsExchange = ReceivesUpdates(flags);
 	const uint32 join = flags & kJoinMask;
 	if (joinsExchange && join == 0) {
 		ZvDataSubscriber* source = entry->firstSubscriber;
-		while (source != NULL && !CanBeSource(source->fFlags.load(std::memory_order_relaxed)))
+		while (source != nullptr && !CanBeSource(source->fFlags.load(std::memory_order_relaxed)))
 			source = source->fNext;
-		if (source != NULL)
+		if (source != nullptr)
 			source->ds_DoAppUpdateSub(subscriber, kTouchedAll, notify);
 	}
 
 	subscriber->fSemaphore.store(entry->semaphore, std::memory_order_relaxed);
 	subscriber->fNext = entry->firstSubscriber;
-	if (entry->firstSubscriber != NULL)
+	if (entry->firstSubscriber != nullptr)
 		entry->firstSubscriber->fPrevious = subscriber;
 	entry->firstSubscriber = subscriber;
-	subscriber->fPrevious = NULL;
+	subscriber->fPrevious = nullptr;
 
 	if (joinsExchange && join == kJoinPush)
 		subscriber->ds_DoAppUpdate(kTouchedAll, notify);
@@ -160,27 +162,27 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 
 status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 {
-	if (subscriber == NULL)
+	if (subscriber == nullptr)
 		return -1;
 	const uint32 sem = subscriber->fSemaphore.load(std::memory_order_relaxed);
-	if (NeverRegistered(subscriber->fFlags.load(std::memory_order_relaxed)) || sem == 0)
+	if (NeverRegistered(subscriber->fFlags.load(std::memory_order_relaxed)) || sem == kNoSemaphore)
 		return -1;
-	if (ZvSemaphore::Acquire(sem, -1) != 1)
+	if (AcquireSemaphore(sem, -1) != WaitResult::kAcquired)
 		return -1;
 
 	zv_data_registry_entry* entry =
-	    subscriber->ds_HasName() ? dr_FindEntry(subscriber->fName) : NULL;
+	    subscriber->ds_HasName() ? dr_FindEntry(subscriber->fName) : nullptr;
 
-	if (subscriber->fNext != NULL || subscriber->fPrevious != NULL) {
-		if (entry != NULL && entry->firstSubscriber == subscriber)
+	if (subscriber->fNext != nullptr || subscriber->fPrevious != nullptr) {
+		if (entry != nullptr && entry->firstSubscriber == subscriber)
 			entry->firstSubscriber = subscriber->fNext;
-		if (subscriber->fNext != NULL)
+		if (subscriber->fNext != nullptr)
 			subscriber->fNext->fPrevious = subscriber->fPrevious;
-		if (subscriber->fPrevious != NULL)
+		if (subscriber->fPrevious != nullptr)
 			subscriber->fPrevious->fNext = subscriber->fNext;
-		subscriber->fNext = NULL;
-		subscriber->fPrevious = NULL;
-		subscriber->fSemaphore.store(0, std::memory_order_relaxed);
+		subscriber->fNext = nullptr;
+		subscriber->fPrevious = nullptr;
+		subscriber->fSemaphore.store(kNoSemaphore, std::memory_order_relaxed);
 		ZvSemaphore::Release(sem);
 		subscriber->DS_Subscribed(false);
 		return 0;
@@ -189,7 +191,7 @@ status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 	// The attribute's last subscriber. Without its entry the semaphore stays
 	// held: the attribute is in a state nobody can repair, and keeping it
 	// locked stops any further use of it.
-	if (entry == NULL)
+	if (entry == nullptr)
 		return -1;
 
 	const int32 count = fEntries.CountItems();
@@ -201,7 +203,7 @@ status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 	}
 	// Deleting the held semaphore wakes any late waiter with a failure.
 	ZvSemaphore::Delete(sem);
-	subscriber->fSemaphore.store(0, std::memory_order_relaxed);
+	subscriber->fSemaphore.store(kNoSemaphore, std::memory_order_relaxed);
 	delete entry;
 	subscriber->DS_Subscribed(false);
 	return 0;
@@ -209,26 +211,27 @@ status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 
 bool ZvDataRegistry::DR_SubscriberSubscribed(ZvDataSubscriber* subscriber)
 {
-	if (subscriber == NULL || NeverRegistered(subscriber->fFlags.load(std::memory_order_relaxed)) ||
+	if (subscriber == nullptr ||
+	    NeverRegistered(subscriber->fFlags.load(std::memory_order_relaxed)) ||
 	    !subscriber->ds_HasName())
 		return false;
 
 	// Unlike the other lookups, this one gives up at the first empty entry.
-	zv_data_registry_entry* entry = NULL;
+	zv_data_registry_entry* entry = nullptr;
 	const int32 count = fEntries.CountItems();
 	for (int32 i = 0; i < count; i++) {
 		zv_data_registry_entry* candidate = fEntries.ItemAt(i);
-		if (candidate == NULL)
+		if (candidate == nullptr)
 			return false;
 		if (strcmp(candidate->name, subscriber->fName) == 0) {
 			entry = candidate;
 			break;
 		}
 	}
-	if (entry == NULL)
+	if (entry == nullptr)
 		return false;
 
-	for (ZvDataSubscriber* member = entry->firstSubscriber; member != NULL;
+	for (ZvDataSubscriber* member = entry->firstSubscriber; member != nullptr;
 	     member = member->fNext) {
 		if (member == subscriber)
 			return true;
@@ -239,13 +242,13 @@ bool ZvDataRegistry::DR_SubscriberSubscribed(ZvDataSubscriber* subscriber)
 status_t ZvDataRegistry::DR_UnSubscribeAllExceptServer(const char* name)
 {
 	zv_data_registry_entry* entry = dr_FindEntry(name);
-	if (entry == NULL)
+	if (entry == nullptr)
 		return 0;
 
 	// Only the saved links are used once the walk has started: the last
 	// removal deletes the entry, and may delete this registry as well.
 	ZvDataSubscriber* subscriber = entry->firstSubscriber;
-	while (subscriber != NULL) {
+	while (subscriber != nullptr) {
 		ZvDataSubscriber* next = subscriber->fNext;
 		if ((subscriber->fFlags.load(std::memory_order_relaxed) & kServerMask) == 0)
 			subscriber->DS_UnSubscribe();
@@ -261,10 +264,10 @@ int32 ZvDataRegistry::DR_CountAttributes()
 
 status_t ZvDataRegistry::DR_AttributeAt(int32 index, char* buffer)
 {
-	if (index < 0 || index >= fEntries.CountItems() || buffer == NULL)
+	if (index < 0 || index >= fEntries.CountItems() || buffer == nullptr)
 		return -1;
 	const zv_data_registry_entry* entry = fEntries.ItemAt(index);
-	if (entry == NULL)
+	if (entry == nullptr)
 		return -1;
 	strcpy(buffer, entry->name);
 	return 0;

@@ -12,13 +12,14 @@
 
 #include "DataFlags.h"
 #include "RegistryGuard.h"
+#include "base/internal/Semaphores.h"
 
 #include <stdio.h>
 #include <string.h>
 
 #include <new>
 
-using namespace zv_datasub;
+using namespace zvkit::internal;
 
 namespace {
 
@@ -41,10 +42,10 @@ const char* const kArchiveMessage = "DS_MESSAGE";
 char* NewNameBuffer(const char* name)
 {
 	char* buffer = new (std::nothrow) char[kNameBufferSize];
-	if (buffer == NULL)
-		return NULL;
+	if (buffer == nullptr)
+		return nullptr;
 	memset(buffer, 0, kNameBufferSize);
-	if (name != NULL)
+	if (name != nullptr)
 		strncpy(buffer, name, kNameBufferSize - 1);
 	return buffer;
 }
@@ -61,15 +62,15 @@ class ZvDataSubscriber::Access
 {
 public:
 	explicit Access(const ZvDataSubscriber* subscriber)
-	    : fSem(subscriber->ds_InEvent() ? 0
+	    : fSem(subscriber->ds_InEvent() ? kNoSemaphore
 	                                    : subscriber->fSemaphore.load(std::memory_order_relaxed)),
 	      fHeld(false)
 	{
 		// The identifier is saved: an unsubscription may clear the
 		// subscriber's copy, but it can only do so while holding the
 		// semaphore, so never while this operation holds it.
-		if (fSem != 0)
-			fHeld = ZvSemaphore::Acquire(fSem, -1) == 1;
+		if (fSem != kNoSemaphore)
+			fHeld = AcquireSemaphore(fSem, -1) == WaitResult::kAcquired;
 	}
 
 	~Access()
@@ -82,7 +83,7 @@ public:
 	Access& operator=(const Access&) = delete;
 
 	// The semaphore could not be had (it was deleted meanwhile).
-	bool Failed() const { return fSem != 0 && !fHeld; }
+	bool Failed() const { return fSem != kNoSemaphore && !fHeld; }
 	bool Locked() const { return fHeld; }
 
 private:
@@ -91,14 +92,14 @@ private:
 };
 
 ZvDataSubscriber::ZvDataSubscriber(const char* name, uint32 flags)
-    : fInteger(0), fFloat(0.0), fString(NULL), fRaw(NULL), fRawSize(0), fMessage(NULL),
-      fValid(false), fEventThread(kNoEventThread), fSemaphore(0), fName(NULL), fEventTarget(NULL),
-      fEventMessage(NULL), fFlags(0), fNext(NULL), fPrevious(NULL)
+    : fInteger(0), fFloat(0.0), fString(nullptr), fRaw(nullptr), fRawSize(0), fMessage(nullptr),
+      fValid(false), fEventThread(kNoEventThread), fSemaphore(0), fName(nullptr),
+      fEventTarget(nullptr), fEventMessage(nullptr), fFlags(0), fNext(nullptr), fPrevious(nullptr)
 {
-	if (name == NULL || name[0] == '\0')
+	if (name == nullptr || name[0] == '\0')
 		return;
 	fName = NewNameBuffer(name);
-	if (fName == NULL)
+	if (fName == nullptr)
 		return;
 	fValid = true;
 	DS_Subscribe(flags, true);
@@ -121,19 +122,19 @@ void ZvDataSubscriber::DS_Subscribed(bool) {}
 
 bool ZvDataSubscriber::ds_InEvent() const
 {
-	return fEventThread.load(std::memory_order_relaxed) == find_thread(NULL);
+	return fEventThread.load(std::memory_order_relaxed) == find_thread(nullptr);
 }
 
 bool ZvDataSubscriber::ds_HasName() const
 {
-	return fValid && fName != NULL;
+	return fValid && fName != nullptr;
 }
 
 // #pragma mark - Name and subscription
 
 const char* ZvDataSubscriber::DS_AttributeName()
 {
-	return fValid ? fName : NULL;
+	return fValid ? fName : nullptr;
 }
 
 status_t ZvDataSubscriber::DS_SetAttributeName(const char* name)
@@ -141,18 +142,13 @@ status_t ZvDataSubscriber::DS_SetAttributeName(const char* name)
 	RegistryGuard guard;
 	// Renaming needs an existing registry, even for a subscriber that never
 	// subscribed: it is the registry that says whether it is subscribed.
-	ZvDataRegistry* registry = zv_registry;
-	if (registry == NULL || !registry->DR_Lock())
+	LockedRegistry registry(zv_registry);
+	if (!registry.IsLocked() || registry->DR_SubscriberSubscribed(this))
 		return -1;
-	if (registry->DR_SubscriberSubscribed(this)) {
-		registry->DR_Unlock();
-		return -1;
-	}
 	delete[] fName;
 	fName = NewNameBuffer(name);
 	// An empty name is accepted here, unlike in the constructor.
-	fValid = fName != NULL && name != NULL;
-	registry->DR_Unlock();
+	fValid = fName != nullptr && name != nullptr;
 	return fValid ? 0 : -1;
 }
 
@@ -163,25 +159,21 @@ status_t ZvDataSubscriber::DS_Subscribe(uint32 flags, bool notify)
 	fFlags.store(flags, std::memory_order_relaxed);
 
 	RegistryGuard guard;
-	if (zv_registry == NULL) {
+	if (zv_registry == nullptr) {
 		zv_registry = new (std::nothrow) ZvDataRegistry;
-		if (zv_registry == NULL)
+		if (zv_registry == nullptr)
 			return -1;
 	}
-	ZvDataRegistry* registry = zv_registry;
-	if (!registry->DR_Lock())
+	LockedRegistry registry(zv_registry);
+	if (!registry.IsLocked())
 		return -1;
 	if (registry->DR_SubscriberSubscribed(this)) {
 		fprintf(stderr, "ZvDataSubscriber::Subscribe(): Already subscribed.\n");
-		registry->DR_Unlock();
 		return -1;
 	}
-	if (registry->DR_Subscribe(this, notify) == 0) {
-		registry->DR_Unlock();
+	if (registry->DR_Subscribe(this, notify) == 0)
 		return 0;
-	}
 	fprintf(stderr, "ZvDataSubscriber::Subscribe(): Subscription failed.\n");
-	registry->DR_Unlock();
 	return -1;
 }
 
@@ -191,16 +183,11 @@ status_t ZvDataSubscriber::DS_UnSubscribe()
 		return -1;
 
 	RegistryGuard guard;
-	ZvDataRegistry* registry = zv_registry;
-	if (registry == NULL || !registry->DR_Lock())
+	LockedRegistry registry(zv_registry);
+	if (!registry.IsLocked() || !registry->DR_SubscriberSubscribed(this))
 		return -1;
-	if (!registry->DR_SubscriberSubscribed(this)) {
-		registry->DR_Unlock();
-		return -1;
-	}
 	if (registry->DR_UnSubscribe(this) != 0) {
 		fprintf(stderr, "ZvDataSubscriber::ZvDataSubscriber(): Unsubscription failed.\n");
-		registry->DR_Unlock();
 		return -1;
 	}
 	if (registry->DR_CountAttributes() == 0) {
@@ -208,10 +195,11 @@ status_t ZvDataSubscriber::DS_UnSubscribe()
 		// still locked; its destructor gives back the lock levels this
 		// thread holds. The guard keeps every other thread from reaching
 		// it meanwhile.
-		zv_registry = NULL;
-		delete registry;
-	} else
-		registry->DR_Unlock();
+		ZvDataRegistry* last = registry.Get();
+		registry.Forget();
+		zv_registry = nullptr;
+		delete last;
+	}
 	return 0;
 }
 
@@ -220,12 +208,8 @@ bool ZvDataSubscriber::DS_IsSubscribed()
 	if (!fValid)
 		return false;
 	RegistryGuard guard;
-	ZvDataRegistry* registry = zv_registry;
-	if (registry == NULL || !registry->DR_Lock())
-		return false;
-	const bool subscribed = registry->DR_SubscriberSubscribed(this);
-	registry->DR_Unlock();
-	return subscribed;
+	LockedRegistry registry(zv_registry);
+	return registry.IsLocked() && registry->DR_SubscriberSubscribed(this);
 }
 
 // #pragma mark - Storing data
@@ -233,24 +217,24 @@ bool ZvDataSubscriber::DS_IsSubscribed()
 void ZvDataSubscriber::ds_StoreString(const char* string)
 {
 	delete[] fString;
-	fString = NULL;
-	if (string == NULL)
+	fString = nullptr;
+	if (string == nullptr)
 		return;
 	const size_t size = strlen(string) + 1;
 	fString = new (std::nothrow) char[size];
-	if (fString != NULL)
+	if (fString != nullptr)
 		memcpy(fString, string, size);
 }
 
 void ZvDataSubscriber::ds_StoreRaw(const void* data, int32 size)
 {
 	delete[] static_cast<char*>(fRaw);
-	fRaw = NULL;
+	fRaw = nullptr;
 	fRawSize = 0;
-	if (data == NULL || size <= 0)
+	if (data == nullptr || size <= 0)
 		return;
 	char* block = new (std::nothrow) char[size];
-	if (block == NULL)
+	if (block == nullptr)
 		return;
 	memcpy(block, data, size);
 	fRaw = block;
@@ -259,14 +243,14 @@ void ZvDataSubscriber::ds_StoreRaw(const void* data, int32 size)
 
 void ZvDataSubscriber::ds_StoreMessage(const BMessage* message)
 {
-	if (message == NULL) {
+	if (message == nullptr) {
 		delete fMessage;
-		fMessage = NULL;
+		fMessage = nullptr;
 		return;
 	}
-	if (fMessage == NULL)
+	if (fMessage == nullptr)
 		fMessage = new (std::nothrow) BMessage;
-	if (fMessage != NULL && fMessage != message)
+	if (fMessage != nullptr && fMessage != message)
 		*fMessage = *message;
 }
 
@@ -319,7 +303,7 @@ status_t ZvDataSubscriber::DS_SetStringData(const char* string, bool notify)
 	// A null string clears the value, and the clearing is published too.
 	ds_StoreString(string);
 	ds_Publish(access, kTouchedString, notify);
-	return string != NULL ? 0 : -1;
+	return string != nullptr ? 0 : -1;
 }
 
 status_t ZvDataSubscriber::DS_SetRAWData(const void* data, int32 size, bool notify)
@@ -331,7 +315,7 @@ status_t ZvDataSubscriber::DS_SetRAWData(const void* data, int32 size, bool noti
 		return -1;
 	ds_StoreRaw(data, size);
 	ds_Publish(access, kTouchedRaw, notify);
-	return fRaw != NULL ? 0 : -1;
+	return fRaw != nullptr ? 0 : -1;
 }
 
 status_t ZvDataSubscriber::DS_SetMessageData(BMessage* message, bool notify)
@@ -342,15 +326,15 @@ status_t ZvDataSubscriber::DS_SetMessageData(BMessage* message, bool notify)
 	if (access.Failed())
 		return -1;
 	// A null message changes nothing, but the propagation still runs.
-	if (message != NULL)
+	if (message != nullptr)
 		ds_StoreMessage(message);
 	ds_Publish(access, kTouchedMessage, notify);
-	return message != NULL ? 0 : -1;
+	return message != nullptr ? 0 : -1;
 }
 
 status_t ZvDataSubscriber::DS_SendEvent(uint32 what)
 {
-	if (!fValid || ds_InEvent() || fSemaphore.load(std::memory_order_relaxed) == 0)
+	if (!fValid || ds_InEvent() || fSemaphore.load(std::memory_order_relaxed) == kNoSemaphore)
 		return -1;
 	Access access(this);
 	if (access.Failed())
@@ -366,7 +350,7 @@ status_t ZvDataSubscriber::DS_SendEvent(uint32 what)
 
 status_t ZvDataSubscriber::DS_IntegerData(int64* value)
 {
-	if (!fValid || value == NULL)
+	if (!fValid || value == nullptr)
 		return -1;
 	Access access(this);
 	if (access.Failed())
@@ -383,7 +367,7 @@ int64 ZvDataSubscriber::DS_IntegerData()
 
 status_t ZvDataSubscriber::DS_FloatData(double* value)
 {
-	if (!fValid || value == NULL)
+	if (!fValid || value == nullptr)
 		return -1;
 	Access access(this);
 	if (access.Failed())
@@ -403,7 +387,7 @@ status_t ZvDataSubscriber::DS_StringData(char* buffer, int32 length)
 	if (!fValid)
 		return -1;
 	Access access(this);
-	if (access.Failed() || fString == NULL || buffer == NULL)
+	if (access.Failed() || fString == nullptr || buffer == nullptr)
 		return -1;
 	const size_t stringLength = strlen(fString);
 	if (length < 0)
@@ -425,9 +409,9 @@ status_t ZvDataSubscriber::DS_StringDataSize(int32* size)
 		return -1;
 	// The direct path refuses a null size; the locked path ignores it. Both
 	// leave size alone when there is no string.
-	if (!access.Locked() && size == NULL)
+	if (!access.Locked() && size == nullptr)
 		return -1;
-	if (size != NULL && fString != NULL)
+	if (size != nullptr && fString != nullptr)
 		*size = static_cast<int32>(strlen(fString));
 	return 0;
 }
@@ -443,7 +427,7 @@ status_t ZvDataSubscriber::DS_RAWData(void* buffer, int32 length)
 	if (!fValid)
 		return -1;
 	Access access(this);
-	if (access.Failed() || fRaw == NULL || buffer == NULL)
+	if (access.Failed() || fRaw == nullptr || buffer == nullptr)
 		return -1;
 	if (length < 0)
 		length = fRawSize;
@@ -462,9 +446,9 @@ status_t ZvDataSubscriber::DS_RAWDataSize(int32* size)
 	Access access(this);
 	if (access.Failed())
 		return -1;
-	if (!access.Locked() && size == NULL)
+	if (!access.Locked() && size == nullptr)
 		return -1;
-	if (size != NULL)
+	if (size != nullptr)
 		*size = fRawSize;
 	return 0;
 }
@@ -480,7 +464,7 @@ status_t ZvDataSubscriber::DS_MessageData(BMessage* message)
 	if (!fValid)
 		return -1;
 	Access access(this);
-	if (access.Failed() || fMessage == NULL || message == NULL)
+	if (access.Failed() || fMessage == nullptr || message == nullptr)
 		return -1;
 	if (message != fMessage)
 		*message = *fMessage;
@@ -503,7 +487,7 @@ status_t ZvDataSubscriber::DS_SetEventTarget(BHandler* target)
 
 BHandler* ZvDataSubscriber::DS_EventTarget() const
 {
-	return fValid ? fEventTarget : NULL;
+	return fValid ? fEventTarget : nullptr;
 }
 
 status_t ZvDataSubscriber::DS_SetEventMessage(BMessage* message)
@@ -512,12 +496,12 @@ status_t ZvDataSubscriber::DS_SetEventMessage(BMessage* message)
 		return -1;
 	// Locked for the same reason as DS_SetEventTarget.
 	Access access(this);
-	if (fEventMessage == NULL) {
+	if (fEventMessage == nullptr) {
 		fEventMessage = new (std::nothrow) BMessage;
-		if (fEventMessage == NULL)
+		if (fEventMessage == nullptr)
 			return -1;
 	}
-	if (message != NULL) {
+	if (message != nullptr) {
 		if (message != fEventMessage)
 			*fEventMessage = *message;
 		fEventMessage->RemoveName(kSourceField);
@@ -533,9 +517,9 @@ status_t ZvDataSubscriber::DS_SetEventMessage(uint32 what)
 	if (!fValid)
 		return -1;
 	Access access(this);
-	if (fEventMessage == NULL) {
+	if (fEventMessage == nullptr) {
 		fEventMessage = new (std::nothrow) BMessage;
-		if (fEventMessage == NULL)
+		if (fEventMessage == nullptr)
 			return -1;
 	}
 	fEventMessage->MakeEmpty();
@@ -546,7 +530,7 @@ status_t ZvDataSubscriber::DS_SetEventMessage(uint32 what)
 
 BMessage* ZvDataSubscriber::DS_EventMessage() const
 {
-	return fValid ? fEventMessage : NULL;
+	return fValid ? fEventMessage : nullptr;
 }
 
 // #pragma mark - Propagation
@@ -556,24 +540,24 @@ status_t ZvDataSubscriber::ds_DoAppUpdate(uint32 what, bool notify)
 	// Older subscribers first, nearest first; then the newer ones, nearest
 	// first. The chain cannot change meanwhile: changing it needs the
 	// semaphore the caller holds.
-	const thread_id self = find_thread(NULL);
-	for (ZvDataSubscriber* target = fNext; target != NULL; target = target->fNext)
+	const thread_id self = find_thread(nullptr);
+	for (ZvDataSubscriber* target = fNext; target != nullptr; target = target->fNext)
 		ds_Deliver(target, what, notify, self);
-	for (ZvDataSubscriber* target = fPrevious; target != NULL; target = target->fPrevious)
+	for (ZvDataSubscriber* target = fPrevious; target != nullptr; target = target->fPrevious)
 		ds_Deliver(target, what, notify, self);
 	return 0;
 }
 
 status_t ZvDataSubscriber::ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 what, bool notify)
 {
-	ds_Deliver(target, what, notify, find_thread(NULL));
+	ds_Deliver(target, what, notify, find_thread(nullptr));
 	return 0;
 }
 
 void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool notify,
                                   thread_id self)
 {
-	if (target == NULL || !ReceivesUpdates(target->fFlags.load(std::memory_order_relaxed)))
+	if (target == nullptr || !ReceivesUpdates(target->fFlags.load(std::memory_order_relaxed)))
 		return;
 	ds_CopyData(target, this, what);
 	if (!notify)
@@ -590,9 +574,9 @@ void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool no
 	target->DS_EventReceived(what);
 	target->fEventThread.store(previous, std::memory_order_relaxed);
 
-	if (target->fEventTarget == NULL || target->fEventMessage == NULL)
+	if (target->fEventTarget == nullptr || target->fEventMessage == nullptr)
 		return;
-	BMessenger messenger(target->fEventTarget, NULL, NULL);
+	BMessenger messenger(target->fEventTarget, nullptr, nullptr);
 	if (!messenger.IsValid())
 		return;
 	BMessage* event = target->fEventMessage;
@@ -600,10 +584,10 @@ void ZvDataSubscriber::ds_Deliver(ZvDataSubscriber* target, uint32 what, bool no
 	event->AddInt32(kTouchedWhatField, static_cast<int32>(what));
 	if (messenger.IsTargetLocal()) {
 		// Posting copies the message; the template stays the target's.
-		BLooper* looper = NULL;
+		BLooper* looper = nullptr;
 		BHandler* handler = messenger.Target(&looper);
-		if (looper != NULL)
-			looper->PostMessage(event, handler, NULL);
+		if (looper != nullptr)
+			looper->PostMessage(event, handler, nullptr);
 	} else {
 		// A remote target is served synchronously, waiting for its reply
 		// with the semaphore held.
@@ -616,7 +600,7 @@ status_t ZvDataSubscriber::ds_CopyData(ZvDataSubscriber* destination, ZvDataSubs
                                        uint32 what)
 {
 	// Copying a subscriber onto itself would free the data it copies from.
-	if (destination == NULL || source == NULL || destination == source)
+	if (destination == nullptr || source == nullptr || destination == source)
 		return 0;
 	if ((what & kTouchedInteger) != 0)
 		destination->fInteger = source->fInteger;
@@ -641,7 +625,7 @@ ZvDataSubscriber& ZvDataSubscriber::operator=(ZvDataSubscriber& other)
 
 status_t ZvDataSubscriber::DS_Archive(BMessage* archive, uint32 what)
 {
-	if (!fValid || archive == NULL)
+	if (!fValid || archive == nullptr)
 		return -1;
 	Access access(this);
 	if (access.Failed())
@@ -660,15 +644,15 @@ status_t ZvDataSubscriber::DS_Archive(BMessage* archive, uint32 what)
 		out->RemoveName(kArchiveFloat);
 		out->AddDouble(kArchiveFloat, fFloat);
 	}
-	if ((what & kTouchedString) != 0 && fString != NULL) {
+	if ((what & kTouchedString) != 0 && fString != nullptr) {
 		out->RemoveName(kArchiveString);
 		out->AddString(kArchiveString, fString);
 	}
-	if ((what & kTouchedRaw) != 0 && fRaw != NULL && fRawSize >= 1) {
+	if ((what & kTouchedRaw) != 0 && fRaw != nullptr && fRawSize >= 1) {
 		out->RemoveName(kArchiveRaw);
 		out->AddData(kArchiveRaw, B_RAW_TYPE, fRaw, fRawSize, true, 1);
 	}
-	if ((what & kTouchedMessage) != 0 && fMessage != NULL) {
+	if ((what & kTouchedMessage) != 0 && fMessage != nullptr) {
 		out->RemoveName(kArchiveMessage);
 		out->AddMessage(kArchiveMessage, fMessage);
 	}
@@ -677,7 +661,7 @@ status_t ZvDataSubscriber::DS_Archive(BMessage* archive, uint32 what)
 
 status_t ZvDataSubscriber::DS_UnArchive(BMessage* archive, bool notify)
 {
-	if (!fValid || archive == NULL)
+	if (!fValid || archive == nullptr)
 		return -1;
 	Access access(this);
 	if (access.Failed())
@@ -700,23 +684,23 @@ status_t ZvDataSubscriber::DS_UnArchive(BMessage* archive, bool notify)
 		fFloat = number;
 		mask |= kTouchedFloat;
 	}
-	const char* string = NULL;
+	const char* string = nullptr;
 	if (in->FindString(kArchiveString, &string) == B_OK) {
-		if (string != NULL)
+		if (string != nullptr)
 			ds_StoreString(string);
 		mask |= kTouchedString;
 	}
-	const void* data = NULL;
+	const void* data = nullptr;
 	ssize_t size = 0;
 	if (in->FindData(kArchiveRaw, B_RAW_TYPE, 0, &data, &size) == B_OK) {
-		if (size >= 1 && data != NULL && static_cast<ssize_t>(static_cast<int32>(size)) == size)
+		if (size >= 1 && data != nullptr && static_cast<ssize_t>(static_cast<int32>(size)) == size)
 			ds_StoreRaw(data, static_cast<int32>(size));
 		mask |= kTouchedRaw;
 	}
 	if (in->HasMessage(kArchiveMessage, 0)) {
-		if (fMessage == NULL)
+		if (fMessage == nullptr)
 			fMessage = new (std::nothrow) BMessage;
-		if (fMessage != NULL && in->FindMessage(kArchiveMessage, fMessage) == B_OK)
+		if (fMessage != nullptr && in->FindMessage(kArchiveMessage, fMessage) == B_OK)
 			mask |= kTouchedMessage;
 	}
 

@@ -28,12 +28,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 	}
 
 	// Walk every field and item of the rebuilt message.
-	char* name = NULL;
+	char* name = nullptr;
 	type_code type = 0;
 	int32 count = 0;
 	for (int32 i = 0; inner.GetInfo(B_ANY_TYPE, i, &name, &type, &count) == B_OK; i++) {
 		for (int32 j = 0; j < count; j++) {
-			const void* item = NULL;
+			const void* item = nullptr;
 			ssize_t itemSize = 0;
 			if (inner.FindData(name, type, j, &item, &itemSize) != B_OK || itemSize <= 0)
 				__builtin_trap();
@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 	BMessage again;
 	if (again.AddMessage("m", &inner) != B_OK)
 		__builtin_trap();
-	const void* flat = NULL;
+	const void* flat = nullptr;
 	ssize_t flatSize = 0;
 	if (again.FindData("m", B_MESSAGE_TYPE, &flat, &flatSize) != B_OK ||
 	    static_cast<size_t>(flatSize) != size || std::memcmp(flat, data, size) != 0)

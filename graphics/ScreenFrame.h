@@ -10,21 +10,14 @@
 
 #include <ZvGeometry.h>
 
-inline int32 zv_truncate_coordinate(float value)
-{
-	if (!(value == value))
-		return 0;
-	if (value >= 2147483648.0f)
-		return 2147483647;
-	if (value <= -2147483648.0f)
-		return -2147483647 - 1;
-	return static_cast<int32>(value);
-}
+#include "base/internal/NumericCast.h"
 
 inline ZvRect<int32> zv_truncate_frame(const BRect& frame)
 {
-	return ZvRect<int32>{zv_truncate_coordinate(frame.left), zv_truncate_coordinate(frame.top),
-	                     zv_truncate_coordinate(frame.right), zv_truncate_coordinate(frame.bottom)};
+	return ZvRect<int32>{zvkit::internal::TruncateSaturatingToInt32(frame.left),
+	                     zvkit::internal::TruncateSaturatingToInt32(frame.top),
+	                     zvkit::internal::TruncateSaturatingToInt32(frame.right),
+	                     zvkit::internal::TruncateSaturatingToInt32(frame.bottom)};
 }
 
 #endif // _ZV_SCREEN_FRAME_H

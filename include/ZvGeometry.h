@@ -7,6 +7,7 @@
 //
 // MIN(a, b) gives a only when a < b, and MAX(a, b) gives a only when a > b:
 // a tie, or an unordered comparison (a NaN), gives the second argument.
+// They live beside the <sys/param.h> macros of the same names (see below).
 //
 // Ownership: plain values, nothing owned. Thread safety: none needed.
 #ifndef _ZV_GEOMETRY_H
@@ -31,12 +32,16 @@ template <typename T> struct ZvRect
 	T Height() const { return bottom - top; }
 };
 
-template <typename T> inline T MIN(T a, T b)
+// The names are in parentheses so that the MIN and MAX macros of
+// <sys/param.h>, where a file included it first, do not expand here. Such a
+// file still reaches the templates as MIN<T>(a, b) or (MIN)(a, b); the
+// macros themselves follow the same rule.
+template <typename T> inline T(MIN)(T a, T b)
 {
 	return a < b ? a : b;
 }
 
-template <typename T> inline T MAX(T a, T b)
+template <typename T> inline T(MAX)(T a, T b)
 {
 	return a > b ? a : b;
 }

@@ -35,6 +35,12 @@ public:
 	void Kill();
 
 private:
+	// Both lock calls: a recursive lock by the owner, or the semaphore
+	// (polled briefly first when timeout is negative). Gives 1, 2 or 0 as
+	// LockWithTimeout does; with expiryLocks (Lock's rule) a time-out that
+	// expired takes the lock as well.
+	int32 AcquireLock(int32 timeout, bool expiryLocks);
+
 	// fLocked and fOwner are read by other threads before they wait on the
 	// semaphore (the recursion test), and fCount by CountLock; they are
 	// atomics so that those reads are well defined. A new owner stores

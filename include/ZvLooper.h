@@ -61,11 +61,9 @@ class ZvMessage;
 class ZvMessageQueue;
 struct zv_looper_life;
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 class LooperControl;
-}
-} // namespace zvkit
+} // namespace zvkit::internal
 
 // what of the quit request: the four bytes Q, U, I, T.
 const uint32 ZV_QUIT_REQUESTED = 0x51554954;
@@ -151,9 +149,9 @@ private:
 	// called before the looper is deleted. Idempotent.
 	void _Retire();
 
-	// Waits for one unit of access for the loop: 1 taken, 2 the very long
-	// time-out expired, 0 the semaphore is gone.
-	int32 _AwaitMessage(uint32 access);
+	// Waits for one unit of access for the loop: false only when the
+	// semaphore is gone (the very long time-out expiring counts as a unit).
+	bool _AwaitMessage(uint32 access);
 	// Takes, without waiting, up to 32 of the units already there; returns
 	// how many.
 	int32 _TakeAhead(uint32 access);

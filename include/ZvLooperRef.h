@@ -43,13 +43,11 @@ class ZvHandler;
 class ZvLooper;
 class ZvMessage;
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 class HandlerControl;
 class LooperControl;
 class ReplySlot;
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal
 
 class ZV_EXPORT ZvLooperRef
 {
@@ -98,9 +96,10 @@ public:
 
 private:
 	// Posts a copy of message, or a new message with what when message is
-	// null, linked to slot when it is not null (the request then holds the
-	// slot's second reference, released with it).
-	status_t _Post(const ZvMessage* message, uint32 what, zvkit::internal::ReplySlot* slot,
+	// null. With request not null the copy is a request, and *request gets
+	// its reply slot (the sender's reference), or null when no copy was
+	// made.
+	status_t _Post(const ZvMessage* message, uint32 what, zvkit::internal::ReplySlot** request,
 	               bigtime_t timeout) const;
 
 	zvkit::internal::LooperControl* fLooper;

@@ -44,7 +44,7 @@ ZV_EXPORT int32 kx_utf8_previous_size(const char* p, const char* start);
 // is ASCII and gives p + 1.
 ZV_EXPORT const char* kx_utf8_next(const char* p);
 
-// The first byte of the character before p, or NULL when start is reached.
+// The first byte of the character before p, or nullptr when start is reached.
 // With four bytes available and no four-byte lead at p - 4 it gives p.
 ZV_EXPORT const char* kx_utf8_previous(const char* p, const char* start);
 

@@ -3,12 +3,16 @@
 
 #include <ZvSemaphore.h>
 
-#include "WrapperCalls.h"
+#include "base/internal/CurrentThread.h"
+#include "base/internal/Semaphores.h"
 
-using zvkit_private::AcquireSemaphore;
-using zvkit_private::AcquireShortHold;
-using zvkit_private::CurrentThread;
-using zvkit_private::ReleaseSemaphore;
+using zvkit::internal::AcquireSemaphore;
+using zvkit::internal::AcquireShortHold;
+using zvkit::internal::CurrentThread;
+using zvkit::internal::kNoSemaphore;
+using zvkit::internal::ReleaseSemaphore;
+using zvkit::internal::WaitCode;
+using zvkit::internal::WaitResult;
 
 // Ownership is published in the order owner, count, locked, the last with a
 // release store; the recursion test loads locked with acquire before owner.
@@ -30,30 +34,28 @@ ZvLocker::~ZvLocker()
 
 bool ZvLocker::Lock()
 {
-	const uint32 me = CurrentThread();
-	if (fLocked.load(std::memory_order_acquire) && fOwner.load(std::memory_order_relaxed) == me) {
-		fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-		return true;
-	}
 	// A result of 2 (the 24.8-day time-out expired) is taken as success.
-	if (AcquireShortHold(fSem.load(std::memory_order_relaxed)) == 0)
-		return false;
-	fOwner.store(me, std::memory_order_relaxed);
-	fCount.store(1, std::memory_order_relaxed);
-	fLocked.store(true, std::memory_order_release);
-	return true;
+	return AcquireLock(-1, true) != 0;
 }
 
 int32 ZvLocker::LockWithTimeout(int32 timeout)
+{
+	return AcquireLock(timeout, false);
+}
+
+int32 ZvLocker::AcquireLock(int32 timeout, bool expiryLocks)
 {
 	const uint32 me = CurrentThread();
 	if (fLocked.load(std::memory_order_acquire) && fOwner.load(std::memory_order_relaxed) == me) {
 		fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 		return 1;
 	}
-	const int32 result = AcquireSemaphore(fSem.load(std::memory_order_relaxed), timeout);
-	if (result != 1)
-		return result;
+	// An untimed lock polls briefly before it sleeps: holders keep the lock
+	// for short stretches.
+	const uint32 sem = fSem.load(std::memory_order_relaxed);
+	const WaitResult result = timeout < 0 ? AcquireShortHold(sem) : AcquireSemaphore(sem, timeout);
+	if (result == WaitResult::kFailed || (result == WaitResult::kTimedOut && !expiryLocks))
+		return WaitCode(result);
 	fOwner.store(me, std::memory_order_relaxed);
 	fCount.store(1, std::memory_order_relaxed);
 	fLocked.store(true, std::memory_order_release);
@@ -87,7 +89,7 @@ int32 ZvLocker::CountLock()
 void ZvLocker::Kill()
 {
 	const uint32 sem = fSem.load(std::memory_order_relaxed);
-	if (sem != 0)
+	if (sem != kNoSemaphore)
 		ZvSemaphore::Delete(sem);
-	fSem.store(0, std::memory_order_relaxed);
+	fSem.store(kNoSemaphore, std::memory_order_relaxed);
 }

@@ -1,22 +1,25 @@
 // ZvSemaphore.cpp: static wrappers over the kernel's semaphores.
 #include <ZvSemaphore.h>
 
-#include "WrapperCalls.h"
+#include "TeamCheck.h"
+#include "base/internal/Semaphores.h"
 
 #include <OS.h>
+
+using namespace zvkit::internal;
 
 uint32 ZvSemaphore::Create(int32 count, const char* name)
 {
 	const sem_id sem = create_sem(count, name != nullptr ? name : "ZvSemaphore");
-	return sem < 0 ? 0 : static_cast<uint32>(sem);
+	return sem < 0 ? kNoSemaphore : static_cast<uint32>(sem);
 }
 
 bool ZvSemaphore::Delete(uint32 sem)
 {
 	sem_info info = {};
 	const status_t lookup = get_sem_info(static_cast<sem_id>(sem), &info);
-	if (!zvkit_private::BelongsToCallersTeam(
-	        lookup, info.team, "Fatal! Trying to delete an alien semaphore! semaphore ", sem))
+	if (!BelongsToCallersTeam(lookup, info.team,
+	                          "Fatal! Trying to delete an alien semaphore! semaphore ", sem))
 		return false;
 	// Another thread may delete the semaphore between the check and here;
 	// delete_sem's own status is deliberately not looked at.
@@ -26,10 +29,10 @@ bool ZvSemaphore::Delete(uint32 sem)
 
 int32 ZvSemaphore::Acquire(uint32 sem, int32 timeout)
 {
-	return zvkit_private::AcquireSemaphore(sem, timeout);
+	return WaitCode(AcquireSemaphore(sem, timeout));
 }
 
 bool ZvSemaphore::Release(uint32 sem)
 {
-	return zvkit_private::ReleaseSemaphore(sem);
+	return ReleaseSemaphore(sem);
 }

@@ -1,44 +1,12 @@
 // ZvThread.cpp: static wrappers over the kernel's threads.
 #include <ZvThread.h>
 
-#include "WrapperCalls.h"
+#include "TeamCheck.h"
+#include "base/internal/CurrentThread.h"
 
 #include <OS.h>
 
-#include <cstdio>
-
-#include <pthread.h>
-
-namespace zvkit_private {
-
-thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec"))) = 0;
-
-bool BelongsToCallersTeam(status_t lookup, team_id ownerTeam, const char* refusal, uint32 id)
-{
-	thread_info caller;
-	if (get_thread_info(find_thread(nullptr), &caller) != B_OK || lookup != B_OK)
-		return false;
-	if (ownerTeam != caller.team) {
-		printf("%s%08x\n", refusal, id);
-		return false;
-	}
-	return true;
-}
-
-} // namespace zvkit_private
-
 namespace {
-
-// The forking thread is the child's only thread, with a new identifier.
-void ForgetThreadInChild()
-{
-	zvkit_private::tCurrentThread = 0;
-}
-
-struct ForkHandlerInstaller
-{
-	ForkHandlerInstaller() { pthread_atfork(nullptr, nullptr, &ForgetThreadInChild); }
-} sForkHandlerInstaller;
 
 int32 KernelPriority(zv_thread_priority priority)
 {
@@ -96,7 +64,7 @@ bool ZvThread::Terminate(uint32 thread)
 {
 	thread_info target = {};
 	const status_t lookup = get_thread_info(static_cast<thread_id>(thread), &target);
-	if (!zvkit_private::BelongsToCallersTeam(
+	if (!zvkit::internal::BelongsToCallersTeam(
 	        lookup, target.team, "Fatal! Trying to terminate an alien thread! Thread ", thread))
 		return false;
 	return kill_thread(static_cast<thread_id>(thread)) == B_OK;
@@ -104,5 +72,5 @@ bool ZvThread::Terminate(uint32 thread)
 
 uint32 ZvThread::CurrentID()
 {
-	return zvkit_private::CurrentThread();
+	return zvkit::internal::CurrentThread();
 }

@@ -9,11 +9,19 @@
 
 #include <OS.h>
 
-#include "kernel/WrapperCalls.h"
+#include "base/internal/LockHolder.h"
+#include "base/internal/Semaphores.h"
+#include "base/internal/Spin.h"
 #include "looper/internal/LooperControl.h"
 
 #include <memory>
 #include <unordered_map>
+
+using zvkit::internal::AcquireSemaphore;
+using zvkit::internal::kNoSemaphore;
+using zvkit::internal::LockHolder;
+using zvkit::internal::SpinUntil;
+using zvkit::internal::WaitResult;
 
 // How Quit stays clear of a looper that its own thread has deleted.
 //
@@ -141,7 +149,7 @@ int32 LooperEntry(void* data)
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
-      fRecord(nullptr), fControl(nullptr), fQueue(nullptr), fLooperAccess(0),
+      fRecord(nullptr), fControl(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore),
       fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1)
 {
 	// Before AddHandler: attaching records the looper's block.
@@ -162,8 +170,8 @@ ZvLooper::~ZvLooper()
 	fQueue = nullptr;
 	// Only a looper that was never run (or never quit) still has its
 	// semaphore here; delete it rather than leave it in the kernel's table.
-	const uint32 access = fLooperAccess.exchange(0, std::memory_order_acq_rel);
-	if (access != 0)
+	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);
+	if (access != kNoSemaphore)
 		ZvSemaphore::Delete(access);
 	// The handler base still holds its own reference until its destructor.
 	fControl->Release();
@@ -244,39 +252,31 @@ status_t ZvLooper::TryPostMessage(const ZvMessage* message, const ZvHandler* han
 
 bool ZvLooper::AddHandler(ZvHandler* handler)
 {
-	if (!Lock())
+	const LockHolder<ZvLooper> lock(*this);
+	if (!lock.IsLocked())
 		return false;
-
-	bool added = false;
-	if (handler != nullptr && _IndexOf(handler) < 0) {
-		handler->SetLooper(this);
-		std::lock_guard<std::mutex> hold(fHandlersGuard);
-		fHandlers.AddItem(handler);
-		added = true;
-	}
-
-	Unlock();
-	return added;
+	if (handler == nullptr || _IndexOf(handler) >= 0)
+		return false;
+	handler->SetLooper(this);
+	std::lock_guard<std::mutex> hold(fHandlersGuard);
+	fHandlers.AddItem(handler);
+	return true;
 }
 
 bool ZvLooper::RemoveHandler(ZvHandler* handler)
 {
-	if (!Lock())
+	const LockHolder<ZvLooper> lock(*this);
+	if (!lock.IsLocked())
 		return false;
-
-	bool removed = false;
 	// Writers hold the looper's lock, so the index stays valid until the
 	// removal below.
 	const int32 index = handler != nullptr ? _IndexOf(handler) : -1;
-	if (index >= 0) {
-		handler->SetLooper(nullptr);
-		std::lock_guard<std::mutex> hold(fHandlersGuard);
-		fHandlers.RemoveItem(index);
-		removed = true;
-	}
-
-	Unlock();
-	return removed;
+	if (index < 0)
+		return false;
+	handler->SetLooper(nullptr);
+	std::lock_guard<std::mutex> hold(fHandlersGuard);
+	fHandlers.RemoveItem(index);
+	return true;
 }
 
 ZvHandler* ZvLooper::HandlerAt(int32 index) const
@@ -299,19 +299,15 @@ int32 ZvLooper::IndexOfHandler(ZvHandler* handler) const
 
 void ZvLooper::SetPreferredHandler(ZvHandler* handler)
 {
-	if (!Lock())
-		return;
-	fPreferredHandler = handler;
-	Unlock();
+	const LockHolder<ZvLooper> lock(*this);
+	if (lock.IsLocked())
+		fPreferredHandler = handler;
 }
 
 ZvHandler* ZvLooper::PreferredHandler()
 {
-	if (!Lock())
-		return nullptr;
-	ZvHandler* handler = fPreferredHandler;
-	Unlock();
-	return handler;
+	const LockHolder<ZvLooper> lock(*this);
+	return lock.IsLocked() ? fPreferredHandler : nullptr;
 }
 
 ZvMessage* ZvLooper::CurrentMessage() const
@@ -381,14 +377,14 @@ int32 ZvLooper::Looper()
 			// A unit taken ahead stands for a message already posted, as one
 			// taken now would; but a loop ended meanwhile (the semaphore is
 			// gone) stops here, as its next wait would fail.
-			if (access == 0)
+			if (access == kNoSemaphore)
 				return 0;
 			ahead--;
 		} else {
-			// One unit per posted message; 0 means the semaphore was deleted
-			// by Quit or by a "QUIT" message: the loop ends. 2 (the very long
-			// time-out expired) counts as a wake-up.
-			if (_AwaitMessage(access) == 0)
+			// One unit per posted message; a failed wait means the semaphore
+			// was deleted by Quit or by a "QUIT" message: the loop ends. The
+			// very long time-out expiring counts as a wake-up.
+			if (!_AwaitMessage(access))
 				return 0;
 			ahead = _TakeAhead(access);
 		}
@@ -414,28 +410,29 @@ int32 ZvLooper::LooperCaller(ZvLooper* looper)
 	return 0;
 }
 
-int32 ZvLooper::_AwaitMessage(uint32 access)
+bool ZvLooper::_AwaitMessage(uint32 access)
 {
-	// Polling takes a unit exactly as the wait does (1), or finds the
-	// semaphore gone (0); only "none yet" (2) keeps polling. A unit that is
-	// already there is taken at once; that says nothing of whether polling
-	// pays (where the loop and its sender take turns on one processor, the
-	// answer is often there before the loop looks), so only a message that
-	// arrives while the loop polls counts as polling paying.
-	const int32 first = ZvSemaphore::Acquire(access, 0);
-	if (first != 2)
-		return first;
+	// Polling takes a unit exactly as the wait does, or finds the semaphore
+	// gone; only "none yet" keeps polling. A unit that is already there is
+	// taken at once; that says nothing of whether polling pays (where the
+	// loop and its sender take turns on one processor, the answer is often
+	// there before the loop looks), so only a message that arrives while the
+	// loop polls counts as polling paying.
+	const WaitResult first = AcquireSemaphore(access, 0);
+	if (first != WaitResult::kTimedOut)
+		return first != WaitResult::kFailed;
 	// Polling is on once the run of short waits has been counted down.
 	if (fPollSkips <= 0) {
 		const bigtime_t until = system_time() + kPollBudget;
+		WaitResult polled = WaitResult::kTimedOut;
+		const auto poll = [&] {
+			polled = AcquireSemaphore(access, 0);
+			return polled != WaitResult::kTimedOut;
+		};
 		do {
-			for (int poll = 0; poll < kPollsPerClockRead; poll++) {
-				const int32 polled = ZvSemaphore::Acquire(access, 0);
-				if (polled != 2) {
-					fPollFailures = 0;
-					return polled;
-				}
-				zvkit_private::CpuRelax();
+			if (SpinUntil(kPollsPerClockRead, 1, poll)) {
+				fPollFailures = 0;
+				return polled != WaitResult::kFailed;
 			}
 		} while (system_time() < until);
 		fPollFailures = MIN(fPollFailures + 1, kMaxPollFailures);
@@ -443,7 +440,7 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 	}
 
 	const bigtime_t start = system_time();
-	const int32 result = ZvSemaphore::Acquire(access, -1);
+	const WaitResult result = AcquireSemaphore(access, -1);
 	// A short wait is one that polling might have spared; after enough of
 	// them in a row polling is tried again. A long wait (an idle looper)
 	// starts the run over.
@@ -451,7 +448,7 @@ int32 ZvLooper::_AwaitMessage(uint32 access)
 		fPollSkips--;
 	else
 		fPollSkips = 1 << fPollFailures;
-	return result;
+	return result != WaitResult::kFailed;
 }
 
 int32 ZvLooper::_TakeAhead(uint32 access)
@@ -531,9 +528,9 @@ void ZvLooper::_EndLoop()
 	// Refs see the looper gone from here on.
 	fControl->MarkEnding();
 	// The exchange makes the deletion happen once, whoever ends the loop
-	// first; the loop thread then reads 0 and its wait fails.
-	const uint32 access = fLooperAccess.exchange(0, std::memory_order_acq_rel);
-	if (access != 0)
+	// first; the loop thread then finds no semaphore and its wait fails.
+	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);
+	if (access != kNoSemaphore)
 		ZvSemaphore::Delete(access);
 	// A message being processed finishes; its unlock then fails quietly.
 	Kill();

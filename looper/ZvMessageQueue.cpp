@@ -7,6 +7,10 @@
 
 #include <OS.h>
 
+#include "base/internal/Semaphores.h"
+
+using zvkit::internal::kNoSemaphore;
+
 // Taking for the loop.
 //
 // A looper's loop removes one message per unit of "fLooperAccess", and a
@@ -33,7 +37,7 @@ const int32 kPrefetched = 3;
 
 ZvMessageQueue::ZvMessageQueue(int32 limit)
     : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fCount(0), fLimit(limit),
-      fLimitSem(0), fTaken(), fTakenHead(0), fTakenCount(0)
+      fLimitSem(kNoSemaphore), fTaken(), fTakenHead(0), fTakenCount(0)
 {
 	fLimitSem = ZvSemaphore::Create(1, "_item_limit");
 }
@@ -42,9 +46,9 @@ ZvMessageQueue::~ZvMessageQueue()
 {
 	// Threads blocked on the queue's lock fail from here on.
 	Kill();
-	if (fLimitSem != 0)
+	if (fLimitSem != kNoSemaphore)
 		ZvSemaphore::Delete(fLimitSem);
-	fLimitSem = 0;
+	fLimitSem = kNoSemaphore;
 	// Oldest first: the taken ones came out of the ring before the rest.
 	for (int32 i = 0; i < fTakenCount; i++)
 		delete fTaken[fTakenHead + i];
@@ -105,7 +109,7 @@ status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
 
 void ZvMessageQueue::_ReleaseAdders(int32 count)
 {
-	if (count > 0 && fLimitSem != 0)
+	if (count > 0 && fLimitSem != kNoSemaphore)
 		release_sem_etc(static_cast<sem_id>(fLimitSem), count, 0);
 }
 

@@ -9,7 +9,7 @@
 
 #include <string.h>
 
-namespace zv_flat {
+namespace zvkit::internal {
 
 // Header: what, flags, item count.
 constexpr size_t kHeaderSize = 12;
@@ -42,6 +42,6 @@ inline void WriteInt(uint8* at, int32 value)
 	memcpy(at, &value, sizeof(value));
 }
 
-} // namespace zv_flat
+} // namespace zvkit::internal
 
 #endif // _ZV_FLAT_FORMAT_H

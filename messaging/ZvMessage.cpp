@@ -2,13 +2,13 @@
 // operations on which the typed accessors and the flat form rest.
 #include <ZvMessage.h>
 
-#include "internal/BlockCache.h"
+#include "base/internal/BlockCache.h"
 
 #include <string.h>
 
 namespace {
 
-// Message items, queued messages and the temporary name list all grow and
+// The message's item list and the temporary list of distinct names grow and
 // shrink by this step.
 const int32 kListStep = 16;
 
@@ -60,22 +60,22 @@ ZvMessage::~ZvMessage()
 
 void* ZvBlockAllocated::operator new(size_t size)
 {
-	return zv_internal::AllocateBlock(size);
+	return zvkit::internal::AllocateBlock(size);
 }
 
 void* ZvBlockAllocated::operator new(size_t size, const std::nothrow_t& tag) noexcept
 {
-	return zv_internal::AllocateBlock(size, tag);
+	return zvkit::internal::AllocateBlock(size, tag);
 }
 
 void ZvBlockAllocated::operator delete(void* block, size_t size)
 {
-	zv_internal::FreeBlock(block, size);
+	zvkit::internal::FreeBlock(block, size);
 }
 
 void ZvBlockAllocated::operator delete(void* block, const std::nothrow_t&) noexcept
 {
-	zv_internal::FreeUnsizedBlock(block);
+	zvkit::internal::FreeUnsizedBlock(block);
 }
 
 ZvMessage& ZvMessage::operator=(const ZvMessage& other)

@@ -10,7 +10,7 @@
 #include <limits.h>
 #include <string.h>
 
-using namespace zv_flat;
+using namespace zvkit::internal;
 
 int32 ZvMessageItem::GetData(void* buffer) const
 {

@@ -14,7 +14,7 @@ void CopyName(char* buffer, const char* name)
 {
 	if (name == nullptr)
 		name = kUnnamed;
-	size_t length = strnlen(name, zv_flat::kNameBufferSize - 1);
+	size_t length = strnlen(name, zvkit::internal::kNameBufferSize - 1);
 	memcpy(buffer, name, length);
 	buffer[length] = '\0';
 }

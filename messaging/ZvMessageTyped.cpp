@@ -2,6 +2,8 @@
 // stored size; the families share the templates below.
 #include <ZvMessage.h>
 
+#include "base/internal/NumericCast.h"
+
 #include <math.h>
 #include <string.h>
 
@@ -141,15 +143,6 @@ template <typename E> void ToDoubles(const ZvPoint<E>& point, double* out)
 	out[1] = point.y;
 }
 
-// Truncation toward zero to 32 bits. A value outside the int32 range (or a
-// NaN) gives INT32_MIN, as the processor's own conversion does.
-int32 TruncateToInt32(double value)
-{
-	if (!(value > -2147483649.0 && value < 2147483648.0))
-		return INT32_MIN;
-	return static_cast<int32>(value);
-}
-
 template <typename E> E FromDouble(double value);
 template <> double FromDouble<double>(double value)
 {
@@ -161,12 +154,13 @@ template <> float FromDouble<float>(double value)
 }
 template <> int32 FromDouble<int32>(double value)
 {
-	return TruncateToInt32(value);
+	return zvkit::internal::TruncateToInt32(value);
 }
 template <> int16 FromDouble<int16>(double value)
 {
 	// The low 16 bits of the 32-bit truncation.
-	return static_cast<int16>(static_cast<uint16>(static_cast<uint32>(TruncateToInt32(value))));
+	return static_cast<int16>(
+	    static_cast<uint16>(static_cast<uint32>(zvkit::internal::TruncateToInt32(value))));
 }
 
 template <typename E> void FromDoubles(const double* in, ZvRect<E>* rect)

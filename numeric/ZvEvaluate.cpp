@@ -14,6 +14,9 @@
 
 #include <ZvLocker.h>
 
+#include "base/internal/LockHolder.h"
+#include "base/internal/NumericCast.h"
+
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
@@ -64,25 +67,6 @@ ZvLocker& EvaluatorLock()
 	return sLock;
 }
 
-class LockHolder
-{
-public:
-	explicit LockHolder(ZvLocker& lock) : fLock(lock), fLocked(lock.Lock()) {}
-	~LockHolder()
-	{
-		if (fLocked)
-			fLock.Unlock();
-	}
-	LockHolder(const LockHolder&) = delete;
-	LockHolder& operator=(const LockHolder&) = delete;
-
-	bool IsLocked() const { return fLocked; }
-
-private:
-	ZvLocker& fLock;
-	bool fLocked;
-};
-
 const OperatorEntry* FindOperator(const char* text)
 {
 	for (const OperatorEntry& entry : kOperators) {
@@ -125,15 +109,6 @@ double PopValue()
 {
 	sValueCount--;
 	return sValueCount >= 0 ? sValues[sValueCount] : 0.0;
-}
-
-// Truncates toward zero to a signed 32-bit integer; a value no such integer
-// holds (NaN included) gives INT32_MIN, the x86 "integer indefinite" value.
-int32 TruncateToInt32(double value)
-{
-	if (!(value > -2147483649.0 && value < 2147483648.0))
-		return INT32_MIN;
-	return static_cast<int32>(value);
 }
 
 // Applies the operator on top of the operator stack to the top two values.
@@ -202,7 +177,7 @@ int32 ApplyTop()
 		break;
 	case 'A': {
 		sValueCount++;
-		const int32 truncated = TruncateToInt32(right);
+		const int32 truncated = zvkit::internal::TruncateToInt32(right);
 		// In 32-bit arithmetic the magnitude of INT32_MIN is itself.
 		const uint32 magnitude =
 		    truncated < 0 ? 0u - static_cast<uint32>(truncated) : static_cast<uint32>(truncated);
@@ -341,7 +316,7 @@ extern "C" int32 ZV_Evaluate(const char* expression, double* result)
 	if (expression == nullptr || result == nullptr)
 		return -1;
 
-	LockHolder lock(EvaluatorLock());
+	zvkit::internal::LockHolder<ZvLocker> lock(EvaluatorLock());
 	if (!lock.IsLocked())
 		return -1;
 

@@ -16,9 +16,9 @@
 #include <string>
 #include <utility>
 
-using zvtext::CharSize;
-using zvtext::CountChars;
-using zvtext::WalkChars;
+using zvkit::internal::CharSize;
+using zvkit::internal::CountChars;
+using zvkit::internal::WalkChars;
 
 namespace {
 
@@ -59,7 +59,7 @@ public:
 	{
 		fData[fSize] = '\0';
 		char* data = fData;
-		fData = NULL;
+		fData = nullptr;
 		return data;
 	}
 
@@ -71,7 +71,7 @@ private:
 
 inline size_t SafeLength(const char* s)
 {
-	return s != NULL ? strlen(s) : 0;
+	return s != nullptr ? strlen(s) : 0;
 }
 
 // Whether the character walk of [text, text + n) ends exactly at its end, so
@@ -86,7 +86,7 @@ inline bool EndsOnBoundary(const char* text, size_t n)
 	return true;
 }
 
-// First occurrence of pattern in [from, end), or NULL. The range is searched
+// First occurrence of pattern in [from, end), or nullptr. The range is searched
 // in windows that grow from a few hundred bytes, so a search that finds its
 // match early touches (and has checked, under a memory checker) little more
 // than the bytes up to it, and a loop of searches stays linear.
@@ -99,28 +99,28 @@ const char* FindBytes(const char* from, const char* end, const char* pattern, si
 		while (static_cast<size_t>(end - from) >= patternBytes) {
 			const char* candidate =
 			    static_cast<const char*>(memchr(from, first, (end - from) - (patternBytes - 1)));
-			if (candidate == NULL)
-				return NULL;
+			if (candidate == nullptr)
+				return nullptr;
 			if (patternBytes == 1 || memcmp(candidate + 1, pattern + 1, patternBytes - 1) == 0)
 				return candidate;
 			from = candidate + 1;
 		}
-		return NULL;
+		return nullptr;
 	}
 	size_t window = std::max<size_t>(256, 2 * patternBytes);
 	while (static_cast<size_t>(end - from) >= patternBytes) {
 		const size_t span = std::min(window, static_cast<size_t>(end - from));
 		const void* hit = memmem(from, span, pattern, patternBytes);
-		if (hit != NULL)
+		if (hit != nullptr)
 			return static_cast<const char*>(hit);
 		if (span == static_cast<size_t>(end - from))
-			return NULL;
+			return nullptr;
 		// The next window overlaps this one by one byte less than the
 		// pattern, so no occurrence straddling the border is missed.
 		from += span - (patternBytes - 1);
 		window = std::min<size_t>(window * 2, 1 << 16);
 	}
-	return NULL;
+	return nullptr;
 }
 
 // The offset of the first character start at or after offset in [text,
@@ -197,7 +197,7 @@ void UTFChar::CopyFrom(const char* s)
 {
 	// s may point into this character's own bytes: read it first.
 	char bytes[5] = {0, 0, 0, 0, 0};
-	if (s != NULL) {
+	if (s != nullptr) {
 		const uint32 size = CharSize(s);
 		for (uint32 i = 0; i < size && s[i] != '\0'; i++)
 			bytes[i] = s[i];
@@ -230,7 +230,7 @@ bool UTFChar::IsNull() const
 
 bool UTFChar::operator==(const char* s) const
 {
-	return s != NULL && strcmp(fBytes, s) == 0;
+	return s != nullptr && strcmp(fBytes, s) == 0;
 }
 
 bool UTFChar::operator==(const UTFChar& other) const
@@ -245,22 +245,22 @@ int32 UTFChar::ByteLength() const
 
 // #pragma mark - UTFString
 
-UTFString::UTFString() : fBuffer(NULL), fLength(0), fLengthExact(true)
+UTFString::UTFString() : fBuffer(nullptr), fLength(0), fLengthExact(true)
 {
 	AssignBytes("", 0);
 }
 
-UTFString::UTFString(const char* s) : fBuffer(NULL), fLength(0), fLengthExact(true)
+UTFString::UTFString(const char* s) : fBuffer(nullptr), fLength(0), fLengthExact(true)
 {
 	CopyString(s);
 }
 
-UTFString::UTFString(const UTFChar& c) : fBuffer(NULL), fLength(0), fLengthExact(true)
+UTFString::UTFString(const UTFChar& c) : fBuffer(nullptr), fLength(0), fLengthExact(true)
 {
 	CopyString(c.Buffer());
 }
 
-UTFString::UTFString(const UTFString& other) : fBuffer(NULL), fLength(0), fLengthExact(true)
+UTFString::UTFString(const UTFString& other) : fBuffer(nullptr), fLength(0), fLengthExact(true)
 {
 	CopyString(other.fBuffer);
 }
@@ -272,7 +272,7 @@ UTFString::~UTFString()
 
 UTFString& UTFString::operator=(const char* s)
 {
-	if (s == NULL) {
+	if (s == nullptr) {
 		ClearBuffer();
 		CalcLength();
 	} else {
@@ -312,19 +312,19 @@ size_t UTFString::ByteOffsetOf(uint32 index) const
 
 void UTFString::CalcLength()
 {
-	fLength = fBuffer != NULL ? static_cast<uint32>(CountChars(fBuffer, strlen(fBuffer))) : 0;
+	fLength = fBuffer != nullptr ? static_cast<uint32>(CountChars(fBuffer, strlen(fBuffer))) : 0;
 	fLengthExact = true;
 }
 
 void UTFString::ClearBuffer()
 {
 	delete[] fBuffer;
-	fBuffer = NULL;
+	fBuffer = nullptr;
 }
 
 void UTFString::StrCat(const char* s)
 {
-	if (s == NULL)
+	if (s == nullptr)
 		return;
 	const size_t ownLength = SafeLength(fBuffer);
 	const size_t addedLength = strlen(s);
@@ -341,7 +341,7 @@ void UTFString::StrCat(const char* s)
 
 void UTFString::CopyString(const char* s)
 {
-	if (s != NULL)
+	if (s != nullptr)
 		AssignBytes(s, strlen(s));
 	else
 		CalcLength();
@@ -354,19 +354,19 @@ uint32 UTFString::ByteLength() const
 
 bool UTFString::operator==(const char* s) const
 {
-	return fBuffer != NULL && s != NULL && strcmp(fBuffer, s) == 0;
+	return fBuffer != nullptr && s != nullptr && strcmp(fBuffer, s) == 0;
 }
 
 bool UTFString::operator==(const UTFString& other) const
 {
-	return fBuffer != NULL && other.fBuffer != NULL && strcmp(fBuffer, other.fBuffer) == 0;
+	return fBuffer != nullptr && other.fBuffer != nullptr && strcmp(fBuffer, other.fBuffer) == 0;
 }
 
 UTFString& UTFString::operator+=(const char* s)
 {
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return *this = s;
-	if (s == NULL)
+	if (s == nullptr)
 		return *this;
 	const size_t ownLength = strlen(fBuffer);
 	const size_t addedLength = strlen(s);
@@ -384,9 +384,9 @@ UTFString& UTFString::operator+=(const char* s)
 
 UTFString& UTFString::operator+=(const UTFString& other)
 {
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return *this = other;
-	if (other.fBuffer == NULL)
+	if (other.fBuffer == nullptr)
 		return *this;
 	return *this += other.fBuffer;
 }
@@ -400,14 +400,14 @@ UTFString operator+(const UTFString& a, const UTFString& b)
 
 void UTFString::Split(uint32 index, UTFString& left, UTFString& right) const
 {
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return;
 	const size_t total = strlen(fBuffer);
 	const size_t offset = WalkChars(fBuffer, total, std::min(index, fLength));
 	// Both parts are made before either output is touched: left or right
 	// may be this string.
-	UTFString head(NULL);
-	UTFString tail(NULL);
+	UTFString head(nullptr);
+	UTFString tail(nullptr);
 	head.AssignBytes(fBuffer, offset);
 	tail.AssignBytes(fBuffer + offset, total - offset);
 	std::swap(left.fBuffer, head.fBuffer);
@@ -421,7 +421,7 @@ void UTFString::Split(uint32 index, UTFString& left, UTFString& right) const
 UTFString UTFString::Left(uint32 n) const
 {
 	UTFString result;
-	if (fBuffer != NULL)
+	if (fBuffer != nullptr)
 		result.AssignBytes(fBuffer, ByteOffsetOf(std::min(n, fLength)));
 	return result;
 }
@@ -437,7 +437,7 @@ UTFString UTFString::Right(uint32 n) const
 UTFString UTFString::StringAt(int32 i) const
 {
 	UTFString result;
-	if (fBuffer != NULL) {
+	if (fBuffer != nullptr) {
 		const size_t total = strlen(fBuffer);
 		const size_t offset = WalkChars(fBuffer, total, std::min(static_cast<uint32>(i), fLength));
 		result.AssignBytes(fBuffer + offset, total - offset);
@@ -448,7 +448,7 @@ UTFString UTFString::StringAt(int32 i) const
 UTFString UTFString::Mid(uint32 start, uint32 count) const
 {
 	UTFString result;
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return result;
 	const uint32 last = fLength - 1;
 	const uint32 first = std::min(start, last);
@@ -466,7 +466,7 @@ UTFString UTFString::Mid(uint32 start, uint32 count) const
 
 void UTFString::Insert(uint32 from, uint32 to, const UTFString& s)
 {
-	if (fBuffer == NULL) {
+	if (fBuffer == nullptr) {
 		*this = s;
 		return;
 	}
@@ -486,7 +486,7 @@ void UTFString::Insert(uint32 from, uint32 to, const UTFString& s)
 UTFString UTFString::Remove(uint32 from, uint32 to)
 {
 	UTFString rest;
-	if (fBuffer == NULL || to < from)
+	if (fBuffer == nullptr || to < from)
 		return rest;
 	const size_t total = strlen(fBuffer);
 	size_t before;
@@ -503,7 +503,7 @@ UTFString UTFString::Remove(uint32 from, uint32 to)
 
 bool UTFString::Split(const UTFString& sep, UTFString& left, UTFString& right) const
 {
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return false;
 	const int32 position = InStr(sep);
 	if (position == -1) {
@@ -525,7 +525,7 @@ bool UTFString::Split(const UTFString& sep, UTFString& left, UTFString& right) c
 
 bool UTFString::SplitChar(const UTFString& set, UTFString& left, UTFString& right) const
 {
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return false;
 	const size_t total = strlen(fBuffer);
 	const size_t setTotal = SafeLength(set.fBuffer);
@@ -548,10 +548,10 @@ bool UTFString::SplitChar(const UTFString& set, UTFString& left, UTFString& righ
 
 int32 UTFString::InStr(const UTFString& s) const
 {
-	if (fBuffer == NULL || s.fBuffer == NULL)
+	if (fBuffer == nullptr || s.fBuffer == nullptr)
 		return -1;
 	const char* match = strstr(fBuffer, s.fBuffer);
-	if (match == NULL)
+	if (match == nullptr)
 		return -1;
 	// The characters whose first byte lies before the match.
 	return static_cast<int32>(CountChars(fBuffer, match - fBuffer));
@@ -559,11 +559,12 @@ int32 UTFString::InStr(const UTFString& s) const
 
 int32 UTFString::InStr(int32 start, const UTFString& s) const
 {
-	if (fBuffer == NULL || s.fBuffer == NULL || start < 0 || static_cast<uint32>(start) >= fLength)
+	if (fBuffer == nullptr || s.fBuffer == nullptr || start < 0 ||
+	    static_cast<uint32>(start) >= fLength)
 		return -1;
 	const char* from = fBuffer + WalkChars(fBuffer, strlen(fBuffer), start);
 	const char* match = strstr(from, s.fBuffer);
-	if (match == NULL)
+	if (match == nullptr)
 		return -1;
 	return start + static_cast<int32>(CountChars(from, match - from));
 }
@@ -572,7 +573,7 @@ namespace {
 
 template <int (*kMap)(int)> void MapAsciiLetters(char* buffer, uint32 length)
 {
-	if (buffer == NULL)
+	if (buffer == nullptr)
 		return;
 	const size_t total = strlen(buffer);
 	size_t offset = 0;
@@ -603,14 +604,14 @@ void UTFString::ToLower()
 
 UTFChar UTFString::GetChar(uint32 index) const
 {
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return UTFChar();
 	return UTFChar(fBuffer + ByteOffsetOf(index));
 }
 
 char UTFString::GetChar8(uint32 index) const
 {
-	if (fBuffer == NULL)
+	if (fBuffer == nullptr)
 		return 0;
 	return fBuffer[ByteOffsetOf(index)];
 }
@@ -629,7 +630,7 @@ void UTFString::SetChar(const UTFChar& c, uint32 index)
 
 void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 {
-	if (fBuffer == NULL || oldText.fBuffer == NULL)
+	if (fBuffer == nullptr || oldText.fBuffer == nullptr)
 		return;
 	// Private copies: either argument may be this string.
 	const UTFString pattern(oldText);
@@ -647,7 +648,7 @@ void UTFString::Replace(const UTFString& oldText, const UTFString& newText)
 	bool patternWellFormed;
 	bool replacementWellFormed = true;
 	CountChars(pattern.fBuffer, strlen(pattern.fBuffer), &patternWellFormed);
-	if (replacement.fBuffer != NULL)
+	if (replacement.fBuffer != nullptr)
 		CountChars(replacement.fBuffer, strlen(replacement.fBuffer), &replacementWellFormed);
 	if (patternWellFormed && replacementWellFormed && ReplaceInStep(pattern, replacement))
 		return;
@@ -673,11 +674,11 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 	const char* const old = pattern.fBuffer;
 	const size_t oldBytes = strlen(old);
 	const uint32 oldChars = pattern.fLength;
-	const char* const with = replacement.fBuffer != NULL ? replacement.fBuffer : "";
+	const char* const with = replacement.fBuffer != nullptr ? replacement.fBuffer : "";
 	const size_t withBytes = strlen(with);
 	const uint32 withChars = replacement.fLength;
 
-	if (strstr(text, old) == NULL)
+	if (strstr(text, old) == nullptr)
 		return true;
 
 	// The search resumes inside the new text when it has at least as many
@@ -693,7 +694,7 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 		rescan = with + keptBytes;
 		rescanBytes = withBytes - keptBytes;
 		rescanHoldsPattern =
-		    rescanBytes >= oldBytes && memmem(rescan, rescanBytes, old, oldBytes) != NULL;
+		    rescanBytes >= oldBytes && memmem(rescan, rescanBytes, old, oldBytes) != nullptr;
 	}
 
 	ByteBuilder out(total);
@@ -708,7 +709,7 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 			window.assign(rescan, rescanBytes);
 			window.append(rest, std::min(oldBytes - 1, static_cast<size_t>(end - rest)));
 			const void* hit = memmem(window.data(), window.size(), old, oldBytes);
-			if (hit != NULL)
+			if (hit != nullptr)
 				matchInRescan = static_cast<const char*>(hit) - window.data();
 		}
 		if (matchInRescan < rescanBytes) {
@@ -716,7 +717,7 @@ bool UTFString::ReplaceInStep(const UTFString& pattern, const UTFString& replace
 			rest += matchInRescan + oldBytes - rescanBytes;
 		} else {
 			const char* match = FindBytes(rest, end, old, oldBytes);
-			if (match == NULL)
+			if (match == nullptr)
 				break;
 			// rest begins on a character. The replaced characters begin at
 			// the match, or, when the match begins inside a character of
@@ -779,11 +780,11 @@ void UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replace
 {
 	const char* const old = pattern.fBuffer;
 	const uint32 oldChars = pattern.fLength;
-	const std::string with(replacement.fBuffer != NULL ? replacement.fBuffer : "");
+	const std::string with(replacement.fBuffer != nullptr ? replacement.fBuffer : "");
 	const size_t total = strlen(fBuffer);
 
 	const char* first = strstr(fBuffer, old);
-	if (first == NULL)
+	if (first == nullptr)
 		return;
 	std::string done;
 	uint32 doneChars = 0;
@@ -800,7 +801,7 @@ void UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replace
 		const uint32 leftChars = std::min(position, length);
 		bool leftCut;
 		const size_t leftInWork =
-		    WalkChars(work.data(), work.size(), leftChars - doneChars, NULL, &leftCut);
+		    WalkChars(work.data(), work.size(), leftChars - doneChars, nullptr, &leftCut);
 
 		// Right(length - (oldChars + position)), in unsigned arithmetic.
 		const uint32 rightCount = std::min(length - (oldChars + position), length - 1);
@@ -832,7 +833,7 @@ void UTFString::ReplaceSlowly(const UTFString& pattern, const UTFString& replace
 			break;
 		const char* from = work.c_str() + WalkChars(work.data(), work.size(), resume - doneChars);
 		const char* match = strstr(from, old);
-		if (match == NULL)
+		if (match == nullptr)
 			break;
 		position = resume + static_cast<uint32>(CountChars(from, match - from));
 	}

@@ -23,7 +23,7 @@
 #include <immintrin.h>
 #endif
 
-namespace zvtext {
+namespace zvkit::internal {
 
 namespace {
 
@@ -245,9 +245,9 @@ size_t Walk(const char* text, size_t n, size_t limit, size_t* steps, bool* wellF
 	}
 	if (inStep)
 		i = SkipOverhang<kCheck>(text, n, i, &ok);
-	if (steps != NULL)
+	if (steps != nullptr)
 		*steps = count;
-	if (wellFormed != NULL)
+	if (wellFormed != nullptr)
 		*wellFormed = ok;
 	return i;
 }
@@ -257,24 +257,24 @@ size_t Walk(const char* text, size_t n, size_t limit, size_t* steps, bool* wellF
 size_t CountChars(const char* text, size_t n, bool* wellFormed)
 {
 	size_t count;
-	if (wellFormed != NULL)
+	if (wellFormed != nullptr)
 		Walk<true>(text, n, static_cast<size_t>(-1), &count, wellFormed);
 	else
-		Walk<false>(text, n, static_cast<size_t>(-1), &count, NULL);
+		Walk<false>(text, n, static_cast<size_t>(-1), &count, nullptr);
 	return count;
 }
 
 size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked, bool* cut)
 {
 	size_t steps;
-	size_t i = Walk<false>(text, n, count, &steps, NULL);
-	if (cut != NULL)
+	size_t i = Walk<false>(text, n, count, &steps, nullptr);
+	if (cut != nullptr)
 		*cut = i > n;
 	if (i > n)
 		i = n;
-	if (walked != NULL)
+	if (walked != nullptr)
 		*walked = steps;
 	return i;
 }
 
-} // namespace zvtext
+} // namespace zvkit::internal

@@ -22,7 +22,7 @@
 
 #include <stddef.h>
 
-namespace zvtext {
+namespace zvkit::internal {
 
 // Size (1..4) of the character whose first byte is b, without branches:
 // 0xE5000000 holds the sizes minus one, two bits per top nibble.
@@ -39,14 +39,15 @@ inline uint32 CharSize(const char* p)
 // Number of characters that start in [text, text + n) when stepping from
 // text. When wellFormed is not null it is set to whether the range is
 // well-formed.
-size_t CountChars(const char* text, size_t n, bool* wellFormed = NULL);
+size_t CountChars(const char* text, size_t n, bool* wellFormed = nullptr);
 
 // Steps over up to count characters from text without passing text + n.
 // Returns the byte offset reached (at most n); *walked, when not null,
 // receives the number of characters stepped over, and *cut whether the last
 // of them was cut short by the end of the range.
-size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked = NULL, bool* cut = NULL);
+size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked = nullptr,
+                 bool* cut = nullptr);
 
-} // namespace zvtext
+} // namespace zvkit::internal
 
 #endif // ZVKIT_TEXT_UTF8_SCAN_H

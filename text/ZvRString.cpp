@@ -11,21 +11,21 @@
 
 const char ZvRString::mEmpty = 0;
 
-ZvRString::ZvRString() : data(NULL), length(0) {}
+ZvRString::ZvRString() : data(nullptr), length(0) {}
 
 void ZvRString::use(const char* s)
 {
 	// s may lie in the current data: copy before releasing it.
-	char* copy = NULL;
+	char* copy = nullptr;
 	uint32 size = 0;
-	if (s != NULL) {
+	if (s != nullptr) {
 		size = static_cast<uint32>(strlen(s));
 		copy = new (std::nothrow) char[size + 1];
-		if (copy != NULL)
+		if (copy != nullptr)
 			memcpy(copy, s, size + 1);
 	}
 	_free();
-	if (s != NULL) {
+	if (s != nullptr) {
 		length = size;
 		data = copy;
 	}
@@ -33,16 +33,16 @@ void ZvRString::use(const char* s)
 
 void ZvRString::setData(const char* p, uint32 n)
 {
-	char* copy = NULL;
-	if (p != NULL && n != 0) {
+	char* copy = nullptr;
+	if (p != nullptr && n != 0) {
 		copy = new (std::nothrow) char[static_cast<size_t>(n) + 1];
-		if (copy != NULL) {
+		if (copy != nullptr) {
 			memcpy(copy, p, n);
 			copy[n] = '\0';
 		}
 	}
 	_free();
-	if (copy != NULL) {
+	if (copy != nullptr) {
 		data = copy;
 		length = n;
 	}
@@ -50,9 +50,9 @@ void ZvRString::setData(const char* p, uint32 n)
 
 ZvRString& ZvRString::concat(const char* s)
 {
-	if (s == NULL || *s == '\0')
+	if (s == nullptr || *s == '\0')
 		return *this;
-	if (data == NULL || length == 0) {
+	if (data == nullptr || length == 0) {
 		use(s);
 		return *this;
 	}
@@ -61,7 +61,7 @@ ZvRString& ZvRString::concat(const char* s)
 	const size_t oldSize = strlen(old);
 	const size_t added = strlen(s);
 	data = new (std::nothrow) char[static_cast<size_t>(length) + added + 1];
-	if (data != NULL) {
+	if (data != nullptr) {
 		memcpy(data, old, oldSize);
 		memcpy(data + oldSize, s, added);
 		data[oldSize + added] = '\0';
@@ -73,7 +73,7 @@ ZvRString& ZvRString::concat(const char* s)
 
 void ZvRString::cut(char* at)
 {
-	if (data == NULL) {
+	if (data == nullptr) {
 		length = 0;
 		return;
 	}
@@ -86,7 +86,7 @@ void ZvRString::cut(char* at)
 
 char& ZvRString::operator[](uint32 i)
 {
-	if (data != NULL && i < length)
+	if (data != nullptr && i < length)
 		return data[i];
 	// Read-only storage: callers must not write through this reference.
 	return const_cast<char&>(mEmpty);
@@ -94,7 +94,7 @@ char& ZvRString::operator[](uint32 i)
 
 const char& ZvRString::operator[](uint32 i) const
 {
-	if (data != NULL && i < length)
+	if (data != nullptr && i < length)
 		return data[i];
 	return mEmpty;
 }
@@ -102,6 +102,6 @@ const char& ZvRString::operator[](uint32 i) const
 void ZvRString::_free()
 {
 	delete[] data;
-	data = NULL;
+	data = nullptr;
 	length = 0;
 }

@@ -73,7 +73,7 @@ const KeyRange kKeyRanges[] = {
 
 int32 kx_utf8_size(const char* p)
 {
-	return static_cast<int32>(zvtext::CharSize(p));
+	return static_cast<int32>(zvkit::internal::CharSize(p));
 }
 
 int32 kx_utf8_previous_size(const char* p, const char* start)
@@ -100,19 +100,19 @@ int32 kx_utf8_previous_size(const char* p, const char* start)
 const char* kx_utf8_previous(const char* p, const char* start)
 {
 	if (p == start)
-		return NULL;
+		return nullptr;
 	if (IsAsciiByte(static_cast<uint8>(p[-1])))
 		return p - 1;
 	if (p - 1 == start)
-		return NULL;
+		return nullptr;
 	if ((static_cast<uint8>(p[-2]) & 0xE0) == 0xC0)
 		return p - 2;
 	if (p - 2 == start)
-		return NULL;
+		return nullptr;
 	if ((static_cast<uint8>(p[-3]) & 0xF0) == 0xE0)
 		return p - 3;
 	if (p - 3 == start)
-		return NULL;
+		return nullptr;
 	if ((static_cast<uint8>(p[-4]) & 0xF0) == 0xF0)
 		return p - 4;
 	// No lead found within reach: no step at all (unlike the size, which

@@ -30,7 +30,7 @@ public:
 	{
 		if (message->what != kVolumeChanged)
 			return;
-		void* source = NULL;
+		void* source = nullptr;
 		int32 touched = 0;
 		message->FindPointer("Source", &source);
 		message->FindInt32("touched_what", &touched);
@@ -90,8 +90,8 @@ void ShareVolume()
 	mixer.DS_SetStringData("living room", false);
 	BMessage archive;
 	mixer.DS_Archive(&archive, 1 | 4);
-	const char* name = NULL;
-	const char* text = NULL;
+	const char* name = nullptr;
+	const char* text = nullptr;
 	archive.FindString("DS_ATTRIBUTENAME", &name);
 	archive.FindString("DS_STRING", &text);
 	printf("archive: attribute \"%s\", string \"%s\"\n", name, text);
@@ -104,10 +104,10 @@ void ShareVolume()
 
 void ShowDataSubscription()
 {
-	printf("registry before any subscriber: %s\n", zv_registry == NULL ? "none" : "exists");
+	printf("registry before any subscriber: %s\n", zv_registry == nullptr ? "none" : "exists");
 	ShareVolume();
 	printf("registry after the last subscriber left: %s\n",
-	       zv_registry == NULL ? "none" : "exists");
+	       zv_registry == nullptr ? "none" : "exists");
 }
 
 } // namespace

@@ -15,7 +15,7 @@ void ShowScreen()
 	if (!screen.IsValid()) {
 		std::printf("The main screen is not valid: no display is reachable through DISPLAY=%s\n"
 		            "(or libX11 cannot be loaded by this build).\n",
-		            display != NULL ? display : "(unset)");
+		            display != nullptr ? display : "(unset)");
 	} else {
 		std::printf("Main screen of X display %s:\n", display);
 	}

@@ -42,9 +42,9 @@ void ShowText()
 	const char* text = greeting.Buffer();
 	const char* p = text + greeting.ByteLength();
 	printf("  last characters, walking back:");
-	for (int i = 0; i < 6 && p != NULL && p != text; i++) {
+	for (int i = 0; i < 6 && p != nullptr && p != text; i++) {
 		p = kx_utf8_previous(p, text);
-		if (p != NULL)
+		if (p != nullptr)
 			printf(" [%.*s]", static_cast<int>(kx_utf8_size(p)), p);
 	}
 	printf("\n");

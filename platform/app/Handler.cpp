@@ -14,8 +14,8 @@ int32 sNextToken = 1;
 
 char* CopyName(const char* name)
 {
-	if (name == NULL)
-		return NULL;
+	if (name == nullptr)
+		return nullptr;
 	size_t length = std::strlen(name);
 	char* copy = new char[length + 1];
 	std::memcpy(copy, name, length + 1);
@@ -25,7 +25,7 @@ char* CopyName(const char* name)
 } // namespace
 
 BHandler::BHandler(const char* name)
-    : fName(CopyName(name)), fLooper(NULL), fToken(atomic_add(&sNextToken, 1))
+    : fName(CopyName(name)), fLooper(nullptr), fToken(atomic_add(&sNextToken, 1))
 {
 }
 
@@ -34,7 +34,7 @@ BHandler::~BHandler()
 	// A handler deleted while still attached leaves its looper first, so
 	// the looper never dispatches to freed memory.
 	BLooper* looper = fLooper;
-	if (looper != NULL && looper->Lock()) {
+	if (looper != nullptr && looper->Lock()) {
 		looper->RemoveHandler(this);
 		looper->Unlock();
 	}
@@ -63,7 +63,7 @@ const char* BHandler::Name() const
 bool BHandler::LockLooper()
 {
 	BLooper* looper = fLooper;
-	if (looper == NULL || !looper->Lock())
+	if (looper == nullptr || !looper->Lock())
 		return false;
 	// The handler may have changed loopers while this thread waited.
 	if (fLooper != looper) {
@@ -75,6 +75,6 @@ bool BHandler::LockLooper()
 
 void BHandler::UnlockLooper()
 {
-	if (fLooper != NULL)
+	if (fLooper != nullptr)
 		fLooper->Unlock();
 }

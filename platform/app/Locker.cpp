@@ -6,14 +6,14 @@ namespace {
 
 thread_id CurrentThread()
 {
-	return find_thread(NULL);
+	return find_thread(nullptr);
 }
 
 } // namespace
 
 BLocker::BLocker()
 {
-	_Init(NULL, true);
+	_Init(nullptr, true);
 }
 
 BLocker::BLocker(const char* name)
@@ -23,7 +23,7 @@ BLocker::BLocker(const char* name)
 
 BLocker::BLocker(bool benaphoreStyle)
 {
-	_Init(NULL, benaphoreStyle);
+	_Init(nullptr, benaphoreStyle);
 }
 
 BLocker::BLocker(const char* name, bool benaphoreStyle)
@@ -45,7 +45,7 @@ void BLocker::_Init(const char* name, bool benaphoreStyle)
 	fBenaphoreStyle = benaphoreStyle;
 	// A benaphore's semaphore starts empty (the atomic count admits the
 	// first holder); a plain semaphore lock starts with its one unit free.
-	fSemaphoreID = create_sem(benaphoreStyle ? 0 : 1, name != NULL ? name : "some BLocker");
+	fSemaphoreID = create_sem(benaphoreStyle ? 0 : 1, name != nullptr ? name : "some BLocker");
 }
 
 status_t BLocker::InitCheck() const

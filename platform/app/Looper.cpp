@@ -142,7 +142,7 @@ BLooper* LooperRegistry::ForThread(thread_id thread)
 		if (entry.second.thread == thread)
 			return entry.second.looper;
 	}
-	return NULL;
+	return nullptr;
 }
 
 bool LooperRegistry::FindHandler(int32 id, int32 token, BLooper** looper, BHandler** handler)
@@ -156,7 +156,7 @@ bool LooperRegistry::FindHandler(int32 id, int32 token, BLooper** looper, BHandl
 	if (found == table.loopers.end())
 		return false;
 	*looper = found->second.looper;
-	*handler = token < 0 ? NULL : LooperAccess::HandlerForToken(*looper, token);
+	*handler = token < 0 ? nullptr : LooperAccess::HandlerForToken(*looper, token);
 	return true;
 }
 
@@ -178,7 +178,7 @@ BHandler* LooperAccess::HandlerForToken(const BLooper* looper, int32 token)
 		if (handler->fToken == token)
 			return handler;
 	}
-	return NULL;
+	return nullptr;
 }
 
 const std::shared_ptr<LooperPort>& LooperAccess::Port(const BLooper* looper)
@@ -187,9 +187,9 @@ const std::shared_ptr<LooperPort>& LooperAccess::Port(const BLooper* looper)
 }
 
 BLooper::BLooper(const char* name, int32 priority, int32 portCapacity)
-    : BHandler(name), fLock(name != NULL ? name : "BLooper"), fPrivate(new Private), fId(-1),
-      fPriority(priority), fThread(-1), fRunCalled(false), fTerminating(false), fPreferred(NULL),
-      fCurrentMessage(NULL)
+    : BHandler(name), fLock(name != nullptr ? name : "BLooper"), fPrivate(new Private), fId(-1),
+      fPriority(priority), fThread(-1), fRunCalled(false), fTerminating(false), fPreferred(nullptr),
+      fCurrentMessage(nullptr)
 {
 	fPrivate->port = std::make_shared<LooperPort>(portCapacity);
 	// As on the platform, the constructing thread holds the lock until Run.
@@ -212,7 +212,7 @@ BLooper::~BLooper()
 	{
 		std::lock_guard<std::mutex> lock(fPrivate->handlersLock);
 		for (BHandler* handler : fPrivate->handlers)
-			handler->fLooper = NULL;
+			handler->fLooper = nullptr;
 		fPrivate->handlers.clear();
 	}
 	delete fPrivate;
@@ -223,12 +223,12 @@ BLooper::~BLooper()
 status_t BLooper::PostMessage(uint32 command)
 {
 	BMessage message(command);
-	return _Post(&message, this, NULL);
+	return _Post(&message, this, nullptr);
 }
 
 status_t BLooper::PostMessage(BMessage* message)
 {
-	return _Post(message, this, NULL);
+	return _Post(message, this, nullptr);
 }
 
 status_t BLooper::PostMessage(uint32 command, BHandler* handler, BHandler* replyTo)
@@ -244,10 +244,10 @@ status_t BLooper::PostMessage(BMessage* message, BHandler* handler, BHandler* re
 
 status_t BLooper::_Post(BMessage* message, BHandler* handler, BHandler* replyTo)
 {
-	if (message == NULL)
+	if (message == nullptr)
 		return B_BAD_VALUE;
 	int32 token = -1;
-	if (handler != NULL) {
+	if (handler != nullptr) {
 		std::lock_guard<std::mutex> lock(fPrivate->handlersLock);
 		if (handler->fLooper != this)
 			return B_MISMATCHED_VALUES;
@@ -300,17 +300,17 @@ void BLooper::_Loop()
 			fTerminating = true;
 		} else {
 			MessageDelivery* delivery = MessageAccess::Delivery(message);
-			BHandler* handler = NULL;
+			BHandler* handler = nullptr;
 			if (delivery->targetToken < 0)
-				handler = fPreferred != NULL ? fPreferred : this;
+				handler = fPreferred != nullptr ? fPreferred : this;
 			else
 				handler = LooperAccess::HandlerForToken(this, delivery->targetToken);
 			// A handler that left the looper after the message was posted:
 			// the message is dropped (a waiting sender gets B_NO_REPLY).
-			if (handler != NULL) {
+			if (handler != nullptr) {
 				fCurrentMessage = message;
 				DispatchMessage(message, handler);
-				fCurrentMessage = NULL;
+				fCurrentMessage = nullptr;
 			}
 		}
 		delete message;
@@ -327,10 +327,10 @@ void BLooper::_Loop()
 
 void BLooper::AddHandler(BHandler* handler)
 {
-	if (handler == NULL)
+	if (handler == nullptr)
 		return;
 	std::lock_guard<std::mutex> lock(fPrivate->handlersLock);
-	if (handler->fLooper != NULL)
+	if (handler->fLooper != nullptr)
 		return;
 	handler->fLooper = this;
 	fPrivate->handlers.push_back(handler);
@@ -338,16 +338,16 @@ void BLooper::AddHandler(BHandler* handler)
 
 bool BLooper::RemoveHandler(BHandler* handler)
 {
-	if (handler == NULL || handler == this)
+	if (handler == nullptr || handler == this)
 		return false;
 	std::lock_guard<std::mutex> lock(fPrivate->handlersLock);
 	auto found = std::find(fPrivate->handlers.begin(), fPrivate->handlers.end(), handler);
 	if (found == fPrivate->handlers.end())
 		return false;
 	fPrivate->handlers.erase(found);
-	handler->fLooper = NULL;
+	handler->fLooper = nullptr;
 	if (fPreferred == handler)
-		fPreferred = NULL;
+		fPreferred = nullptr;
 	return true;
 }
 
@@ -361,7 +361,7 @@ BHandler* BLooper::HandlerAt(int32 index) const
 {
 	std::lock_guard<std::mutex> lock(fPrivate->handlersLock);
 	if (index < 0 || static_cast<size_t>(index) >= fPrivate->handlers.size())
-		return NULL;
+		return nullptr;
 	return fPrivate->handlers[static_cast<size_t>(index)];
 }
 
@@ -381,7 +381,7 @@ BHandler* BLooper::PreferredHandler() const
 
 void BLooper::SetPreferredHandler(BHandler* handler)
 {
-	if (handler != NULL && handler->Looper() != this)
+	if (handler != nullptr && handler->Looper() != this)
 		return;
 	fPreferred = handler;
 }
@@ -392,7 +392,7 @@ thread_id BLooper::Run()
 {
 	if (fRunCalled)
 		return B_ALREADY_RUNNING;
-	const char* name = Name() != NULL ? Name() : "BLooper";
+	const char* name = Name() != nullptr ? Name() : "BLooper";
 	thread_id thread = spawn_thread(&BLooper::_ThreadEntry, name, fPriority, this);
 	if (thread < 0)
 		return thread;
@@ -413,7 +413,7 @@ void BLooper::Quit()
 		delete this;
 		return;
 	}
-	const thread_id self = find_thread(NULL);
+	const thread_id self = find_thread(nullptr);
 	if (self == fThread) {
 		// In the looper's own thread (from a handler): the loop ends after
 		// the current message and deletes the looper.

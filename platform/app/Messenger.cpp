@@ -31,8 +31,8 @@ status_t BPrivate::DeliverTo(int32 looperId, int32 token, const BMessage* messag
 	MessageDelivery* delivery = MessageAccess::Delivery(copy);
 	delivery->targetToken = token;
 	delivery->waiter = waiter;
-	BLooper* replyLooper = replyTo != NULL ? replyTo->Looper() : NULL;
-	if (replyLooper != NULL) {
+	BLooper* replyLooper = replyTo != nullptr ? replyTo->Looper() : nullptr;
+	if (replyLooper != nullptr) {
 		delivery->replyLooper = LooperAccess::Id(replyLooper);
 		delivery->replyToken = LooperAccess::Token(replyTo);
 	}
@@ -53,20 +53,20 @@ BMessenger::BMessenger(const BHandler* handler, const BLooper* looper, status_t*
     : fLooperId(-1), fHandlerToken(-1)
 {
 	status_t status = B_OK;
-	if (handler != NULL) {
+	if (handler != nullptr) {
 		BLooper* handlerLooper = handler->Looper();
-		if (handlerLooper == NULL || (looper != NULL && looper != handlerLooper)) {
+		if (handlerLooper == nullptr || (looper != nullptr && looper != handlerLooper)) {
 			status = B_MISMATCHED_VALUES;
 		} else {
 			fLooperId = LooperAccess::Id(handlerLooper);
 			fHandlerToken = LooperAccess::Token(handler);
 		}
-	} else if (looper != NULL) {
+	} else if (looper != nullptr) {
 		fLooperId = LooperAccess::Id(looper);
 	} else {
 		status = B_BAD_VALUE;
 	}
-	if (result != NULL)
+	if (result != nullptr)
 		*result = status;
 }
 
@@ -107,14 +107,14 @@ bool BMessenger::IsTargetLocal() const
 
 BHandler* BMessenger::Target(BLooper** looper) const
 {
-	BLooper* foundLooper = NULL;
-	BHandler* handler = NULL;
+	BLooper* foundLooper = nullptr;
+	BHandler* handler = nullptr;
 	if (fLooperId < 0 ||
 	    !LooperRegistry::FindHandler(fLooperId, fHandlerToken, &foundLooper, &handler)) {
-		foundLooper = NULL;
-		handler = NULL;
+		foundLooper = nullptr;
+		handler = nullptr;
 	}
-	if (looper != NULL)
+	if (looper != nullptr)
 		*looper = foundLooper;
 	return handler;
 }
@@ -132,7 +132,7 @@ status_t BMessenger::SendMessage(uint32 command, BHandler* replyTo) const
 
 status_t BMessenger::SendMessage(BMessage* message, BHandler* replyTo, bigtime_t timeout) const
 {
-	if (message == NULL)
+	if (message == nullptr)
 		return B_BAD_VALUE;
 	if (fLooperId < 0)
 		return B_BAD_PORT_ID;
@@ -148,18 +148,18 @@ status_t BMessenger::SendMessage(uint32 command, BMessage* reply) const
 status_t BMessenger::SendMessage(BMessage* message, BMessage* reply, bigtime_t deliveryTimeout,
                                  bigtime_t replyTimeout) const
 {
-	if (message == NULL || reply == NULL)
+	if (message == nullptr || reply == nullptr)
 		return B_BAD_VALUE;
 	LooperRegistry::Target target;
 	if (fLooperId < 0 || !LooperRegistry::Find(fLooperId, &target))
 		return B_BAD_PORT_ID;
 	// The looper's thread could never answer while it waits here.
-	if (target.thread >= 0 && target.thread == find_thread(NULL))
+	if (target.thread >= 0 && target.thread == find_thread(nullptr))
 		return B_MESSAGE_TO_SELF;
 
 	std::shared_ptr<ReplyChannel> channel = std::make_shared<ReplyChannel>();
 	status_t status =
-	    BPrivate::DeliverTo(fLooperId, fHandlerToken, message, NULL, channel, deliveryTimeout);
+	    BPrivate::DeliverTo(fLooperId, fHandlerToken, message, nullptr, channel, deliveryTimeout);
 	if (status != B_OK)
 		return status;
 

@@ -26,7 +26,7 @@ class LooperAccess;
 class _EXPORT BHandler
 {
 public:
-	BHandler(const char* name = NULL);
+	BHandler(const char* name = nullptr);
 	virtual ~BHandler();
 
 	BHandler(const BHandler&) = delete;

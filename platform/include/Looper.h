@@ -38,25 +38,25 @@ class BMessenger;
 class _EXPORT BLooper : public BHandler
 {
 public:
-	BLooper(const char* name = NULL, int32 priority = B_NORMAL_PRIORITY,
+	BLooper(const char* name = nullptr, int32 priority = B_NORMAL_PRIORITY,
 	        int32 portCapacity = B_LOOPER_PORT_DEFAULT_CAPACITY);
 	virtual ~BLooper();
 
 	// Posting: the message is copied. Without a handler argument the looper
-	// itself is the target; a NULL handler means the preferred handler.
+	// itself is the target; a nullptr handler means the preferred handler.
 	// B_MISMATCHED_VALUES when the handler belongs to another looper,
-	// B_WOULD_BLOCK when the queue is full, B_BAD_VALUE for a NULL message.
+	// B_WOULD_BLOCK when the queue is full, B_BAD_VALUE for a nullptr message.
 	status_t PostMessage(uint32 command);
 	status_t PostMessage(BMessage* message);
-	status_t PostMessage(uint32 command, BHandler* handler, BHandler* replyTo = NULL);
-	status_t PostMessage(BMessage* message, BHandler* handler, BHandler* replyTo = NULL);
+	status_t PostMessage(uint32 command, BHandler* handler, BHandler* replyTo = nullptr);
+	status_t PostMessage(BMessage* message, BHandler* handler, BHandler* replyTo = nullptr);
 
 	// Called in the looper's thread for every message; the default handles
 	// B_QUIT_REQUESTED aimed at the looper and gives everything else to
 	// handler->MessageReceived.
 	virtual void DispatchMessage(BMessage* message, BHandler* handler);
 	virtual void MessageReceived(BMessage* message);
-	// The message being dispatched, in the looper's thread; NULL otherwise.
+	// The message being dispatched, in the looper's thread; nullptr otherwise.
 	BMessage* CurrentMessage() const;
 
 	// Handlers (with the looper locked).
@@ -83,7 +83,7 @@ public:
 
 	thread_id Thread() const;
 	team_id Team() const;
-	// The looper whose thread is `thread`, or NULL.
+	// The looper whose thread is `thread`, or nullptr.
 	static BLooper* LooperForThread(thread_id thread);
 
 private:

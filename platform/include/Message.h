@@ -56,8 +56,8 @@ public:
 
 	// Information about the fields.
 	status_t GetInfo(type_code typeRequested, int32 index, char** nameFound, type_code* typeFound,
-	                 int32* countFound = NULL) const;
-	status_t GetInfo(const char* name, type_code* typeFound, int32* countFound = NULL) const;
+	                 int32* countFound = nullptr) const;
+	status_t GetInfo(const char* name, type_code* typeFound, int32* countFound = nullptr) const;
 	status_t GetInfo(const char* name, type_code* typeFound, bool* fixedSize) const;
 	// Number of fields of that type; B_ANY_TYPE counts every field.
 	int32 CountNames(type_code type) const;
@@ -69,8 +69,8 @@ public:
 	status_t MakeEmpty();
 
 	// Replies (for a message delivered by a looper).
-	status_t SendReply(uint32 command, BHandler* replyTo = NULL);
-	status_t SendReply(BMessage* reply, BHandler* replyTo = NULL,
+	status_t SendReply(uint32 command, BHandler* replyTo = nullptr);
+	status_t SendReply(BMessage* reply, BHandler* replyTo = nullptr,
 	                   bigtime_t timeout = B_INFINITE_TIMEOUT);
 	// A sender waits in BMessenger::SendMessage for the answer.
 	bool IsSourceWaiting() const;

@@ -29,10 +29,11 @@ class _EXPORT BMessenger
 public:
 	BMessenger();
 	// The target is `handler` (which must belong to a looper, and to
-	// `looper` when that is given) or, with a NULL handler, the preferred
-	// handler of `looper`. *result: B_OK, B_BAD_VALUE (both NULL) or
+	// `looper` when that is given) or, with a nullptr handler, the preferred
+	// handler of `looper`. *result: B_OK, B_BAD_VALUE (both nullptr) or
 	// B_MISMATCHED_VALUES (handler without, or of another, looper).
-	BMessenger(const BHandler* handler, const BLooper* looper = NULL, status_t* result = NULL);
+	BMessenger(const BHandler* handler, const BLooper* looper = nullptr,
+	           status_t* result = nullptr);
 	BMessenger(const BMessenger& other);
 	~BMessenger();
 
@@ -44,13 +45,13 @@ public:
 	bool IsValid() const;
 	// The target lives in this process (true for every valid messenger here).
 	bool IsTargetLocal() const;
-	// The target handler (NULL for a preferred-handler target or an invalid
-	// messenger); *looper receives the looper, or NULL.
+	// The target handler (nullptr for a preferred-handler target or an invalid
+	// messenger); *looper receives the looper, or nullptr.
 	BHandler* Target(BLooper** looper) const;
 	team_id Team() const;
 
-	status_t SendMessage(uint32 command, BHandler* replyTo = NULL) const;
-	status_t SendMessage(BMessage* message, BHandler* replyTo = NULL,
+	status_t SendMessage(uint32 command, BHandler* replyTo = nullptr) const;
+	status_t SendMessage(BMessage* message, BHandler* replyTo = nullptr,
 	                     bigtime_t timeout = B_INFINITE_TIMEOUT) const;
 	status_t SendMessage(uint32 command, BMessage* reply) const;
 	// Waits up to deliveryTimeout for room in the queue and up to

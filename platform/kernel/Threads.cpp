@@ -722,7 +722,7 @@ void exit_thread(status_t status)
 namespace zvplatform {
 namespace {
 
-// find_thread by name: kept out of line so that find_thread(NULL) stays a
+// find_thread by name: kept out of line so that find_thread(nullptr) stays a
 // few instructions.
 __attribute__((noinline)) thread_id FindThreadByName(const char* name)
 {

@@ -39,7 +39,7 @@ public:
 	{
 		std::lock_guard<std::mutex> guard(fLock);
 		fMessages.push_back(*message);
-		fThreads.push_back(find_thread(NULL));
+		fThreads.push_back(find_thread(nullptr));
 		if (fOnReceive)
 			fOnReceive(message);
 		fChanged.notify_all();
@@ -226,7 +226,7 @@ TEST_F(DataEventsTest, HandlerOfARunningLooperReceivesTheEventInTheLoopersThread
 	EXPECT_EQ(TouchedWhatOf(event), 1);
 	EXPECT_EQ(CountField(event, "touched_what"), 1);
 	EXPECT_EQ(fHandler.Threads(), std::vector<thread_id>{fLooperThread});
-	EXPECT_NE(fLooperThread, find_thread(NULL));
+	EXPECT_NE(fLooperThread, find_thread(nullptr));
 
 	// The template keeps a single "touched_what", the latest code.
 	ASSERT_EQ(sender.DS_SetStringData("s", true), 0);

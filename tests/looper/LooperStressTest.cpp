@@ -33,9 +33,9 @@ constexpr int kRaceRounds = kSanitized ? 300 : 2000;
 
 // Flow control outside the looper: a producer takes one credit per message
 // and the handler gives it back on receipt, so the queue never holds more
-// than the credits while every producer still posts concurrently. (Removal
-// from the queue shifts the list, so a queue of tens of thousands of
-// messages would make the test slow, not more thorough.)
+// than the credits while every producer still posts concurrently. (Without
+// them the producers could run tens of thousands of messages ahead of the
+// loop, which costs memory and time and tests nothing more.)
 class Credits
 {
 public:

@@ -1,17 +1,13 @@
-// ZvList growth and shrink rules, the geometry values, MIN/MAX and the
-// four-character rendering of type codes.
-#include <ZvGeometry.h>
+// ZvList growth and shrink rules.
 #include <ZvList.h>
 #include <ZvLocker.h>
 #include <ZvMessage.h>
-#include <ZvTypeCodes.h>
 
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cmath>
 #include <deque>
 #include <random>
 #include <string>
@@ -348,88 +344,6 @@ TEST(ZvListTest, AListGrownOnOneThreadIsShrunkAndFreedOnAnother)
 	});
 	drainer.join();
 	EXPECT_TRUE(inOrder);
-}
-
-TEST(ZvGeometryTest, MinAndMaxGiveTheSecondArgumentOnATie)
-{
-	EXPECT_EQ(2, MIN<int32>(2, 2));
-	EXPECT_EQ(2, MAX<int32>(2, 2));
-	// Signed zeros compare equal, so they show which argument came back.
-	EXPECT_TRUE(std::signbit(MIN(0.0f, -0.0f)));
-	EXPECT_FALSE(std::signbit(MIN(-0.0f, 0.0f)));
-	EXPECT_EQ(1, MIN<int32>(1, 2));
-	EXPECT_EQ(1, MIN<int32>(2, 1));
-	EXPECT_EQ(2, MAX<int32>(1, 2));
-	EXPECT_EQ(2, MAX<int32>(2, 1));
-	EXPECT_EQ(4000000000u, MAX<uint32>(4000000000u, 1u));
-	EXPECT_EQ(1u, MIN<uint32>(4000000000u, 1u));
-}
-
-TEST(ZvGeometryTest, FloatMinWithNaNGivesTheSecondArgument)
-{
-	const float nan = std::nanf("");
-	EXPECT_EQ(1.0f, MIN(nan, 1.0f));
-	EXPECT_TRUE(std::isnan(MIN(1.0f, nan)));
-}
-
-TEST(ZvGeometryTest, PointsAndRectanglesAreBraceConstructedAndDefaultToZero)
-{
-	ZvRect<float> rect{1.0f, 2.0f, 11.0f, 22.0f};
-	EXPECT_EQ(1.0f, rect.left);
-	EXPECT_EQ(2.0f, rect.top);
-	EXPECT_EQ(11.0f, rect.right);
-	EXPECT_EQ(22.0f, rect.bottom);
-	EXPECT_EQ(10.0f, rect.Width());
-	EXPECT_EQ(20.0f, rect.Height());
-	ZvPoint<int32> point{3, 4};
-	EXPECT_EQ(3, point.x);
-	EXPECT_EQ(4, point.y);
-	ZvRect<int16> zero;
-	EXPECT_EQ(0, zero.left + zero.top + zero.right + zero.bottom);
-	ZvPoint<double> origin;
-	EXPECT_EQ(0.0, origin.x);
-	EXPECT_EQ(0.0, origin.y);
-	static_assert(sizeof(ZvRect<double>) == 32, "four doubles");
-	static_assert(sizeof(ZvPoint<int16>) == 4, "two shorts");
-}
-
-std::string Render(type_code code)
-{
-	char buffer[5];
-	return ZV_TypeCodeString(code, buffer);
-}
-
-TEST(ZvTypeCodeTest, CodesRenderAsFourCharactersMostSignificantFirst)
-{
-	EXPECT_EQ("SI08", Render(0x53493038));
-	EXPECT_EQ("SI32", Render(ZV_INT32_TYPE));
-	EXPECT_EQ("ANYT", Render(ZV_ANY_TYPE));
-	EXPECT_EQ("BMSG", Render(ZV_MESSAGE_TYPE));
-}
-
-TEST(ZvTypeCodeTest, TableValuesSpellTheirCodes)
-{
-	const struct
-	{
-		type_code code;
-		const char* text;
-	} table[] = {{ZV_ANY_TYPE, "ANYT"},     {ZV_INT8_TYPE, "SI08"},   {ZV_INT16_TYPE, "SI16"},
-	             {ZV_INT32_TYPE, "SI32"},   {ZV_INT64_TYPE, "SI64"},  {ZV_FLOAT_TYPE, "FT32"},
-	             {ZV_DOUBLE_TYPE, "FT64"},  {ZV_BOOL_TYPE, "BOOL"},   {ZV_STRING_TYPE, "CPTR"},
-	             {ZV_POINTER_TYPE, "LPTR"}, {ZV_COLOR_TYPE, "COLR"},  {ZV_RECT_TYPE, "RECT"},
-	             {ZV_POINT_TYPE, "PONT"},   {ZV_MESSAGE_TYPE, "BMSG"}};
-	for (const auto& entry : table)
-		EXPECT_EQ(entry.text, Render(entry.code));
-	EXPECT_EQ(0x53493332u, ZV_INT32_TYPE);
-}
-
-TEST(ZvTypeCodeTest, UnprintableBytesBecomeSpacesAndZeroEndsTheText)
-{
-	EXPECT_EQ("A  B", Render(0x41201F42));    // 32 and 31 are outside 33..127
-	EXPECT_EQ("A\x7F B", Render(0x417F8042)); // 127 stays, 128 becomes a space
-	EXPECT_EQ("AB", Render(0x41420043));      // a zero byte ends the text
-	EXPECT_EQ("", Render(0));
-	EXPECT_EQ("   !", Render(0x01FFFE21));
 }
 
 } // namespace

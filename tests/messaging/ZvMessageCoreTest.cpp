@@ -3,7 +3,7 @@
 #include <ZvMessage.h>
 
 #include "MessageTestSupport.h"
-#include "internal/BlockCache.h"
+#include "base/internal/BlockCache.h"
 
 #include <gtest/gtest.h>
 
@@ -110,7 +110,7 @@ bool AllocatorHandsOut(const void* address, size_t bytes)
 // so they agree.
 bool LibraryCachesBlocks()
 {
-	return zv_internal::BlockCacheEnabled();
+	return zvkit::internal::BlockCacheEnabled();
 }
 
 // ZvMessageItem
@@ -339,7 +339,7 @@ TEST(ZvMessageItemTest, ADeletedItemsBlockIsKeptByTheCacheAndReusedForTheNextIte
 {
 	if (!LibraryCachesBlocks())
 		GTEST_SKIP() << "the block cache is off in this process";
-	static_assert(sizeof(ZvMessageItem) <= zv_internal::kMaxCachedBlock, "items are cached");
+	static_assert(sizeof(ZvMessageItem) <= zvkit::internal::kMaxCachedBlock, "items are cached");
 	ZvMessageItem* first = new ZvMessageItem("a", ZV_INT32_TYPE, 4, "abcd");
 	void* const address = first;
 	delete first;
@@ -986,7 +986,7 @@ TEST(ZvMessageCoreTest, ADerivedMessageIsFreedAsItsOwnSizeNotTheBaseSize)
 	using Derived = TailedMessage<100>;
 	static_assert(ClassBytes(sizeof(Derived)) != ClassBytes(sizeof(ZvMessage)),
 	              "sizes in different classes");
-	static_assert(sizeof(Derived) <= zv_internal::kMaxCachedBlock, "derived message is cached");
+	static_assert(sizeof(Derived) <= zvkit::internal::kMaxCachedBlock, "derived message is cached");
 	int destroyed = 0;
 	ZvMessage* derived = new Derived(&destroyed);
 	void* const address = derived;

@@ -1,9 +1,3 @@
-# The block cache's functions are hidden inside libzvkit.so: the cache's own
-# tests compile a second copy of its source into this executable. That copy
-# has its own thread caches and central store, apart from the library's, so
-# the counts BlockCacheTest.cpp reads are not disturbed by the library's
-# messages and lists. ZvMessageCoreTest.cpp only asks the copy whether the
-# cache is on: the copy decides as the library's does (the same
-# ZVKIT_FORCE_NEW setting, the same sanitizer build).
-target_sources(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging/internal/BlockCache.cpp)
-target_include_directories(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging ${PROJECT_SOURCE_DIR})
+# ZvMessageCoreTest.cpp asks the block cache's copy whether caching is on: it
+# decides as the library's does.
+zvkit_test_uses_block_cache(${ZVKIT_TEST_TARGET})

@@ -43,7 +43,7 @@ TEST_P(BLockerTest, TheOwnerMayLockAgainAndMustUnlockAsOften)
 	ASSERT_TRUE(locker.Lock());
 	EXPECT_EQ(B_OK, locker.LockWithTimeout(0));
 	EXPECT_TRUE(locker.IsLocked());
-	EXPECT_EQ(find_thread(NULL), locker.LockingThread());
+	EXPECT_EQ(find_thread(nullptr), locker.LockingThread());
 	EXPECT_EQ(3, locker.CountLocks());
 	locker.Unlock();
 	locker.Unlock();
@@ -60,7 +60,7 @@ TEST_P(BLockerTest, AnotherThreadTimesOutWhileTheLockIsHeld)
 	BLocker locker(GetParam());
 	ASSERT_TRUE(locker.Lock());
 	ASSERT_TRUE(locker.Lock());
-	const thread_id owner = find_thread(NULL);
+	const thread_id owner = find_thread(nullptr);
 
 	status_t zeroWait = B_OK;
 	status_t shortWait = B_OK;

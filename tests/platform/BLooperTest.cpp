@@ -42,9 +42,9 @@ public:
 		message->FindInt32("index", &index);
 		fWhats.push_back(message->what);
 		fIndexes.push_back(index);
-		fThreads.push_back(find_thread(NULL));
-		fLockedDuringDelivery.push_back(Looper() != NULL && Looper()->IsLocked());
-		fCurrentMatched.push_back(Looper() != NULL && Looper()->CurrentMessage() == message);
+		fThreads.push_back(find_thread(nullptr));
+		fLockedDuringDelivery.push_back(Looper() != nullptr && Looper()->IsLocked());
+		fCurrentMatched.push_back(Looper() != nullptr && Looper()->CurrentMessage() == message);
 		if (message->what == fCountOn)
 			fLatch.CountDown();
 	}
@@ -68,7 +68,7 @@ private:
 class TestLooper : public BLooper
 {
 public:
-	TestLooper(std::atomic<bool>* deleted = NULL, thread_id* deletedIn = NULL,
+	TestLooper(std::atomic<bool>* deleted = nullptr, thread_id* deletedIn = nullptr,
 	           int32 capacity = B_LOOPER_PORT_DEFAULT_CAPACITY)
 	    : BLooper("test looper", B_NORMAL_PRIORITY, capacity), fDeleted(deleted),
 	      fDeletedIn(deletedIn)
@@ -77,9 +77,9 @@ public:
 
 	~TestLooper() override
 	{
-		if (fDeletedIn != NULL)
-			*fDeletedIn = find_thread(NULL);
-		if (fDeleted != NULL)
+		if (fDeletedIn != nullptr)
+			*fDeletedIn = find_thread(nullptr);
+		if (fDeleted != nullptr)
 			*fDeleted = true;
 	}
 
@@ -105,7 +105,7 @@ TEST(BLooperTest, TheConstructingThreadHoldsTheLockUntilRun)
 	zvtest::Watchdog watchdog(30s, "looper lock until Run");
 	BLooper* looper = new BLooper("locked");
 	EXPECT_TRUE(looper->IsLocked());
-	EXPECT_EQ(find_thread(NULL), looper->LockingThread());
+	EXPECT_EQ(find_thread(nullptr), looper->LockingThread());
 
 	status_t otherTry = B_OK;
 	std::thread([&] { otherTry = looper->LockWithTimeout(0); }).join();
@@ -113,7 +113,7 @@ TEST(BLooperTest, TheConstructingThreadHoldsTheLockUntilRun)
 
 	thread_id thread = looper->Run();
 	EXPECT_GT(thread, 0);
-	EXPECT_NE(find_thread(NULL), thread);
+	EXPECT_NE(find_thread(nullptr), thread);
 	EXPECT_FALSE(looper->IsLocked());
 	EXPECT_EQ(thread, looper->Thread());
 	EXPECT_EQ(B_ALREADY_RUNNING, looper->Run());
@@ -121,7 +121,7 @@ TEST(BLooperTest, TheConstructingThreadHoldsTheLockUntilRun)
 
 	ASSERT_TRUE(looper->Lock());
 	looper->Quit();
-	EXPECT_EQ(NULL, BLooper::LooperForThread(thread));
+	EXPECT_EQ(nullptr, BLooper::LooperForThread(thread));
 }
 
 TEST(BLooperTest, MessagesArriveInTheLoopersThreadInPostingOrder)
@@ -152,7 +152,7 @@ TEST(BLooperTest, MessagesArriveInTheLoopersThreadInPostingOrder)
 		EXPECT_TRUE(handler.fCurrentMatched[static_cast<size_t>(i)]);
 	}
 	EXPECT_EQ(kStop, handler.fWhats.back());
-	EXPECT_EQ(NULL, handler.Looper());
+	EXPECT_EQ(nullptr, handler.Looper());
 }
 
 TEST(BLooperTest, PostingCopiesTheMessage)
@@ -190,14 +190,14 @@ TEST(BLooperTest, TargetsAreTheHandlerTheLooperOrThePreferredHandler)
 	ASSERT_EQ(B_OK, looper->PostMessage(kTick));
 	ASSERT_TRUE(looper->fOwn.Wait());
 
-	// A NULL handler means the preferred handler, which is the looper
+	// A nullptr handler means the preferred handler, which is the looper
 	// itself until one is set.
 	ASSERT_TRUE(looper->Lock());
 	looper->SetPreferredHandler(&preferred);
 	EXPECT_EQ(&preferred, looper->PreferredHandler());
 	looper->Unlock();
-	ASSERT_EQ(B_OK, looper->PostMessage(kOther, NULL));
-	ASSERT_EQ(B_OK, looper->PostMessage(kStop, static_cast<BHandler*>(NULL)));
+	ASSERT_EQ(B_OK, looper->PostMessage(kOther, nullptr));
+	ASSERT_EQ(B_OK, looper->PostMessage(kStop, static_cast<BHandler*>(nullptr)));
 	ASSERT_TRUE(preferred.Wait());
 
 	ASSERT_TRUE(looper->Lock());
@@ -205,7 +205,7 @@ TEST(BLooperTest, TargetsAreTheHandlerTheLooperOrThePreferredHandler)
 	EXPECT_EQ((std::vector<uint32>{kOther, kStop}), preferred.fWhats);
 	// Removing the preferred handler clears the preference.
 	EXPECT_TRUE(looper->RemoveHandler(&preferred));
-	EXPECT_EQ(NULL, looper->PreferredHandler());
+	EXPECT_EQ(nullptr, looper->PreferredHandler());
 	looper->Quit();
 }
 
@@ -219,17 +219,17 @@ TEST(BLooperTest, PostingToAHandlerOfAnotherLooperIsRefused)
 	EXPECT_EQ(B_MISMATCHED_VALUES, second->PostMessage(&message, &handler));
 	RecordingHandler loose;
 	EXPECT_EQ(B_MISMATCHED_VALUES, second->PostMessage(&message, &loose));
-	EXPECT_EQ(B_BAD_VALUE, second->PostMessage(static_cast<BMessage*>(NULL)));
+	EXPECT_EQ(B_BAD_VALUE, second->PostMessage(static_cast<BMessage*>(nullptr)));
 	first->Quit();
 	second->Quit();
-	EXPECT_EQ(NULL, handler.Looper());
+	EXPECT_EQ(nullptr, handler.Looper());
 }
 
 TEST(BLooperTest, AFullQueueRefusesPostsWithWouldBlock)
 {
 	std::atomic<bool> deleted{false};
 	// Not running: nothing drains the queue of capacity 2.
-	TestLooper* looper = new TestLooper(&deleted, NULL, 2);
+	TestLooper* looper = new TestLooper(&deleted, nullptr, 2);
 	EXPECT_EQ(B_OK, looper->PostMessage(kTick));
 	EXPECT_EQ(B_OK, looper->PostMessage(kTick));
 	EXPECT_EQ(B_WOULD_BLOCK, looper->PostMessage(kTick));
@@ -290,7 +290,7 @@ TEST(BLooperTest, QuitFromAHandlerEndsTheLoopAfterTheCurrentMessage)
 	EXPECT_TRUE(deleted.load());
 	EXPECT_EQ(thread, deletedIn);
 	EXPECT_EQ((std::vector<uint32>{kTick, kStop}), handler.fSeen);
-	EXPECT_EQ(NULL, handler.Looper());
+	EXPECT_EQ(nullptr, handler.Looper());
 }
 
 TEST(BLooperTest, QuitRequestedDecidesWhetherAQuitRequestEndsTheLooper)
@@ -325,7 +325,7 @@ TEST(BLooperTest, QuitBeforeRunDeletesTheLooperAtOnce)
 	TestLooper* looper = new TestLooper(&deleted, &deletedIn);
 	looper->Quit();
 	EXPECT_TRUE(deleted.load());
-	EXPECT_EQ(find_thread(NULL), deletedIn);
+	EXPECT_EQ(find_thread(nullptr), deletedIn);
 }
 
 TEST(BLooperTest, HandlersAreCountedAndDetached)
@@ -345,13 +345,13 @@ TEST(BLooperTest, HandlersAreCountedAndDetached)
 	EXPECT_EQ(looper, first.Looper());
 	EXPECT_EQ(1, looper->IndexOf(&first));
 	EXPECT_EQ(2, looper->IndexOf(&second));
-	EXPECT_EQ(NULL, looper->HandlerAt(3));
-	EXPECT_EQ(NULL, looper->HandlerAt(-1));
+	EXPECT_EQ(nullptr, looper->HandlerAt(3));
+	EXPECT_EQ(nullptr, looper->HandlerAt(-1));
 
 	EXPECT_TRUE(looper->RemoveHandler(&first));
 	EXPECT_FALSE(looper->RemoveHandler(&first));
 	EXPECT_FALSE(looper->RemoveHandler(looper));
-	EXPECT_EQ(NULL, first.Looper());
+	EXPECT_EQ(nullptr, first.Looper());
 	EXPECT_EQ(-1, looper->IndexOf(&first));
 
 	{
@@ -362,7 +362,7 @@ TEST(BLooperTest, HandlersAreCountedAndDetached)
 	// The destroyed handler left the looper by itself.
 	EXPECT_EQ(2, looper->CountHandlers());
 	looper->Quit();
-	EXPECT_EQ(NULL, second.Looper());
+	EXPECT_EQ(nullptr, second.Looper());
 }
 
 TEST(BLooperTest, AHandlerRemovedAfterPostingDoesNotGetTheMessage)
@@ -386,12 +386,12 @@ TEST(BLooperTest, AHandlerRemovedAfterPostingDoesNotGetTheMessage)
 TEST(BLooperTest, HandlerNamesAndLockLooper)
 {
 	BHandler unnamed;
-	EXPECT_EQ(NULL, unnamed.Name());
+	EXPECT_EQ(nullptr, unnamed.Name());
 	EXPECT_FALSE(unnamed.LockLooper());
 	unnamed.SetName("named");
 	EXPECT_STREQ("named", unnamed.Name());
-	unnamed.SetName(NULL);
-	EXPECT_EQ(NULL, unnamed.Name());
+	unnamed.SetName(nullptr);
+	EXPECT_EQ(nullptr, unnamed.Name());
 
 	BLooper* looper = new BLooper("named looper");
 	EXPECT_STREQ("named looper", looper->Name());
@@ -540,9 +540,9 @@ TEST(BLooperTest, AHandlerDestroyedWhileItsLooperRunsLeavesIt)
 		looper->AddHandler(&temporary);
 		looper->Unlock();
 		messenger = BMessenger(&temporary);
-		EXPECT_EQ(&temporary, messenger.Target(NULL));
+		EXPECT_EQ(&temporary, messenger.Target(nullptr));
 	}
-	EXPECT_EQ(NULL, messenger.Target(NULL));
+	EXPECT_EQ(nullptr, messenger.Target(nullptr));
 	// Messages for the destroyed handler are dropped.
 	EXPECT_EQ(B_OK, messenger.SendMessage(kTick));
 	ASSERT_EQ(B_OK, looper->PostMessage(kStop, &witness));

@@ -225,13 +225,13 @@ TYPED_TEST(BMessageTypedTest, FindGivesPlatformStatusCodes)
 	EXPECT_EQ(B_BAD_TYPE, TypeParam::Find(message, "other", &value));
 	EXPECT_EQ(B_BAD_INDEX, TypeParam::Find(message, "v", 1, &value));
 	EXPECT_EQ(B_BAD_INDEX, TypeParam::Find(message, "v", -1, &value));
-	EXPECT_EQ(B_BAD_VALUE, TypeParam::Find(message, NULL, &value));
-	EXPECT_EQ(B_BAD_VALUE, TypeParam::Find(message, "v", NULL));
+	EXPECT_EQ(B_BAD_VALUE, TypeParam::Find(message, nullptr, &value));
+	EXPECT_EQ(B_BAD_VALUE, TypeParam::Find(message, "v", nullptr));
 	// Failed finds leave the out-value alone.
 	EXPECT_EQ(TypeParam::Second(), value);
 	EXPECT_FALSE(TypeParam::Has(message, "other", 0));
 	EXPECT_FALSE(TypeParam::Has(message, "missing", 0));
-	EXPECT_FALSE(TypeParam::Has(message, NULL, 0));
+	EXPECT_FALSE(TypeParam::Has(message, nullptr, 0));
 }
 
 TYPED_TEST(BMessageTypedTest, AddUnderANameOfAnotherTypeIsRefused)
@@ -239,7 +239,7 @@ TYPED_TEST(BMessageTypedTest, AddUnderANameOfAnotherTypeIsRefused)
 	BMessage message;
 	ASSERT_EQ(B_OK, message.AddString("name", "text"));
 	EXPECT_EQ(B_BAD_TYPE, TypeParam::Add(message, "name", TypeParam::First()));
-	EXPECT_EQ(B_BAD_VALUE, TypeParam::Add(message, NULL, TypeParam::First()));
+	EXPECT_EQ(B_BAD_VALUE, TypeParam::Add(message, nullptr, TypeParam::First()));
 	int32 count = 0;
 	type_code type = 0;
 	EXPECT_EQ(B_OK, message.GetInfo("name", &type, &count));
@@ -280,7 +280,7 @@ TEST(BMessageStringTest, StringsAreCopiedAndFoundByIndex)
 	ASSERT_EQ(B_OK, message.AddString("s", ""));
 	buffer[0] = 'X';
 
-	const char* found = NULL;
+	const char* found = nullptr;
 	EXPECT_EQ(B_OK, message.FindString("s", &found));
 	EXPECT_STREQ("first", found);
 	EXPECT_EQ(B_OK, message.FindString("s", 1, &found));
@@ -301,29 +301,29 @@ TEST(BMessageStringTest, ReplaceStringMayChangeTheLength)
 	BMessage message;
 	ASSERT_EQ(B_OK, message.AddString("s", "short"));
 	EXPECT_EQ(B_OK, message.ReplaceString("s", "a much longer string"));
-	const char* found = NULL;
+	const char* found = nullptr;
 	EXPECT_EQ(B_OK, message.FindString("s", &found));
 	EXPECT_STREQ("a much longer string", found);
-	EXPECT_EQ(B_BAD_VALUE, message.ReplaceString("s", NULL));
+	EXPECT_EQ(B_BAD_VALUE, message.ReplaceString("s", nullptr));
 	EXPECT_EQ(B_BAD_INDEX, message.ReplaceString("s", 1, "x"));
 }
 
 TEST(BMessageStringTest, NullStringsAndOutPointersAreRefused)
 {
 	BMessage message;
-	EXPECT_EQ(B_BAD_VALUE, message.AddString("s", NULL));
+	EXPECT_EQ(B_BAD_VALUE, message.AddString("s", nullptr));
 	EXPECT_TRUE(message.IsEmpty());
 	ASSERT_EQ(B_OK, message.AddString("s", "x"));
-	EXPECT_EQ(B_BAD_VALUE, message.FindString("s", NULL));
+	EXPECT_EQ(B_BAD_VALUE, message.FindString("s", nullptr));
 }
 
 TEST(BMessageStringTest, UnterminatedBytesUnderTheStringTypeAreNotHandedOutAsAString)
 {
 	BMessage message;
 	ASSERT_EQ(B_OK, message.AddData("s", B_STRING_TYPE, "abc", 3, false));
-	const char* found = NULL;
+	const char* found = nullptr;
 	EXPECT_EQ(B_BAD_DATA, message.FindString("s", &found));
-	EXPECT_EQ(NULL, found);
+	EXPECT_EQ(nullptr, found);
 }
 
 // #pragma mark - Raw data
@@ -339,7 +339,7 @@ TEST(BMessageDataTest, FixedSizeDataKeepsItsItemSize)
 	EXPECT_EQ(B_BAD_VALUE, message.AddData("raw", B_RAW_TYPE, wrong, sizeof(wrong)));
 	EXPECT_EQ(B_BAD_VALUE, message.ReplaceData("raw", B_RAW_TYPE, 0, wrong, sizeof(wrong)));
 
-	const void* data = NULL;
+	const void* data = nullptr;
 	ssize_t size = 0;
 	EXPECT_EQ(B_OK, message.FindData("raw", B_RAW_TYPE, 1, &data, &size));
 	ASSERT_EQ(4, size);
@@ -359,7 +359,7 @@ TEST(BMessageDataTest, VariableSizeDataTakesItemsOfAnySize)
 	BMessage message;
 	ASSERT_EQ(B_OK, message.AddData("blob", Code("BLOB"), "abc", 3, false));
 	ASSERT_EQ(B_OK, message.AddData("blob", Code("BLOB"), "defgh", 5, false));
-	const void* data = NULL;
+	const void* data = nullptr;
 	ssize_t size = 0;
 	EXPECT_EQ(B_OK, message.FindData("blob", Code("BLOB"), 1, &data, &size));
 	EXPECT_EQ(5, size);
@@ -373,7 +373,7 @@ TEST(BMessageDataTest, AnyTypeFindsAFieldOfEveryType)
 {
 	BMessage message;
 	ASSERT_EQ(B_OK, message.AddInt32("n", 5));
-	const void* data = NULL;
+	const void* data = nullptr;
 	ssize_t size = 0;
 	EXPECT_EQ(B_OK, message.FindData("n", B_ANY_TYPE, 0, &data, &size));
 	EXPECT_EQ(4, size);
@@ -386,16 +386,16 @@ TEST(BMessageDataTest, BadArgumentsAreRefused)
 {
 	BMessage message;
 	int32 value = 1;
-	EXPECT_EQ(B_BAD_VALUE, message.AddData(NULL, B_RAW_TYPE, &value, 4));
-	EXPECT_EQ(B_BAD_VALUE, message.AddData("x", B_RAW_TYPE, NULL, 4));
+	EXPECT_EQ(B_BAD_VALUE, message.AddData(nullptr, B_RAW_TYPE, &value, 4));
+	EXPECT_EQ(B_BAD_VALUE, message.AddData("x", B_RAW_TYPE, nullptr, 4));
 	EXPECT_EQ(B_BAD_VALUE, message.AddData("x", B_RAW_TYPE, &value, 0));
 	EXPECT_EQ(B_BAD_VALUE, message.AddData("x", B_RAW_TYPE, &value, -1));
 	EXPECT_EQ(B_BAD_VALUE, message.AddData("x", B_ANY_TYPE, &value, 4));
 	EXPECT_TRUE(message.IsEmpty());
 
 	ASSERT_EQ(B_OK, message.AddData("x", B_RAW_TYPE, &value, 4));
-	EXPECT_EQ(B_BAD_VALUE, message.FindData("x", B_RAW_TYPE, 0, NULL, NULL));
-	EXPECT_EQ(B_BAD_VALUE, message.ReplaceData("x", B_RAW_TYPE, 0, NULL, 4));
+	EXPECT_EQ(B_BAD_VALUE, message.FindData("x", B_RAW_TYPE, 0, nullptr, nullptr));
+	EXPECT_EQ(B_BAD_VALUE, message.ReplaceData("x", B_RAW_TYPE, 0, nullptr, 4));
 	EXPECT_EQ(B_NAME_NOT_FOUND, message.ReplaceData("y", B_RAW_TYPE, 0, &value, 4));
 	EXPECT_EQ(B_BAD_TYPE, message.AddData("x", B_INT32_TYPE, &value, 4));
 }
@@ -404,7 +404,7 @@ TEST(BMessageDataTest, PointersToEarlierItemsSurviveLaterAdds)
 {
 	BMessage message;
 	ASSERT_EQ(B_OK, message.AddString("s", "zero"));
-	const char* zero = NULL;
+	const char* zero = nullptr;
 	ASSERT_EQ(B_OK, message.FindString("s", &zero));
 	for (int i = 0; i < 100; i++)
 		ASSERT_EQ(B_OK, message.AddString("s", "more"));
@@ -451,14 +451,14 @@ TEST(BMessageNestedTest, ReplaceAndBadArguments)
 	BMessage outer;
 	BMessage first(Code("ONE "));
 	BMessage second(Code("TWO "));
-	EXPECT_EQ(B_BAD_VALUE, outer.AddMessage("m", NULL));
+	EXPECT_EQ(B_BAD_VALUE, outer.AddMessage("m", nullptr));
 	ASSERT_EQ(B_OK, outer.AddMessage("m", &first));
 	EXPECT_EQ(B_OK, outer.ReplaceMessage("m", &second));
 	BMessage found;
 	ASSERT_EQ(B_OK, outer.FindMessage("m", &found));
 	EXPECT_EQ(Code("TWO "), found.what);
-	EXPECT_EQ(B_BAD_VALUE, outer.FindMessage("m", NULL));
-	EXPECT_EQ(B_BAD_VALUE, outer.ReplaceMessage("m", NULL));
+	EXPECT_EQ(B_BAD_VALUE, outer.FindMessage("m", nullptr));
+	EXPECT_EQ(B_BAD_VALUE, outer.ReplaceMessage("m", nullptr));
 	EXPECT_EQ(B_NAME_NOT_FOUND, outer.FindMessage("x", &found));
 }
 
@@ -481,7 +481,7 @@ TEST(BMessageNestedTest, EveryTruncationOrExtensionOfANestedMessageIsRefused)
 	ASSERT_EQ(B_OK, inner.AddString("b", "text"));
 	BMessage holder;
 	ASSERT_EQ(B_OK, holder.AddMessage("m", &inner));
-	const void* data = NULL;
+	const void* data = nullptr;
 	ssize_t size = 0;
 	ASSERT_EQ(B_OK, holder.FindData("m", B_MESSAGE_TYPE, &data, &size));
 	const uint8* bytes = static_cast<const uint8*>(data);
@@ -567,7 +567,7 @@ TEST(BMessageTest, RemoveNameRemovesEveryItemOfTheField)
 	EXPECT_FALSE(message.HasInt32("a", 0));
 	EXPECT_TRUE(message.HasInt32("b", 0));
 	EXPECT_EQ(B_NAME_NOT_FOUND, message.RemoveName("a"));
-	EXPECT_EQ(B_BAD_VALUE, message.RemoveName(NULL));
+	EXPECT_EQ(B_BAD_VALUE, message.RemoveName(nullptr));
 	// The name can be used again, with another type.
 	EXPECT_EQ(B_OK, message.AddString("a", "now a string"));
 }
@@ -608,7 +608,7 @@ TEST(BMessageTest, GetInfoByTypeAndIndexWalksTheFieldsInOrder)
 	ASSERT_EQ(B_OK, message.AddInt32("third", 3));
 	ASSERT_EQ(B_OK, message.AddInt32("third", 4));
 
-	char* name = NULL;
+	char* name = nullptr;
 	type_code type = 0;
 	int32 count = 0;
 	EXPECT_EQ(B_OK, message.GetInfo(B_ANY_TYPE, 1, &name, &type, &count));
@@ -632,7 +632,7 @@ TEST(BMessageTest, GetInfoByNameReportsMissingNames)
 	type_code type = 0;
 	int32 count = 0;
 	EXPECT_EQ(B_NAME_NOT_FOUND, message.GetInfo("none", &type, &count));
-	EXPECT_EQ(B_BAD_VALUE, message.GetInfo(NULL, &type, &count));
+	EXPECT_EQ(B_BAD_VALUE, message.GetInfo(nullptr, &type, &count));
 }
 
 TEST(BMessageTest, TypeCodesAreThePlatformsFourCharacterCodes)
@@ -664,7 +664,7 @@ TEST(BMessageTest, AReplyOutsideADeliveryIsRefused)
 {
 	BMessage message(Code("ASK "));
 	EXPECT_EQ(B_BAD_REPLY, message.SendReply(Code("ANSR")));
-	EXPECT_EQ(B_BAD_VALUE, message.SendReply(static_cast<BMessage*>(NULL)));
+	EXPECT_EQ(B_BAD_VALUE, message.SendReply(static_cast<BMessage*>(nullptr)));
 }
 
 } // namespace

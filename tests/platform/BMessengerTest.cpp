@@ -40,7 +40,7 @@ public:
 		{
 			std::lock_guard<std::mutex> lock(fLock);
 			fWhats.push_back(message->what);
-			fThreads.push_back(find_thread(NULL));
+			fThreads.push_back(find_thread(nullptr));
 		}
 		switch (message->what) {
 		case kAsk: {
@@ -94,7 +94,7 @@ protected:
 
 	void TearDown() override
 	{
-		if (fLooper != NULL && fLooper->Lock())
+		if (fLooper != nullptr && fLooper->Lock())
 			fLooper->Quit();
 	}
 
@@ -102,12 +102,12 @@ protected:
 	{
 		ASSERT_TRUE(fLooper->Lock());
 		fLooper->Quit();
-		fLooper = NULL;
+		fLooper = nullptr;
 	}
 
 	zvtest::Watchdog fWatchdog{60s, "messenger test"};
 	Responder fResponder;
-	BLooper* fLooper = NULL;
+	BLooper* fLooper = nullptr;
 	thread_id fThread = -1;
 };
 
@@ -117,8 +117,8 @@ TEST(BMessengerPlainTest, ADefaultMessengerIsInvalid)
 	EXPECT_FALSE(messenger.IsValid());
 	EXPECT_FALSE(messenger.IsTargetLocal());
 	BLooper* looper = reinterpret_cast<BLooper*>(1);
-	EXPECT_EQ(NULL, messenger.Target(&looper));
-	EXPECT_EQ(NULL, looper);
+	EXPECT_EQ(nullptr, messenger.Target(&looper));
+	EXPECT_EQ(nullptr, looper);
 	EXPECT_EQ(-1, messenger.Team());
 	EXPECT_EQ(B_BAD_PORT_ID, messenger.SendMessage(kNote));
 	BMessage reply;
@@ -128,12 +128,12 @@ TEST(BMessengerPlainTest, ADefaultMessengerIsInvalid)
 TEST(BMessengerPlainTest, ConstructionChecksHandlerAndLooper)
 {
 	status_t result = B_OK;
-	BMessenger none(NULL, NULL, &result);
+	BMessenger none(nullptr, nullptr, &result);
 	EXPECT_EQ(B_BAD_VALUE, result);
 	EXPECT_FALSE(none.IsValid());
 
 	BHandler loose;
-	BMessenger detached(&loose, NULL, &result);
+	BMessenger detached(&loose, nullptr, &result);
 	EXPECT_EQ(B_MISMATCHED_VALUES, result);
 	EXPECT_FALSE(detached.IsValid());
 
@@ -149,7 +149,7 @@ TEST(BMessengerPlainTest, ConstructionChecksHandlerAndLooper)
 	EXPECT_TRUE(matched.IsValid());
 	BMessenger byHandler(&loose);
 	EXPECT_TRUE(byHandler == matched);
-	BMessenger byLooper(NULL, first, &result);
+	BMessenger byLooper(nullptr, first, &result);
 	EXPECT_EQ(B_OK, result);
 	EXPECT_TRUE(byLooper != matched);
 	BMessenger copy(byLooper);
@@ -169,13 +169,13 @@ TEST_F(BMessengerTest, AValidMessengerNamesItsLocalTarget)
 	EXPECT_TRUE(messenger.IsValid());
 	EXPECT_TRUE(messenger.IsTargetLocal());
 	EXPECT_GE(messenger.Team(), 0);
-	BLooper* looper = NULL;
+	BLooper* looper = nullptr;
 	EXPECT_EQ(&fResponder, messenger.Target(&looper));
 	EXPECT_EQ(fLooper, looper);
-	EXPECT_EQ(&fResponder, messenger.Target(NULL));
+	EXPECT_EQ(&fResponder, messenger.Target(nullptr));
 
-	BMessenger preferred(NULL, fLooper);
-	EXPECT_EQ(NULL, preferred.Target(&looper));
+	BMessenger preferred(nullptr, fLooper);
+	EXPECT_EQ(nullptr, preferred.Target(&looper));
 	EXPECT_EQ(fLooper, looper);
 }
 
@@ -187,8 +187,8 @@ TEST_F(BMessengerTest, AMessengerOfAQuitLooperIsInvalidAndRefusesToSend)
 	EXPECT_FALSE(messenger.IsValid());
 	EXPECT_FALSE(messenger.IsTargetLocal());
 	BLooper* looper = reinterpret_cast<BLooper*>(1);
-	EXPECT_EQ(NULL, messenger.Target(&looper));
-	EXPECT_EQ(NULL, looper);
+	EXPECT_EQ(nullptr, messenger.Target(&looper));
+	EXPECT_EQ(nullptr, looper);
 	EXPECT_EQ(B_BAD_PORT_ID, messenger.SendMessage(kNote));
 	BMessage reply;
 	EXPECT_EQ(B_BAD_PORT_ID, messenger.SendMessage(kAsk, &reply));
@@ -208,7 +208,7 @@ TEST_F(BMessengerTest, SendMessageDeliversACopyInTheLoopersThread)
 	std::lock_guard<std::mutex> lock(fResponder.fLock);
 	ASSERT_EQ(std::vector<uint32>{kNote}, fResponder.fWhats);
 	EXPECT_EQ(fThread, fResponder.fThreads[0]);
-	EXPECT_EQ(B_BAD_VALUE, messenger.SendMessage(static_cast<BMessage*>(NULL)));
+	EXPECT_EQ(B_BAD_VALUE, messenger.SendMessage(static_cast<BMessage*>(nullptr)));
 }
 
 TEST_F(BMessengerTest, ASynchronousSendReturnsTheTargetsReply)
@@ -227,7 +227,7 @@ TEST_F(BMessengerTest, ASynchronousSendReturnsTheTargetsReply)
 	EXPECT_TRUE(fResponder.fWasWaiting.load());
 	EXPECT_EQ(B_OK, fResponder.fReplyStatus.load());
 	EXPECT_EQ(B_DUPLICATE_REPLY, fResponder.fSecondReplyStatus.load());
-	EXPECT_EQ(B_BAD_VALUE, messenger.SendMessage(&question, static_cast<BMessage*>(NULL)));
+	EXPECT_EQ(B_BAD_VALUE, messenger.SendMessage(&question, static_cast<BMessage*>(nullptr)));
 }
 
 TEST_F(BMessengerTest, AnUnansweredMessageRepliesNoReply)
@@ -248,7 +248,7 @@ TEST_F(BMessengerTest, AMessageForARemovedHandlerIsDroppedAndRepliesNoReply)
 	fLooper->Unlock();
 	// The looper still exists, so the messenger stays valid.
 	EXPECT_TRUE(messenger.IsValid());
-	EXPECT_EQ(NULL, messenger.Target(NULL));
+	EXPECT_EQ(nullptr, messenger.Target(nullptr));
 	BMessage reply;
 	ASSERT_EQ(B_OK, messenger.SendMessage(kAsk, &reply));
 	EXPECT_EQ(static_cast<uint32>(B_NO_REPLY), reply.what);
@@ -277,7 +277,7 @@ TEST_F(BMessengerTest, WaitingForAReplyFromTheLoopersOwnThreadIsRefused)
 
 TEST_F(BMessengerTest, AQuitRequestSentSynchronouslyRepliesTheDecision)
 {
-	BMessenger messenger(NULL, fLooper);
+	BMessenger messenger(nullptr, fLooper);
 	BMessage reply;
 	ASSERT_EQ(B_OK, messenger.SendMessage(B_QUIT_REQUESTED, &reply));
 	bool result = false;
@@ -286,7 +286,7 @@ TEST_F(BMessengerTest, AQuitRequestSentSynchronouslyRepliesTheDecision)
 	status_t exitValue = B_ERROR;
 	EXPECT_EQ(B_OK, wait_for_thread(fThread, &exitValue));
 	EXPECT_FALSE(messenger.IsValid());
-	fLooper = NULL;
+	fLooper = nullptr;
 }
 
 TEST_F(BMessengerTest, RepliesGoToTheReplyHandlerNamedWhenPosting)
@@ -301,7 +301,7 @@ TEST_F(BMessengerTest, RepliesGoToTheReplyHandlerNamedWhenPosting)
 			message->FindInt32("value", &value);
 			fWhat = message->what;
 			fValue = value;
-			fThread = find_thread(NULL);
+			fThread = find_thread(nullptr);
 			fDone.CountDown();
 		}
 		std::atomic<uint32> fWhat{0};
@@ -343,7 +343,7 @@ TEST_F(BMessengerTest, ALooperMessengerReachesThePreferredHandler)
 	ASSERT_TRUE(fLooper->Lock());
 	fLooper->SetPreferredHandler(&fResponder);
 	fLooper->Unlock();
-	BMessenger messenger(NULL, fLooper);
+	BMessenger messenger(nullptr, fLooper);
 	BMessage question(kAsk);
 	question.AddInt32("value", 4);
 	BMessage reply;
@@ -372,11 +372,11 @@ TEST(BMessengerAbandonTest, SendersToAFullQueueTimeOutOrWouldBlock)
 {
 	zvtest::Watchdog watchdog(30s, "full queue");
 	BLooper* looper = new BLooper("tiny", B_NORMAL_PRIORITY, 1);
-	BMessenger messenger(NULL, looper);
+	BMessenger messenger(nullptr, looper);
 	BMessage note(kNote);
-	EXPECT_EQ(B_OK, messenger.SendMessage(&note, static_cast<BHandler*>(NULL), 0));
-	EXPECT_EQ(B_WOULD_BLOCK, messenger.SendMessage(&note, static_cast<BHandler*>(NULL), 0));
-	EXPECT_EQ(B_TIMED_OUT, messenger.SendMessage(&note, static_cast<BHandler*>(NULL), 1000));
+	EXPECT_EQ(B_OK, messenger.SendMessage(&note, static_cast<BHandler*>(nullptr), 0));
+	EXPECT_EQ(B_WOULD_BLOCK, messenger.SendMessage(&note, static_cast<BHandler*>(nullptr), 0));
+	EXPECT_EQ(B_TIMED_OUT, messenger.SendMessage(&note, static_cast<BHandler*>(nullptr), 1000));
 	BMessage reply;
 	EXPECT_EQ(B_TIMED_OUT, messenger.SendMessage(&note, &reply, 1000, B_INFINITE_TIMEOUT));
 	looper->Quit();

@@ -255,9 +255,9 @@ TEST(Utf8Primitives, ForwardAndBackwardWalksAgreeOnWellFormedText)
 	for (const char* p = text.c_str(); p < end; p = kx_utf8_next(p))
 		forward.push_back(p);
 	std::vector<const char*> backward;
-	for (const char* p = end; p != NULL && p != text.c_str();) {
+	for (const char* p = end; p != nullptr && p != text.c_str();) {
 		p = kx_utf8_previous(p, text.c_str());
-		if (p != NULL)
+		if (p != nullptr)
 			backward.insert(backward.begin(), p);
 	}
 	EXPECT_EQ(forward, backward);

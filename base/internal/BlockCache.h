@@ -26,7 +26,7 @@
 
 #include <new>
 
-namespace zv_internal {
+namespace zvkit::internal {
 
 constexpr size_t kMaxCachedBlock = 256;
 
@@ -54,6 +54,6 @@ size_t CentralCachedBlocks(size_t size);
 // with ZVKIT_FORCE_NEW set).
 bool BlockCacheEnabled();
 
-} // namespace zv_internal
+} // namespace zvkit::internal
 
 #endif // _ZV_INTERNAL_BLOCK_CACHE_H

@@ -8,7 +8,7 @@
 // classes no other test counts in, and those that count the central store's
 // blocks empty their class first, so that what one test (or an earlier
 // repetition) leaves behind cannot change another's counts.
-#include "internal/BlockCache.h"
+#include "base/internal/BlockCache.h"
 
 #include "Polling.h"
 #include "TestSupport.h"
@@ -37,12 +37,12 @@
 namespace {
 
 using namespace std::chrono_literals;
-using zv_internal::AllocateBlock;
-using zv_internal::BlockCacheEnabled;
-using zv_internal::CentralCachedBlocks;
-using zv_internal::FreeBlock;
-using zv_internal::FreeUnsizedBlock;
-using zv_internal::ThreadCachedBlocks;
+using zvkit::internal::AllocateBlock;
+using zvkit::internal::BlockCacheEnabled;
+using zvkit::internal::CentralCachedBlocks;
+using zvkit::internal::FreeBlock;
+using zvkit::internal::FreeUnsizedBlock;
+using zvkit::internal::ThreadCachedBlocks;
 
 using zvtest::kSanitized;
 
@@ -84,7 +84,7 @@ bool HasStamp(const void* block, size_t size, uint32_t seed)
 std::vector<size_t> ThreadCounts()
 {
 	std::vector<size_t> counts;
-	for (size_t size = kGranule; size <= zv_internal::kMaxCachedBlock; size += kGranule)
+	for (size_t size = kGranule; size <= zvkit::internal::kMaxCachedBlock; size += kGranule)
 		counts.push_back(ThreadCachedBlocks(size));
 	return counts;
 }
@@ -92,7 +92,7 @@ std::vector<size_t> ThreadCounts()
 std::vector<size_t> CentralCounts()
 {
 	std::vector<size_t> counts;
-	for (size_t size = kGranule; size <= zv_internal::kMaxCachedBlock; size += kGranule)
+	for (size_t size = kGranule; size <= zvkit::internal::kMaxCachedBlock; size += kGranule)
 		counts.push_back(CentralCachedBlocks(size));
 	return counts;
 }
@@ -470,7 +470,7 @@ TEST_F(CachedBlockTest, AChildForkedWhileAnotherThreadUsesTheCentralStoreCanStil
 
 TEST_F(CachedBlockTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheLargestClass)
 {
-	constexpr size_t kSize = zv_internal::kMaxCachedBlock;
+	constexpr size_t kSize = zvkit::internal::kMaxCachedBlock;
 	constexpr size_t kCap = kCentralBytes / kSize;
 	RunInFreshThread([&] {
 		const std::vector<void*> blocks = AllocateMany(kSize, kCap + 2000);
@@ -554,7 +554,7 @@ TEST(BlockCacheTest, FreeingNullIsHarmlessAndCachesNothing)
 	const std::vector<size_t> centralBefore = CentralCounts();
 	FreeBlock(nullptr, 0);
 	FreeBlock(nullptr, 40);
-	FreeBlock(nullptr, zv_internal::kMaxCachedBlock);
+	FreeBlock(nullptr, zvkit::internal::kMaxCachedBlock);
 	FreeBlock(nullptr, 1000);
 	FreeUnsizedBlock(nullptr);
 	EXPECT_EQ(ThreadCounts(), threadBefore);
@@ -690,7 +690,7 @@ TEST(BlockCacheTest, WithTheCacheOffEveryBlockGoesStraightToTheAllocator)
 	std::vector<void*> blocks;
 	std::vector<size_t> sizes;
 	for (int round = 0; round < 20; round++) {
-		for (size_t size = 0; size <= zv_internal::kMaxCachedBlock + 16; size += 8) {
+		for (size_t size = 0; size <= zvkit::internal::kMaxCachedBlock + 16; size += 8) {
 			blocks.push_back(AllocateBlock(size));
 			sizes.push_back(size);
 			Stamp(blocks.back(), size, static_cast<uint32_t>(size));

@@ -2,7 +2,7 @@
 // store in batches.
 #include "BlockCache.h"
 
-#include "kernel/WrapperCalls.h"
+#include "Spin.h"
 
 #include <new>
 
@@ -14,7 +14,7 @@
 #include <stdint.h>
 #include <vector>
 
-namespace zv_internal {
+namespace zvkit::internal {
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -86,12 +86,8 @@ class BatchLock
 public:
 	void lock()
 	{
-		for (int attempt = 0; attempt < kAttempts; attempt++) {
-			if (fMutex.try_lock())
-				return;
-			zvkit_private::CpuRelax();
-		}
-		fMutex.lock();
+		if (!SpinUntil(kAttempts, 1, [this] { return fMutex.try_lock(); }))
+			fMutex.lock();
 	}
 	void unlock() { fMutex.unlock(); }
 
@@ -226,9 +222,9 @@ public:
 		// next allocation of its size.
 		if (stack.count > 0) {
 			const char* next = static_cast<const char*>(stack.blocks[stack.count - 1]);
-			zvkit_private::PrefetchForWrite(next);
+			PrefetchForWrite(next);
 			if (ClassBytes(sizeClass) > kLine)
-				zvkit_private::PrefetchForWrite(next + kLine);
+				PrefetchForWrite(next + kLine);
 		}
 		return block;
 	}
@@ -422,4 +418,4 @@ bool BlockCacheEnabled()
 	return Enabled();
 }
 
-} // namespace zv_internal
+} // namespace zvkit::internal
