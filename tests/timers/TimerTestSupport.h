@@ -11,10 +11,15 @@
 
 #include "TestSupport.h"
 
+#include <dirent.h>
+
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace timer_test {
@@ -96,6 +101,31 @@ private:
 	std::vector<Receipt> fReceipts;
 	std::function<void(ZvMessage*)> fAction;
 };
+
+// How many threads of this process bear name (as /proc shows it).
+inline int ThreadsNamed(const char* name)
+{
+	int count = 0;
+	DIR* tasks = opendir("/proc/self/task");
+	if (tasks == nullptr)
+		return -1;
+	while (dirent* task = readdir(tasks)) {
+		if (task->d_name[0] == '.')
+			continue;
+		const std::string path = std::string("/proc/self/task/") + task->d_name + "/comm";
+		if (std::FILE* file = std::fopen(path.c_str(), "r")) {
+			char comm[32] = {};
+			if (std::fgets(comm, sizeof(comm), file) != nullptr) {
+				comm[std::strcspn(comm, "\n")] = 0;
+				if (std::strcmp(comm, name) == 0)
+					count++;
+			}
+			std::fclose(file);
+		}
+	}
+	closedir(tasks);
+	return count;
+}
 
 // A running looper whose preferred handler is a Recorder; quit by the
 // destructor unless Quit was called.

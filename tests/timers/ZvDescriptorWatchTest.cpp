@@ -408,6 +408,23 @@ TEST(ZvDescriptorWatchTest, AThousandDescriptorsEachPostOnce)
 	watches.clear();
 }
 
+TEST(ZvDescriptorWatchTest, AllWatchesShareOneEpollThread)
+{
+	zvtest::Watchdog watchdog(60s);
+	RecordingLooper looper;
+	std::vector<std::unique_ptr<Pipe>> pipes;
+	std::vector<std::unique_ptr<ZvDescriptorWatch>> watches;
+	for (int i = 0; i < 20; i++) {
+		pipes.push_back(std::make_unique<Pipe>());
+		watches.push_back(std::make_unique<ZvDescriptorWatch>(
+		    pipes.back()->Write(), ZV_DESCRIPTOR_WRITABLE, ZvLooperRef(looper.Looper())));
+	}
+	ASSERT_TRUE(looper.Handler().WaitFor(20, ZV_DESCRIPTOR_READY));
+	EXPECT_EQ(timer_test::ThreadsNamed("zv epoll"), 1);
+	looper.Quit();
+	watches.clear();
+}
+
 TEST(ZvDescriptorWatchTest, DeletingAWatchWhileItsEventsAreInFlightStopsItsPosts)
 {
 	zvtest::Watchdog watchdog(120s);

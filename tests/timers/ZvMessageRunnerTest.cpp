@@ -488,6 +488,20 @@ TEST(ZvMessageRunnerTest, AThousandRunnersOnTenLoopersKeepTheirCounts)
 	runners.clear();
 }
 
+TEST(ZvMessageRunnerTest, AllRunnersShareOneTimerThread)
+{
+	zvtest::Watchdog watchdog(60s);
+	RecordingLooper looper;
+	const ZvMessage message(kTick);
+	std::vector<std::unique_ptr<ZvMessageRunner>> runners;
+	for (int i = 0; i < 50; i++) {
+		runners.push_back(
+		    std::make_unique<ZvMessageRunner>(ZvLooperRef(looper.Looper()), &message, 1000, 2));
+	}
+	ASSERT_TRUE(looper.Handler().WaitFor(100, kTick));
+	EXPECT_EQ(timer_test::ThreadsNamed("zv timer"), 1);
+}
+
 TEST(ZvMessageRunnerTest, RunnersMadeAndDeletedInManyThreadsLeaveNoStrayPost)
 {
 	zvtest::Watchdog watchdog(60s);
