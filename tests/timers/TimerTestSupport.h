@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -100,6 +101,54 @@ private:
 	std::condition_variable fChanged;
 	std::vector<Receipt> fReceipts;
 	std::function<void(ZvMessage*)> fAction;
+};
+
+// Whether this is a ThreadSanitizer build: it cannot start threads in a
+// child forked from a process with threads, so the fork tests are skipped.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
+// An object made by the test's thread and used, or deleted, by a handler
+// in a looper's thread: a runner or a watch may post before the test's
+// thread has stored it, so both sides go through one lock.
+template <typename T> class Shared
+{
+public:
+	template <typename... Args> void Make(Args&&... args)
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		fObject = std::make_unique<T>(std::forward<Args>(args)...);
+	}
+	// Calls use(object) with the lock held; nothing when there is none.
+	template <typename Function> void Use(Function use)
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		if (fObject != nullptr)
+			use(*fObject);
+	}
+	// Deletes the object (outside the lock); false when there was none.
+	bool Reset()
+	{
+		std::unique_ptr<T> object;
+		{
+			std::lock_guard<std::mutex> hold(fLock);
+			object = std::move(fObject);
+		}
+		return object != nullptr;
+	}
+
+private:
+	std::mutex fLock;
+	std::unique_ptr<T> fObject;
 };
 
 // How many threads of this process bear name (as /proc shows it).

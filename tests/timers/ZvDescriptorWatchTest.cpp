@@ -234,7 +234,7 @@ TEST(ZvDescriptorWatchTest, AHandlerThatReadsAndRearmsGetsEveryLine)
 	RecordingLooper looper;
 	Pipe pipe;
 	const ZvMessage message(kData);
-	std::unique_ptr<ZvDescriptorWatch> watch;
+	timer_test::Shared<ZvDescriptorWatch> watch;
 	std::string received;
 	zvtest::Latch all(1);
 	constexpr int kLines = 200;
@@ -244,10 +244,9 @@ TEST(ZvDescriptorWatchTest, AHandlerThatReadsAndRearmsGetsEveryLine)
 		received += pipe.Drain();
 		if (received.size() == kLines * 2)
 			all.CountDown();
-		watch->Rearm();
+		watch.Use([](ZvDescriptorWatch& w) { w.Rearm(); });
 	});
-	watch = std::make_unique<ZvDescriptorWatch>(pipe.Read(), ZV_DESCRIPTOR_READABLE,
-	                                            ZvLooperRef(looper.Looper()), &message);
+	watch.Make(pipe.Read(), ZV_DESCRIPTOR_READABLE, ZvLooperRef(looper.Looper()), &message);
 	std::string sent;
 	for (int i = 0; i < kLines; i++) {
 		const char line[3] = {static_cast<char>('a' + i % 26), '\n', 0};
@@ -256,7 +255,7 @@ TEST(ZvDescriptorWatchTest, AHandlerThatReadsAndRearmsGetsEveryLine)
 	}
 	ASSERT_TRUE(all.WaitFor(20s));
 	looper.Quit();
-	watch.reset();
+	watch.Reset();
 	EXPECT_EQ(received, sent);
 }
 
@@ -331,7 +330,7 @@ TEST(ZvDescriptorWatchTest, LoopbackSocketsEchoAndReportThePeersClose)
 
 	// The server side echoes whatever it reads, in the looper's thread.
 	constexpr uint32 kServer = 0x53525652; // 'SRVR'
-	std::unique_ptr<ZvDescriptorWatch> serverWatch;
+	timer_test::Shared<ZvDescriptorWatch> serverWatch;
 	std::atomic<int32> hangUps{0};
 	looper.Handler().SetAction([&](ZvMessage* m) {
 		if (m->what != kServer)
@@ -345,12 +344,13 @@ TEST(ZvDescriptorWatchTest, LoopbackSocketsEchoAndReportThePeersClose)
 		if ((events & ZV_DESCRIPTOR_HUNG_UP) != 0)
 			hangUps.fetch_add(1);
 		else
-			serverWatch->Rearm();
+			serverWatch.Use([](ZvDescriptorWatch& w) { w.Rearm(); });
 	});
 	const ZvMessage serverMessage(kServer);
-	serverWatch = std::make_unique<ZvDescriptorWatch>(server, ZV_DESCRIPTOR_READABLE,
-	                                                  ZvLooperRef(looper.Looper()), &serverMessage);
-	ASSERT_EQ(serverWatch->InitCheck(), B_OK);
+	serverWatch.Make(server, ZV_DESCRIPTOR_READABLE, ZvLooperRef(looper.Looper()), &serverMessage);
+	status_t serverStatus = B_NO_INIT;
+	serverWatch.Use([&](ZvDescriptorWatch& w) { serverStatus = w.InitCheck(); });
+	ASSERT_EQ(serverStatus, B_OK);
 
 	timeval limit{10, 0};
 	setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
@@ -369,7 +369,7 @@ TEST(ZvDescriptorWatchTest, LoopbackSocketsEchoAndReportThePeersClose)
 	close(client);
 	ASSERT_TRUE(zvtest::WaitUntil([&] { return hangUps.load() == 1; }));
 	looper.Quit();
-	serverWatch.reset();
+	serverWatch.Reset();
 	close(server);
 	close(listener);
 }
@@ -469,17 +469,14 @@ TEST(ZvDescriptorWatchTest, AHandlerMayDeleteItsOwnWatch)
 	RecordingLooper looper;
 	Pipe pipe;
 	const ZvMessage message(kData);
-	std::unique_ptr<ZvDescriptorWatch> watch;
+	timer_test::Shared<ZvDescriptorWatch> watch;
 	zvtest::Latch deleted(1);
 	looper.Handler().SetAction([&](ZvMessage* m) {
-		if (m->what == kData && watch != nullptr) {
-			watch.reset();
+		if (m->what == kData && watch.Reset())
 			deleted.CountDown();
-		}
 	});
-	watch = std::make_unique<ZvDescriptorWatch>(pipe.Read(), ZV_DESCRIPTOR_READABLE,
-	                                            ZvLooperRef(looper.Looper()), &message,
-	                                            ZV_WATCH_CONTINUOUS);
+	watch.Make(pipe.Read(), ZV_DESCRIPTOR_READABLE, ZvLooperRef(looper.Looper()), &message,
+	           ZV_WATCH_CONTINUOUS);
 	ASSERT_TRUE(pipe.Put("q"));
 	ASSERT_TRUE(deleted.WaitFor(10s));
 	ASSERT_TRUE(pipe.Put("r"));
@@ -564,6 +561,8 @@ TEST(ZvDescriptorWatchTest, ClosingTheDescriptorFirstIsSafeAndKeepsTheNumberBusy
 
 TEST(ZvDescriptorWatchTest, AForkedChildWatchesOnItsOwnAndLeavesTheParentsWatchAlone)
 {
+	if (timer_test::kThreadSanitizer)
+		GTEST_SKIP() << "ThreadSanitizer starts no thread in a forked child";
 	zvtest::Watchdog watchdog(60s);
 	RecordingLooper looper;
 	Pipe pipe;
