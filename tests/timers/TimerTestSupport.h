@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -57,6 +58,7 @@ public:
 			action(message);
 		std::lock_guard<std::mutex> hold(fLock);
 		fReceipts.push_back(receipt);
+		fCounts[receipt.what]++;
 		fChanged.notify_all();
 	}
 
@@ -89,17 +91,16 @@ public:
 private:
 	size_t _Count(uint32 what) const
 	{
-		size_t count = 0;
-		for (const Receipt& receipt : fReceipts) {
-			if (what == 0 || receipt.what == what)
-				count++;
-		}
-		return count;
+		if (what == 0)
+			return fReceipts.size();
+		const auto found = fCounts.find(what);
+		return found == fCounts.end() ? 0 : found->second;
 	}
 
 	mutable std::mutex fLock;
 	std::condition_variable fChanged;
 	std::vector<Receipt> fReceipts;
+	std::map<uint32, size_t> fCounts;
 	std::function<void(ZvMessage*)> fAction;
 };
 
