@@ -93,8 +93,9 @@ public:
 
 	// Posts one copy of message to target after delay microseconds (0 or
 	// less: at once, from the timer thread), with no runner to keep. A post
-	// that finds the queue over its bound is offered again every delay (at
-	// least every millisecond) until it is queued or the target is gone.
+	// that finds the queue over its bound is offered again every delay, or
+	// every millisecond for a shorter delay, until it is queued or the
+	// target is gone.
 	// B_OK when scheduled; B_BAD_VALUE for a null message or an invalid
 	// target.
 	static status_t StartSending(const ZvLooperRef& target, const ZvMessage* message,
