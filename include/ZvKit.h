@@ -26,10 +26,12 @@
 #include <ZvTypeCodes.h>
 
 // Looper framework.
+#include <ZvDescriptorWatch.h>
 #include <ZvHandler.h>
 #include <ZvLooper.h>
 #include <ZvLooperRef.h>
 #include <ZvMessageQueue.h>
+#include <ZvMessageRunner.h>
 #include <ZvMessenger.h>
 
 // Data subscription.

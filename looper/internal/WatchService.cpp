@@ -1,0 +1,292 @@
+// WatchService: one epoll thread for all the process's descriptor watches.
+
+#include "looper/internal/WatchService.h"
+
+#include <ZvDescriptorWatch.h>
+#include <ZvMessage.h>
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace zvkit {
+namespace internal {
+
+namespace {
+
+// Guards gService; held across fork() so that the child finds it free.
+std::mutex gServiceLock;
+WatchService* gService = nullptr;
+
+const char* const kDescriptorField = "_descriptor";
+const char* const kEventsField = "_events";
+
+// How long the thread waits before offering again the posts that found a
+// queue full.
+const int kRetryMilliseconds = 1;
+
+uint32 EventsOf(uint32 epollEvents)
+{
+	uint32 events = 0;
+	if ((epollEvents & EPOLLIN) != 0)
+		events |= ZV_DESCRIPTOR_READABLE;
+	if ((epollEvents & EPOLLOUT) != 0)
+		events |= ZV_DESCRIPTOR_WRITABLE;
+	if ((epollEvents & (EPOLLHUP | EPOLLRDHUP)) != 0)
+		events |= ZV_DESCRIPTOR_HUNG_UP;
+	if ((epollEvents & EPOLLERR) != 0)
+		events |= ZV_DESCRIPTOR_ERROR;
+	return events;
+}
+
+status_t StatusOf(int error)
+{
+	switch (error) {
+	case EBADF:
+	case EINVAL:
+		return B_BAD_VALUE;
+	case EPERM:
+		return B_NOT_ALLOWED;
+	case EEXIST:
+		return B_BUSY;
+	case ENOMEM:
+	case ENOSPC:
+		return B_NO_MEMORY;
+	default:
+		return B_ERROR;
+	}
+}
+
+} // namespace
+
+WatchEntry::WatchEntry(int descriptor, uint32 events, bool continuous, const ZvLooperRef& target,
+                       const ZvMessage* message)
+    : fDescriptor(descriptor), fEvents(events), fContinuous(continuous), fTarget(target),
+      fMessage(message != nullptr ? new ZvMessage(message) : new ZvMessage(ZV_DESCRIPTOR_READY)),
+      fService(nullptr), fId(0), fPending(0), fInFlight(false), fRemoved(false), fStopped(false)
+{
+}
+
+WatchEntry::~WatchEntry()
+{
+	delete fMessage;
+}
+
+WatchService* WatchService::Get()
+{
+	std::lock_guard<std::mutex> hold(gServiceLock);
+	if (gService == nullptr) {
+		static const bool registered =
+		    pthread_atfork(&_BeforeFork, &_AfterForkParent, &_AfterForkChild) == 0;
+		(void)registered;
+		WatchService* service = new WatchService;
+		if (service->fEpoll >= 0) {
+			pthread_attr_t attributes;
+			pthread_attr_init(&attributes);
+			pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+			pthread_t thread;
+			if (pthread_create(&thread, &attributes, &_ThreadEntry, service) == 0)
+				pthread_setname_np(thread, "zv epoll");
+			else
+				service->fOrphaned = true;
+			pthread_attr_destroy(&attributes);
+		} else {
+			service->fOrphaned = true;
+		}
+		gService = service;
+	}
+	return gService;
+}
+
+WatchService::WatchService()
+    : fEpoll(epoll_create1(EPOLL_CLOEXEC)), fNextId(1), fInFlight(nullptr), fOrphaned(false)
+{
+}
+
+uint32 WatchService::_EpollEvents(const WatchEntry* entry) const
+{
+	uint32 events = EPOLLRDHUP;
+	if ((entry->fEvents & ZV_DESCRIPTOR_READABLE) != 0)
+		events |= EPOLLIN;
+	if ((entry->fEvents & ZV_DESCRIPTOR_WRITABLE) != 0)
+		events |= EPOLLOUT;
+	events |= entry->fContinuous ? EPOLLET : EPOLLONESHOT;
+	return events;
+}
+
+status_t WatchService::Add(WatchEntry* entry)
+{
+	std::lock_guard<std::mutex> hold(fLock);
+	if (fOrphaned)
+		return B_NO_MEMORY;
+	if (fDescriptors.count(entry->fDescriptor) != 0)
+		return B_BUSY;
+	entry->fService = this;
+	entry->fId = fNextId++;
+	struct epoll_event event = {};
+	event.events = _EpollEvents(entry);
+	event.data.u64 = entry->fId;
+	if (epoll_ctl(fEpoll, EPOLL_CTL_ADD, entry->fDescriptor, &event) != 0)
+		return StatusOf(errno);
+	fEntries.emplace(entry->fId, entry);
+	fDescriptors.emplace(entry->fDescriptor, entry);
+	return B_OK;
+}
+
+void WatchService::Remove(WatchEntry* entry)
+{
+	std::unique_lock<std::mutex> hold(fLock);
+	if (!entry->fRemoved) {
+		entry->fRemoved = true;
+		fEntries.erase(entry->fId);
+		fDescriptors.erase(entry->fDescriptor);
+		fRetries.erase(std::remove(fRetries.begin(), fRetries.end(), entry), fRetries.end());
+		// Fails harmlessly when the descriptor was closed, or stopped
+		// already.
+		if (!fOrphaned && !entry->fStopped)
+			epoll_ctl(fEpoll, EPOLL_CTL_DEL, entry->fDescriptor, nullptr);
+	}
+	fPosted.wait(hold, [entry] { return !entry->fInFlight; });
+}
+
+status_t WatchService::Rearm(WatchEntry* entry)
+{
+	std::lock_guard<std::mutex> hold(fLock);
+	if (entry->fStopped || entry->fRemoved)
+		return B_BAD_VALUE;
+	// A continuous watch never disarms.
+	if (entry->fContinuous || fOrphaned)
+		return B_OK;
+	struct epoll_event event = {};
+	event.events = _EpollEvents(entry);
+	event.data.u64 = entry->fId;
+	if (epoll_ctl(fEpoll, EPOLL_CTL_MOD, entry->fDescriptor, &event) != 0)
+		return StatusOf(errno);
+	return B_OK;
+}
+
+bool WatchService::IsActive(const WatchEntry* entry)
+{
+	std::lock_guard<std::mutex> hold(fLock);
+	return !entry->fStopped && !entry->fRemoved;
+}
+
+void* WatchService::_ThreadEntry(void* service)
+{
+	static_cast<WatchService*>(service)->_Run();
+	return nullptr;
+}
+
+void WatchService::_Run()
+{
+	const int kBatch = 64;
+	struct epoll_event events[kBatch];
+	std::unique_lock<std::mutex> hold(fLock);
+	for (;;) {
+		const int timeout = fRetries.empty() ? -1 : kRetryMilliseconds;
+		const int epoll = fEpoll;
+		hold.unlock();
+		const int count = epoll_wait(epoll, events, kBatch, timeout);
+		hold.lock();
+
+		for (int i = 0; i < count; i++) {
+			const auto found = fEntries.find(events[i].data.u64);
+			// Removed meanwhile: the event is dropped.
+			if (found == fEntries.end())
+				continue;
+			WatchEntry* entry = found->second;
+			const uint32 seen = EventsOf(events[i].events);
+			if (entry->fPending != 0) {
+				// Already waiting for room: the new events join them.
+				entry->fPending |= seen;
+				continue;
+			}
+			_Deliver(hold, entry, seen);
+		}
+
+		if (!fRetries.empty()) {
+			// By number: a watch may be removed, and deleted, while an
+			// earlier one is posted.
+			std::vector<uint64> retries;
+			for (const WatchEntry* entry : fRetries)
+				retries.push_back(entry->fId);
+			fRetries.clear();
+			for (const uint64 id : retries) {
+				const auto found = fEntries.find(id);
+				if (found == fEntries.end())
+					continue;
+				WatchEntry* entry = found->second;
+				const uint32 pending = entry->fPending;
+				entry->fPending = 0;
+				_Deliver(hold, entry, pending);
+			}
+		}
+	}
+}
+
+void WatchService::_Deliver(std::unique_lock<std::mutex>& hold, WatchEntry* entry, uint32 events)
+{
+	entry->fInFlight = true;
+	fInFlight = entry;
+	hold.unlock();
+
+	ZvMessage message(entry->fMessage);
+	message.AddInt32(kDescriptorField, entry->fDescriptor);
+	message.AddInt32(kEventsField, static_cast<int32>(events));
+	// Never waits for room: a full queue answers B_WOULD_BLOCK at once.
+	const status_t status = entry->fTarget.PostMessage(&message, 0);
+
+	hold.lock();
+	entry->fInFlight = false;
+	fInFlight = nullptr;
+	if (entry->fRemoved) {
+		fPosted.notify_all();
+		return;
+	}
+	if (status == B_BAD_VALUE) {
+		// The target is gone: the watch stops for good.
+		entry->fStopped = true;
+		epoll_ctl(fEpoll, EPOLL_CTL_DEL, entry->fDescriptor, nullptr);
+	} else if (status != B_OK) {
+		entry->fPending |= events;
+		fRetries.push_back(entry);
+	}
+}
+
+void WatchService::_BeforeFork()
+{
+	gServiceLock.lock();
+	if (gService != nullptr)
+		gService->fLock.lock();
+}
+
+void WatchService::_AfterForkParent()
+{
+	if (gService != nullptr)
+		gService->fLock.unlock();
+	gServiceLock.unlock();
+}
+
+void WatchService::_AfterForkChild()
+{
+	// The thread did not come along, and the epoll instance is the
+	// parent's: the child's copy is closed and never used again.
+	if (gService != nullptr) {
+		if (gService->fInFlight != nullptr)
+			gService->fInFlight->fInFlight = false;
+		gService->fRetries.clear();
+		if (gService->fEpoll >= 0)
+			close(gService->fEpoll);
+		gService->fEpoll = -1;
+		gService->fOrphaned = true;
+		gService->fLock.unlock();
+		gService = nullptr;
+	}
+	gServiceLock.unlock();
+}
+
+} // namespace internal
+} // namespace zvkit
