@@ -84,6 +84,8 @@ enum
 // what of the message posted when the watch was given none: 'DRDY'.
 const uint32 ZV_DESCRIPTOR_READY = 0x44524459;
 
+// Posts a message to a looper ref when a descriptor is ready; see the file's
+// description.
 class ZV_EXPORT ZvDescriptorWatch
 {
 public:

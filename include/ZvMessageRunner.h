@@ -54,6 +54,8 @@ class TimerEntry;
 } // namespace internal
 } // namespace zvkit
 
+// Posts copies of a message to a looper ref on a schedule; see the file's
+// description.
 class ZV_EXPORT ZvMessageRunner
 {
 public:
