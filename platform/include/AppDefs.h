@@ -9,17 +9,17 @@
 
 enum
 {
-	// Asks a looper to quit: the looper calls QuitRequested() and quits when
-	// it answers true. A waiting sender gets a reply with the bool "result".
-	B_QUIT_REQUESTED =
-	    0x5F515251,          // '_QRQ'
-	                         // The reply a synchronous sender receives when the message was deleted
-	                         // (handled, dropped, or its looper gone) without anyone replying.
-	B_NO_REPLY = 0x5F4E5250, // '_NRP'
-	                         // A handler did not understand the message it was sent.
-	B_MESSAGE_NOT_UNDERSTOOD = 0x4D4E4F54, // 'MNOT'
-	                                       // A plain acknowledgement.
-	B_REPLY = 0x52504C59,                  // 'RPLY'
+	// '_QRQ': asks a looper to quit; the looper calls QuitRequested() and
+	// quits when it answers true. A waiting sender gets a reply with the
+	// bool "result".
+	B_QUIT_REQUESTED = 0x5F515251,
+	// 'NONE': the reply a synchronous sender receives when the message was
+	// deleted (handled, dropped, or its looper gone) without anyone replying.
+	B_NO_REPLY = 0x4E4F4E45,
+	// 'MNOT': a handler did not understand the message it was sent.
+	B_MESSAGE_NOT_UNDERSTOOD = 0x4D4E4F54,
+	// 'RPLY': a plain acknowledgement.
+	B_REPLY = 0x52504C59,
 };
 
 // Number of messages a looper's queue accepts before posting fails with

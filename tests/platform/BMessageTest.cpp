@@ -649,7 +649,14 @@ TEST(BMessageTest, TypeCodesAreThePlatformsFourCharacterCodes)
 	EXPECT_EQ(Code("RAWT"), static_cast<type_code>(B_RAW_TYPE));
 	EXPECT_EQ(Code("MSGG"), static_cast<type_code>(B_MESSAGE_TYPE));
 	EXPECT_EQ(Code("_QRQ"), static_cast<uint32>(B_QUIT_REQUESTED));
-	EXPECT_EQ(Code("_NRP"), static_cast<uint32>(B_NO_REPLY));
+}
+
+// The platform's own value of the no-reply code, which the library's reply
+// form ("NONE") shares; the layer once used a code of its own ('_NRP').
+TEST(BMessageTest, NoReplyCodeIsThePlatformsValue)
+{
+	EXPECT_EQ(Code("NONE"), static_cast<uint32>(B_NO_REPLY));
+	EXPECT_EQ(0x4E4F4E45u, static_cast<uint32>(B_NO_REPLY));
 }
 
 TEST(BMessageTest, ReplyAndNotUnderstoodCodesAreThePlatformsValues)
