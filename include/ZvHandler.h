@@ -10,6 +10,10 @@
 // deletes it, after removing it from its looper (the destructor does not
 // detach it).
 //
+// Refs: a ZvLooperRef made from a handler names it in its current
+// attachment; it turns invalid once the handler is removed, attached to
+// another looper, or deleted.
+//
 // Thread safety: Looper() may be read from any thread at any time (the link
 // is atomic; a handler moving between loopers is seen at either). Name and
 // SetName are not synchronised: change a handler's name only while no other
@@ -25,6 +29,12 @@
 
 class ZvLooper;
 class ZvMessage;
+
+namespace zvkit {
+namespace internal {
+class HandlerControl;
+}
+} // namespace zvkit
 
 class ZV_EXPORT ZvHandler
 {
@@ -54,8 +64,14 @@ public:
 	ZvLooper* Looper() const;
 
 private:
+	// ZvLooperRef reads the handler's attachment record.
+	friend class ZvLooperRef;
+
 	char* fName;
 	std::atomic<ZvLooper*> fLooper;
+	// The handler's attachment record, shared with the refs made from it
+	// (see ZvLooperRef.h); the handler holds one reference.
+	zvkit::internal::HandlerControl* fControl;
 };
 
 #endif // _ZV_HANDLER_H

@@ -24,6 +24,7 @@
 // Looper framework.
 #include <ZvHandler.h>
 #include <ZvLooper.h>
+#include <ZvLooperRef.h>
 #include <ZvMessageQueue.h>
 #include <ZvMessenger.h>
 

@@ -35,6 +35,11 @@
 // caller's error (Quit then finds no live looper at that address and
 // returns false, but a new looper may have been built there).
 //
+// Refs: a ZvLooperRef names a looper safely whatever happens to it; the
+// looper refuses refs from the moment it begins to end (Quit, an accepted
+// "QUIT") and, before it is deleted, waits for the posts through refs that
+// are under way.
+//
 // Note: ZvLooper::Looper() is the message loop; it hides the inherited
 // ZvHandler::Looper() const. Reach the handler link of a looper through a
 // ZvHandler pointer or reference.
@@ -55,6 +60,12 @@
 class ZvMessage;
 class ZvMessageQueue;
 struct zv_looper_life;
+
+namespace zvkit {
+namespace internal {
+class LooperControl;
+}
+} // namespace zvkit
 
 // what of the quit request: the four bytes Q, U, I, T.
 const uint32 ZV_QUIT_REQUESTED = 0x51554954;
@@ -83,6 +94,11 @@ public:
 	// nothing. May block while the queue is over its bound.
 	bool PostMessage(uint32 what, const ZvHandler* handler);
 	bool PostMessage(const ZvMessage* message, const ZvHandler* handler);
+	// As PostMessage, but never waits for room: B_WOULD_BLOCK (nothing
+	// posted) where PostMessage would wait on the queue's bound, B_OK when
+	// the message was queued, B_BAD_VALUE for a null message.
+	status_t TryPostMessage(uint32 what, const ZvHandler* handler);
+	status_t TryPostMessage(const ZvMessage* message, const ZvHandler* handler);
 
 	// Attaches handler (not owned). False when handler is null, already
 	// attached here, or the looper's lock is gone.
@@ -120,6 +136,21 @@ public:
 	static int32 LooperCaller(ZvLooper* looper);
 
 private:
+	// Handlers record the looper's control block when attached; refs post
+	// through _PostOwned.
+	friend class ZvHandler;
+	friend class ZvLooperRef;
+
+	zvkit::internal::LooperControl* _Control() const { return fControl; }
+	// Queues message (now the looper's) aimed at handler, waiting at most
+	// timeout for room (see ZvMessageQueue::_AddMessageEtc): B_OK when
+	// queued; otherwise the message is deleted and the queue's result
+	// returned.
+	status_t _PostOwned(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout);
+	// Refuses refs from now on and waits for the posters inside to leave;
+	// called before the looper is deleted. Idempotent.
+	void _Retire();
+
 	// Waits for one unit of access for the loop: false only when the
 	// semaphore is gone (the very long time-out expiring counts as a unit).
 	bool _AwaitMessage(uint32 access);
@@ -143,6 +174,9 @@ private:
 	// This looper's entry in the process-wide table of live loopers, which
 	// lets Quit tell whether the looper still exists (see Quit).
 	zv_looper_life* fRecord;
+	// Shared with the refs and handlers that name this looper (see
+	// ZvLooperRef.h); the looper holds one reference.
+	zvkit::internal::LooperControl* fControl;
 
 	// What every post reads, on a cache line of its own: the loop writes
 	// its lock and the current message once per message, and a poster that

@@ -49,6 +49,12 @@
 
 #include <new>
 
+namespace zvkit {
+namespace internal {
+class ReplySlot;
+}
+} // namespace zvkit
+
 // The allocation of messages and items (and of classes derived from them):
 // single objects come from the library's per-thread block cache, so that an
 // object made on one thread and deleted on another, as every posted message
@@ -341,13 +347,33 @@ public:
 	// Dumps the message on standard output.
 	void PrintToStream() const;
 
+	// Requests (see ZvLooperRef::SendMessage). A message that a sender is
+	// waiting on is linked to that sender; deleting it unanswered answers
+	// "no reply" (what B_NO_REPLY). The link is never copied: copies (the
+	// copy constructors, operator=, Set, the operators + and -) are plain
+	// messages, and assignment keeps the target's own link.
+	//
+	// Answers the sender of this message with a copy of reply: B_OK when
+	// the sender was waiting, B_TIMED_OUT when it had stopped waiting,
+	// B_DUPLICATE_REPLY when the message was already answered, B_BAD_REPLY
+	// when the message is not a request, B_BAD_VALUE for a null reply.
+	status_t SendReply(const ZvMessage* reply);
+	// Whether a sender waits for an answer to this message.
+	bool IsSourceWaiting() const;
+
 	uint32 what;
 
 private:
 	ZvMessageItem* _FindItem(const char* name, type_code type, int32 index) const;
 	bool _UnflattenBlock(const void* buffer, size_t size, bool bounded);
+	// Answers "no reply" to a waiting sender and drops the link.
+	void _AbandonRequest();
+
+	friend class ZvLooperRef;
 
 	uint32 fFlags;
+	// The waiting sender's reply slot; null for a plain message.
+	zvkit::internal::ReplySlot* fReplySlot = nullptr;
 
 protected:
 	ZvList<ZvMessageItem*> items;

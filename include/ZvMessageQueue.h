@@ -77,6 +77,15 @@ private:
 	// lock could not be taken. Calls must be serialised (the looper's lock
 	// does that) and must not be mixed with RemoveMessage.
 	ZvMessage* _TakeNext();
+	// AddMessage with a bound on the wait for "_item_limit" (the rule of
+	// the bound unchanged): B_OK when queued; B_WOULD_BLOCK (timeout 0) or
+	// B_TIMED_OUT when the adder would have had to wait longer; B_ERROR
+	// when the lock is gone. A negative timeout or B_INFINITE_TIMEOUT waits
+	// as AddMessage does. On an error the caller still owns the message.
+	status_t _AddMessageEtc(ZvMessage* message, bigtime_t timeout);
+	// Lets count adders waiting on the bound through; for a looper whose
+	// loop has ended, so that posters blocked there can leave.
+	void _ReleaseAdders(int32 count);
 	// Moves the oldest messages of the ring, up to kTakenMax, to the taken
 	// ones, under the queue's lock; false when the lock could not be taken.
 	bool _TakeBatch();

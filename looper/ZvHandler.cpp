@@ -1,6 +1,9 @@
 // ZvHandler: a named message target linked to at most one looper.
 
 #include <ZvHandler.h>
+#include <ZvLooper.h>
+
+#include "looper/internal/LooperControl.h"
 
 #include <cstring>
 
@@ -19,10 +22,16 @@ char* CopyName(const char* name)
 
 } // namespace
 
-ZvHandler::ZvHandler(const char* name) : fName(CopyName(name)), fLooper(nullptr) {}
+ZvHandler::ZvHandler(const char* name)
+    : fName(CopyName(name)), fLooper(nullptr), fControl(new zvkit::internal::HandlerControl)
+{
+}
 
 ZvHandler::~ZvHandler()
 {
+	// Refs made from this handler see it gone; they keep the record alive.
+	fControl->MarkDeleted();
+	fControl->Release();
 	delete[] fName;
 }
 
@@ -45,6 +54,9 @@ void ZvHandler::SetLooper(const ZvLooper* looper)
 	// The link is only a name for the looper; handing it out non-const is
 	// what Looper() promises its callers.
 	fLooper.store(const_cast<ZvLooper*>(looper), std::memory_order_release);
+	// Every change of attachment is a new one for the refs, even back to
+	// the same looper.
+	fControl->Attach(looper != nullptr ? looper->_Control() : nullptr);
 }
 
 ZvLooper* ZvHandler::Looper() const

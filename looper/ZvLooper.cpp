@@ -12,6 +12,7 @@
 #include "base/internal/LockHolder.h"
 #include "base/internal/Semaphores.h"
 #include "base/internal/Spin.h"
+#include "looper/internal/LooperControl.h"
 
 #include <memory>
 #include <unordered_map>
@@ -89,6 +90,9 @@ const int32 kMaxTakenAhead = 32;
 const int kPollsPerClockRead = 16;
 const char* const kPreferredHandlerField = "_preferredhandler";
 const int32 kHandlerListStep = 16;
+// How long an ending looper waits for the posters through refs before it
+// lets blocked ones through again (see _Retire).
+const bigtime_t kRetireWait = 100000;
 
 struct LooperTable
 {
@@ -145,9 +149,11 @@ int32 LooperEntry(void* data)
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
-      fRecord(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore), fCurrentMessage(nullptr),
-      fPollFailures(0), fPollSkips(1)
+      fRecord(nullptr), fControl(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore),
+      fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1)
 {
+	// Before AddHandler: attaching records the looper's block.
+	fControl = new zvkit::internal::LooperControl(this);
 	fQueue = new ZvMessageQueue(fQueueCapacity);
 	fPreferredHandler = this;
 	AddHandler(this);
@@ -158,6 +164,8 @@ ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCap
 ZvLooper::~ZvLooper()
 {
 	_Unregister();
+	// A looper that was run has retired in its thread already.
+	_Retire();
 	delete fQueue;
 	fQueue = nullptr;
 	// Only a looper that was never run (or never quit) still has its
@@ -165,6 +173,9 @@ ZvLooper::~ZvLooper()
 	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);
 	if (access != kNoSemaphore)
 		ZvSemaphore::Delete(access);
+	// The handler base still holds its own reference until its destructor.
+	fControl->Release();
+	fControl = nullptr;
 }
 
 bool ZvLooper::Run()
@@ -175,6 +186,7 @@ bool ZvLooper::Run()
 
 	const int32 thread = ZvThread::Create(&LooperEntry, this, fPriority, nullptr);
 	fThread.store(static_cast<uint32>(thread), std::memory_order_release);
+	fControl->SetThread(static_cast<uint32>(thread));
 	{
 		std::lock_guard<std::mutex> hold(fRecord->guard);
 		fRecord->thread = static_cast<uint32>(thread);
@@ -224,6 +236,18 @@ bool ZvLooper::PostMessage(const ZvMessage* message, const ZvHandler* handler)
 	if (message != nullptr)
 		_Post(new ZvMessage(message), handler);
 	return true;
+}
+
+status_t ZvLooper::TryPostMessage(uint32 what, const ZvHandler* handler)
+{
+	return _PostOwned(new ZvMessage(what), handler, 0);
+}
+
+status_t ZvLooper::TryPostMessage(const ZvMessage* message, const ZvHandler* handler)
+{
+	if (message == nullptr)
+		return B_BAD_VALUE;
+	return _PostOwned(new ZvMessage(message), handler, 0);
 }
 
 bool ZvLooper::AddHandler(ZvHandler* handler)
@@ -378,6 +402,7 @@ int32 ZvLooper::LooperCaller(ZvLooper* looper)
 	if (looper == nullptr)
 		return 0;
 	looper->Looper();
+	looper->_Retire();
 	// Out of the table (Quit no longer finds it) and marked dead once a Quit
 	// in flight has finished with it; only then is it deleted.
 	looper->_Unregister();
@@ -455,6 +480,39 @@ void ZvLooper::_Post(ZvMessage* message, const ZvHandler* handler)
 	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
 }
 
+status_t ZvLooper::_PostOwned(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout)
+{
+	if (handler != nullptr)
+		message->AddPointer(kPreferredHandlerField, handler);
+	const status_t status = fQueue->_AddMessageEtc(message, timeout);
+	if (status != B_OK) {
+		delete message;
+		return status;
+	}
+	// As in _Post: after Quit the release fails and the message stays
+	// queued until the queue is deleted.
+	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
+	return B_OK;
+}
+
+void ZvLooper::_Retire()
+{
+	if (fControl == nullptr)
+		return;
+	fControl->MarkEnding();
+	// A poster inside may be waiting for room in a queue that nobody empties
+	// any more: one unit of "_item_limit" per poster lets each through (its
+	// message is deleted with the queue). Posters that did not wait leave
+	// their unit unused, which no longer matters. Plain posts blocked on the
+	// bound at the same time (a caller's error) may take units meant for
+	// the refs, hence the repeat.
+	while (fControl->Posters() > 0) {
+		fQueue->_ReleaseAdders(fControl->Posters());
+		if (fControl->WaitForPosters(kRetireWait))
+			break;
+	}
+}
+
 int32 ZvLooper::_IndexOf(const ZvHandler* handler) const
 {
 	const int32 count = fHandlers.CountItems();
@@ -467,6 +525,8 @@ int32 ZvLooper::_IndexOf(const ZvHandler* handler) const
 
 void ZvLooper::_EndLoop()
 {
+	// Refs see the looper gone from here on.
+	fControl->MarkEnding();
 	// The exchange makes the deletion happen once, whoever ends the loop
 	// first; the loop thread then finds no semaphore and its wait fails.
 	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);

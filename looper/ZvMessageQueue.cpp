@@ -5,6 +5,8 @@
 #include <ZvMessage.h>
 #include <ZvSemaphore.h>
 
+#include <OS.h>
+
 #include "base/internal/Semaphores.h"
 
 using zvkit::internal::kNoSemaphore;
@@ -66,8 +68,13 @@ void ZvMessageQueue::AddMessage(ZvMessage* message)
 
 bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 {
+	return _AddMessageEtc(message, B_INFINITE_TIMEOUT) == B_OK;
+}
+
+status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
+{
 	if (!Lock())
-		return false;
+		return B_ERROR;
 
 	if (fCount.load(std::memory_order_relaxed) > fLimit) {
 		// Over the bound: wait for a remover with the queue's lock released,
@@ -75,11 +82,20 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 		// adder through, which then appends whatever the count: the count is
 		// deliberately not tested again, that is what makes the bound soft.
 		Unlock();
-		ZvSemaphore::Acquire(fLimitSem, -1);
+		if (timeout < 0 || timeout == B_INFINITE_TIMEOUT) {
+			ZvSemaphore::Acquire(fLimitSem, -1);
+		} else {
+			// Only a wait that ran out refuses the message; any other failure
+			// goes on as the unbounded wait does.
+			const status_t waited =
+			    acquire_sem_etc(static_cast<sem_id>(fLimitSem), 1, B_RELATIVE_TIMEOUT, timeout);
+			if (waited == B_TIMED_OUT)
+				return timeout == 0 ? B_WOULD_BLOCK : B_TIMED_OUT;
+		}
 		// The lock can only be gone here if the queue is being destroyed
 		// under the adder's feet; then the ring is not touched.
 		if (!Lock())
-			return false;
+			return B_ERROR;
 	}
 
 	if (fQueued == fSlotCount)
@@ -88,7 +104,13 @@ bool ZvMessageQueue::TryAddMessage(ZvMessage* message)
 	fQueued++;
 	fCount.fetch_add(1, std::memory_order_relaxed);
 	Unlock();
-	return true;
+	return B_OK;
+}
+
+void ZvMessageQueue::_ReleaseAdders(int32 count)
+{
+	if (count > 0 && fLimitSem != 0)
+		release_sem_etc(static_cast<sem_id>(fLimitSem), count, 0);
 }
 
 ZvMessage* ZvMessageQueue::RemoveMessage()

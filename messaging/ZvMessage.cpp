@@ -53,6 +53,8 @@ ZvMessage::ZvMessage(const void* flat, size_t size) : what(0), fFlags(0), items(
 
 ZvMessage::~ZvMessage()
 {
+	if (fReplySlot != nullptr)
+		_AbandonRequest();
 	MakeEmpty();
 }
 

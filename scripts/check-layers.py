@@ -50,7 +50,7 @@ PUBLIC_HEADERS = {
     "base": ["ZvColor.h", "ZvExport.h", "ZvGeometry.h", "ZvKitVersion.h", "ZvTypeCodes.h"],
     "kernel": ["Benaphore.h", "ZvLocker.h", "ZvSemaphore.h", "ZvThread.h"],
     "messaging": ["ZvList.h", "ZvMessage.h"],
-    "looper": ["ZvHandler.h", "ZvLooper.h", "ZvMessageQueue.h", "ZvMessenger.h"],
+    "looper": ["ZvHandler.h", "ZvLooper.h", "ZvLooperRef.h", "ZvMessageQueue.h", "ZvMessenger.h"],
     "datasub": ["ZvDataLinker.h", "ZvDataRegistry.h", "ZvDataSubscriber.h"],
     "text": ["UTFString.h", "ZvRString.h", "ZvUTF8.h"],
     "numeric": ["ZvEvaluate.h", "ZvResize.h"],

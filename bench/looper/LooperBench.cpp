@@ -9,9 +9,15 @@
 // Ping-pong: two loopers whose handlers post each message back to the
 // other; one iteration is kRoundTrips round trips. Peer: two threads
 // bouncing between two POSIX semaphores (sem_t).
+//
+// Refs: the throughput case posted through a ZvLooperRef to the handler,
+// against ZvLooper::PostMessage itself ("RefPost"); and kRoundTrips
+// requests answered by a looper's handler (ZvLooperRef::SendMessage and
+// ZvMessage::SendReply), against the looper ping-pong ("RequestReply").
 
 #include <ZvHandler.h>
 #include <ZvLooper.h>
+#include <ZvLooperRef.h>
 #include <ZvMessage.h>
 
 #include <benchmark/benchmark.h>
@@ -91,7 +97,9 @@ private:
 	Counter* fCounter;
 };
 
-void PostThroughput_zvkit(benchmark::State& state)
+// Posts batches of small messages to a looper's counting handler, each
+// with post(looper, handler, ref, message), ref naming the handler.
+template <typename Post> void PostThroughput(benchmark::State& state, Post post)
 {
 	Signal done;
 	Counter counter(&done);
@@ -100,20 +108,40 @@ void PostThroughput_zvkit(benchmark::State& state)
 	looper->AddHandler(&handler);
 	looper->SetPreferredHandler(&handler);
 	looper->Run();
+	const ZvLooperRef ref(&handler);
 	ZvMessage message(1);
 	message.AddInt32("a", 0);
 	message.AddInt32("b", 0);
 	for (auto _ : state) {
 		for (int32 i = 0; i < kBatch; i++) {
 			message.ReplaceInt32("a", i);
-			looper->PostMessage(&message, nullptr);
+			post(looper, &handler, ref, &message);
 		}
 		done.Wait();
 	}
-	looper->Quit();
+	// Before Quit: the looper's thread deletes the looper as it ends.
 	looper->RemoveHandler(&handler);
+	looper->Quit();
 	benchmark::DoNotOptimize(counter.Sum());
 	state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void PostThroughput_zvkit(benchmark::State& state)
+{
+	PostThroughput(state, [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&,
+	                         const ZvMessage* message) { looper->PostMessage(message, nullptr); });
+}
+
+void RefPost_ref(benchmark::State& state)
+{
+	PostThroughput(state, [](ZvLooper*, ZvHandler*, const ZvLooperRef& ref,
+	                         const ZvMessage* message) { ref.PostMessage(message); });
+}
+
+void RefPost_looper(benchmark::State& state)
+{
+	PostThroughput(state, [](ZvLooper* looper, ZvHandler* handler, const ZvLooperRef&,
+	                         const ZvMessage* message) { looper->PostMessage(message, handler); });
 }
 
 #ifdef ZVKIT_HAVE_ASIO
@@ -277,7 +305,52 @@ void PingPong_semaphore(benchmark::State& state)
 	state.SetItemsProcessed(state.iterations() * kRoundTrips);
 }
 
+// Answers every request at once.
+class Answerer : public ZvHandler
+{
+public:
+	Answerer() : ZvHandler("answerer") {}
+	void MessageReceived(ZvMessage* message) override
+	{
+		ZvMessage answer(message->what + 1);
+		message->SendReply(&answer);
+	}
+};
+
+void RequestReply_zvkit(benchmark::State& state)
+{
+	Answerer answerer;
+	ZvLooper* looper = new ZvLooper("answers", ZV_NORMAL_PRIORITY, 16);
+	looper->AddHandler(&answerer);
+	looper->Run();
+	const ZvLooperRef ref(&answerer);
+	const ZvMessage request(1);
+	ZvMessage reply(0);
+	for (auto _ : state) {
+		for (int i = 0; i < kRoundTrips; i++)
+			ref.SendMessage(&request, &reply);
+	}
+	benchmark::DoNotOptimize(reply.what);
+	looper->RemoveHandler(&answerer);
+	looper->Quit();
+	state.SetItemsProcessed(state.iterations() * kRoundTrips);
+}
+
 } // namespace
+
+BENCHMARK(RefPost_ref)->Name("RefPost:zvkit")->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(RefPost_looper)
+    ->Name("RefPost:looper_post")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(RequestReply_zvkit)
+    ->Name("RequestReply:zvkit")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(PingPong_zvkit)
+    ->Name("RequestReply:looper_pingpong")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 BENCHMARK(PostThroughput_zvkit)
     ->Name("PostThroughput:zvkit")

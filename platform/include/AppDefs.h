@@ -17,9 +17,9 @@ enum
 	                         // (handled, dropped, or its looper gone) without anyone replying.
 	B_NO_REPLY = 0x5F4E5250, // '_NRP'
 	                         // A handler did not understand the message it was sent.
-	B_MESSAGE_NOT_UNDERSTOOD = 0x5F4D4E55, // '_MNU'
+	B_MESSAGE_NOT_UNDERSTOOD = 0x4D4E4F54, // 'MNOT'
 	                                       // A plain acknowledgement.
-	B_REPLY = 0x5F52504C,                  // '_RPL'
+	B_REPLY = 0x52504C59,                  // 'RPLY'
 };
 
 // Number of messages a looper's queue accepts before posting fails with

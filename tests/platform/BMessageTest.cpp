@@ -652,6 +652,14 @@ TEST(BMessageTest, TypeCodesAreThePlatformsFourCharacterCodes)
 	EXPECT_EQ(Code("_NRP"), static_cast<uint32>(B_NO_REPLY));
 }
 
+TEST(BMessageTest, ReplyAndNotUnderstoodCodesAreThePlatformsValues)
+{
+	EXPECT_EQ(Code("RPLY"), static_cast<uint32>(B_REPLY));
+	EXPECT_EQ(Code("MNOT"), static_cast<uint32>(B_MESSAGE_NOT_UNDERSTOOD));
+	EXPECT_EQ(0x52504C59u, static_cast<uint32>(B_REPLY));
+	EXPECT_EQ(0x4D4E4F54u, static_cast<uint32>(B_MESSAGE_NOT_UNDERSTOOD));
+}
+
 TEST(BMessageTest, AReplyOutsideADeliveryIsRefused)
 {
 	BMessage message(Code("ASK "));
