@@ -16,6 +16,7 @@
 #include <ZvThread.h>
 
 // Message container.
+#include <ZvByteOrder.h>
 #include <ZvGeometry.h>
 #include <ZvList.h>
 #include <ZvMessage.h>
@@ -32,6 +33,9 @@
 #include <ZvDataLinker.h>
 #include <ZvDataRegistry.h>
 #include <ZvDataSubscriber.h>
+
+// Between ZvMessage and the platform's BMessage.
+#include <ZvMessageBridge.h>
 
 // Text.
 #include <UTFString.h>

@@ -12,6 +12,8 @@
 // header (what, flags, item count) followed by one record per item (type
 // code, name and terminator, data size, data bytes). Nested messages ("BMSG")
 // are stored flattened, so they are deep copies taken at the time of the Add.
+// The forms of Flatten and of the bounded Unflatten that take a zv_byte_order
+// write and read the block in either order (ZvByteOrder.h).
 //
 // Two rules of the item store are deliberate and relied on:
 //  - an item's stored size never shrinks: replacing a value with a shorter
@@ -39,6 +41,7 @@
 
 #include <SupportDefs.h>
 
+#include <ZvByteOrder.h>
 #include <ZvColor.h>
 #include <ZvExport.h>
 #include <ZvGeometry.h>
@@ -117,6 +120,12 @@ public:
 	char name[64];
 
 private:
+	friend class ZvMessage;
+
+	// The bounded SetData for a record whose numbers are in host order or,
+	// when swapped, in the other order (the value is then swapped as its
+	// type requires; 0 is returned for a nested message that cannot be).
+	int32 _SetRecord(const void* buffer, size_t available, bool swapped);
 	// Takes a copy of length bytes as the item's value.
 	void _AdoptBlock(const uint8* source, int32 length);
 	// A block for a value of length bytes: the inline buffer when it fits.
@@ -344,6 +353,20 @@ public:
 	// message's own items.
 	bool Unflatten(const void* buffer, size_t size);
 
+	// Flatten in the given byte order: ZV_HOST_ENDIAN writes the same bytes
+	// as Flatten. Nested messages are swapped too, so each one's stored block
+	// must be well formed. Returns B_OK; B_BAD_VALUE for a null buffer or an
+	// unknown order; B_BAD_DATA when a nested message cannot be swapped (the
+	// buffer's content is then undefined).
+	status_t Flatten(void* buffer, zv_byte_order order, int32* size = nullptr) const;
+	// The bounded Unflatten of a block in the given byte order: ZV_HOST_ENDIAN
+	// reads as Unflatten(buffer, size) does. A block in the other order has
+	// its nested messages checked and swapped as well. Returns B_OK;
+	// B_BAD_VALUE for a null buffer or an unknown order (message unchanged);
+	// B_BAD_DATA for a malformed block (items removed, what and flags
+	// untouched, as the bounded Unflatten leaves them).
+	status_t Unflatten(const void* buffer, size_t size, zv_byte_order order);
+
 	// Dumps the message on standard output.
 	void PrintToStream() const;
 
@@ -365,7 +388,7 @@ public:
 
 private:
 	ZvMessageItem* _FindItem(const char* name, type_code type, int32 index) const;
-	bool _UnflattenBlock(const void* buffer, size_t size, bool bounded);
+	bool _UnflattenBlock(const void* buffer, size_t size, bool bounded, bool swapped = false);
 	// Answers "no reply" to a waiting sender and drops the link.
 	void _AbandonRequest();
 

@@ -2,10 +2,12 @@
 //
 // Block: what, flags and the item count (12 bytes), then one record per item:
 // type code, name with its terminator, data size, data bytes. Integers are
-// 32-bit in host byte order. There is no padding, no magic and no length.
+// 32-bit in host byte order unless a byte order is given. There is no
+// padding, no magic and no length.
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "messaging/internal/FlatWalk.h"
 
 #include <limits.h>
 #include <string.h>
@@ -59,6 +61,11 @@ int32 ZvMessageItem::SetData(const void* buffer)
 
 int32 ZvMessageItem::SetData(const void* buffer, size_t available)
 {
+	return _SetRecord(buffer, available, false);
+}
+
+int32 ZvMessageItem::_SetRecord(const void* buffer, size_t available, bool swapped)
+{
 	if (buffer == nullptr || available < kMinRecordSize)
 		return 0;
 
@@ -73,16 +80,33 @@ int32 ZvMessageItem::SetData(const void* buffer, size_t available)
 	const size_t sizeAt = 4 + nameSize;
 	if (available - sizeAt < 4)
 		return 0;
-	const int32 readSize = ReadInt(in + sizeAt);
+	int32 readSize = ReadInt(in + sizeAt);
+	if (swapped)
+		readSize = static_cast<int32>(__builtin_bswap32(static_cast<uint32>(readSize)));
 	const size_t dataAt = sizeAt + 4;
 	if (readSize < 0 || static_cast<size_t>(readSize) > available - dataAt ||
 	    readSize > INT32_MAX - static_cast<int32>(dataAt)) {
 		return 0;
 	}
 
+	uint32 readType = ReadWord(in);
+	if (swapped) {
+		readType = __builtin_bswap32(readType);
+		// A nested message is checked before the item changes, so that a
+		// refused record leaves the item as it was.
+		if (readType == ZV_MESSAGE_TYPE) {
+			zvkit::internal::FlatWalk walk;
+			walk.swapped = true;
+			walk.nested = true;
+			if (!zvkit::internal::CheckFlatBlock(in + dataAt, readSize, walk, nullptr, nullptr))
+				return 0;
+		}
+	}
 	_AdoptBlock(in + dataAt, readSize);
-	type = ReadWord(in);
+	type = readType;
 	memcpy(name, in + 4, nameSize);
+	if (swapped)
+		zvkit::internal::SwapFlatValue(type, data, size, true, nullptr);
 	return static_cast<int32>(dataAt) + readSize;
 }
 
@@ -111,6 +135,33 @@ bool ZvMessage::Flatten(void* buffer, int32* size) const
 	return true;
 }
 
+status_t ZvMessage::Flatten(void* buffer, zv_byte_order order, int32* size) const
+{
+	if (buffer == nullptr || order < ZV_LITTLE_ENDIAN || order > ZV_HOST_ENDIAN)
+		return B_BAD_VALUE;
+	int32 written = 0;
+	Flatten(buffer, &written);
+	if (order != ZV_HOST_ENDIAN && order != ZV_HostByteOrder()) {
+		zvkit::internal::FlatWalk walk;
+		walk.convert = true;
+		if (!zvkit::internal::WalkFlatBlock(static_cast<uint8*>(buffer), written, walk, nullptr,
+		                                    nullptr)) {
+			return B_BAD_DATA;
+		}
+	}
+	if (size != nullptr)
+		*size = written;
+	return B_OK;
+}
+
+status_t ZvMessage::Unflatten(const void* buffer, size_t size, zv_byte_order order)
+{
+	if (buffer == nullptr || order < ZV_LITTLE_ENDIAN || order > ZV_HOST_ENDIAN)
+		return B_BAD_VALUE;
+	const bool swapped = order != ZV_HOST_ENDIAN && order != ZV_HostByteOrder();
+	return _UnflattenBlock(buffer, size, true, swapped) ? B_OK : B_BAD_DATA;
+}
+
 bool ZvMessage::Unflatten(const void* buffer)
 {
 	return _UnflattenBlock(buffer, 0, false);
@@ -121,7 +172,7 @@ bool ZvMessage::Unflatten(const void* buffer, size_t size)
 	return _UnflattenBlock(buffer, size, true);
 }
 
-bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
+bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded, bool swapped)
 {
 	if (buffer == nullptr)
 		return false;
@@ -134,7 +185,9 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 	// A count of 0 or below means no records, in both forms. Every record
 	// takes at least kMinRecordSize bytes: a count that cannot fit is
 	// refused before anything is allocated.
-	const int32 count = ReadInt(in + 8);
+	int32 count = ReadInt(in + 8);
+	if (swapped)
+		count = static_cast<int32>(__builtin_bswap32(static_cast<uint32>(count)));
 	if (bounded && count > 0 &&
 	    static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize) {
 		MakeEmpty();
@@ -148,7 +201,8 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 	for (int32 i = 0; i < count; i++) {
 		const bool fresh = i >= items.CountItems();
 		ZvMessageItem* item = fresh ? new ZvMessageItem() : items.ItemAt(i);
-		const int32 consumed = bounded ? item->SetData(in + at, size - at) : item->SetData(in + at);
+		const int32 consumed =
+		    !bounded ? item->SetData(in + at) : item->_SetRecord(in + at, size - at, swapped);
 		if (consumed == 0) {
 			if (fresh)
 				delete item;
@@ -164,5 +218,9 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 
 	what = ReadWord(in);
 	fFlags = ReadWord(in + 4);
+	if (swapped) {
+		what = __builtin_bswap32(what);
+		fFlags = __builtin_bswap32(fFlags);
+	}
 	return true;
 }

@@ -7,6 +7,7 @@ above it:
     platform kernel kit <- platform application kit, platform interface kit
     platform            <- base <- kernel <- messaging <- looper
     datasub over messaging, kernel and the platform's application kit
+    bridge over messaging and the platform's application kit
     text, numeric, graphics: leaves over kernel and base
 
 A subsystem's own private headers (the .h files in its folder) are for that
@@ -38,19 +39,21 @@ LAYERS = {
     "messaging": ("messaging", ["kernel"]),
     "looper": ("looper", ["messaging"]),
     "datasub": ("datasub", ["messaging", "platform-app"]),
+    "bridge": ("bridge", ["messaging", "platform-app"]),
     "text": ("text", ["kernel"]),
     "numeric": ("numeric", ["kernel"]),
     "graphics": ("graphics", ["kernel"]),
     # ZvKit.h includes every public header; nothing includes it.
-    "umbrella": (None, ["looper", "datasub", "text", "numeric", "graphics"]),
+    "umbrella": (None, ["looper", "datasub", "bridge", "text", "numeric", "graphics"]),
 }
 
 # The public headers (include/) by layer. A new header must be added here.
 PUBLIC_HEADERS = {
     "base": ["ZvColor.h", "ZvExport.h", "ZvGeometry.h", "ZvKitVersion.h", "ZvTypeCodes.h"],
     "kernel": ["Benaphore.h", "ZvLocker.h", "ZvSemaphore.h", "ZvThread.h"],
-    "messaging": ["ZvList.h", "ZvMessage.h"],
+    "messaging": ["ZvByteOrder.h", "ZvList.h", "ZvMessage.h"],
     "looper": ["ZvHandler.h", "ZvLooper.h", "ZvLooperRef.h", "ZvMessageQueue.h", "ZvMessenger.h"],
+    "bridge": ["ZvMessageBridge.h"],
     "datasub": ["ZvDataLinker.h", "ZvDataRegistry.h", "ZvDataSubscriber.h"],
     "text": ["UTFString.h", "ZvRString.h", "ZvUTF8.h"],
     "numeric": ["ZvEvaluate.h", "ZvResize.h"],
