@@ -73,16 +73,16 @@ enum
 // counted in one of the refused or late counters.
 struct zv_remote_stats
 {
-	uint64 framesSent;             // frames handed to ZeroMQ
-	uint64 framesReceived;         // frames read from ZeroMQ
-	uint64 postsDelivered;         // posts queued in a published looper
-	uint64 requestsAnswered;       // requests answered (any result)
-	uint64 repliesReceived;        // answers matched with a waiting sender
-	uint64 refusedOversized;       // frames over the size limit
-	uint64 refusedMalformed;       // frames with a bad header or body
-	uint64 refusedUnknownTarget;   // frames for a name not published (or gone)
-	uint64 lateReplies;            // answers that came after their sender left
-	uint64 undeliverable;          // frames that could not be sent at all
+	uint64 framesSent;           // frames handed to ZeroMQ
+	uint64 framesReceived;       // frames read from ZeroMQ
+	uint64 postsDelivered;       // posts queued in a published looper
+	uint64 requestsAnswered;     // requests answered (any result)
+	uint64 repliesReceived;      // answers matched with a waiting sender
+	uint64 refusedOversized;     // frames over the size limit
+	uint64 refusedMalformed;     // frames with a bad header or body
+	uint64 refusedUnknownTarget; // frames for a name not published (or gone)
+	uint64 lateReplies;          // answers that came after their sender left
+	uint64 undeliverable;        // frames that could not be sent at all
 };
 
 class ZvRemoteRef;

@@ -30,10 +30,10 @@ using Clock = std::chrono::steady_clock;
 
 Clock::time_point DeadlineAfter(bigtime_t timeout)
 {
-	if (timeout < 0 || timeout == B_INFINITE_TIMEOUT
-	    || timeout > std::chrono::duration_cast<std::chrono::microseconds>(Clock::duration::max())
-	                         .count()
-	                     / 2)
+	if (timeout < 0 || timeout == B_INFINITE_TIMEOUT ||
+	    timeout >
+	        std::chrono::duration_cast<std::chrono::microseconds>(Clock::duration::max()).count() /
+	            2)
 		return Clock::time_point::max();
 	return Clock::now() + std::chrono::microseconds(timeout);
 }
@@ -52,17 +52,17 @@ bool ValidName(const char* name, size_t* length)
 status_t StatusOfZmqError(int error)
 {
 	switch (error) {
-		case EADDRINUSE:
-			return B_NAME_IN_USE;
-		case EINVAL:
-		case EPROTONOSUPPORT:
-		case ENOCOMPATPROTO:
-		case EADDRNOTAVAIL:
-		case ENODEV:
-		case ENOENT:
-			return B_BAD_VALUE;
-		default:
-			return B_ERROR;
+	case EADDRINUSE:
+		return B_NAME_IN_USE;
+	case EINVAL:
+	case EPROTONOSUPPORT:
+	case ENOCOMPATPROTO:
+	case EADDRNOTAVAIL:
+	case ENODEV:
+	case ENOENT:
+		return B_BAD_VALUE;
+	default:
+		return B_ERROR;
 	}
 }
 
@@ -302,7 +302,8 @@ status_t RemoteEngine::Request(int32 peer, const char* name, const ZvMessage* me
 	frame.peer = peer;
 	frame.data = BuildFrame(FrameKind::kRequest, fWireOrder.load(std::memory_order_relaxed),
 	                        request, wait, name, length, message, &frame.size);
-	status_t status = frame.data != nullptr ? _Enqueue(std::move(frame), timeout, false) : B_BAD_DATA;
+	status_t status =
+	    frame.data != nullptr ? _Enqueue(std::move(frame), timeout, false) : B_BAD_DATA;
 
 	std::unique_lock<std::mutex> hold(fWaitersLock);
 	if (status == B_OK) {
@@ -429,14 +430,15 @@ void RemoteEngine::_Run()
 		items.clear();
 		items.push_back({nullptr, fWakeFd, ZMQ_POLLIN, 0});
 		if (fRouter != nullptr) {
-			items.push_back({fRouter, 0,
-			                 static_cast<short>(ZMQ_POLLIN | (fRouterBacklog.empty() ? 0 : ZMQ_POLLOUT)),
-			                 0});
+			items.push_back(
+			    {fRouter, 0,
+			     static_cast<short>(ZMQ_POLLIN | (fRouterBacklog.empty() ? 0 : ZMQ_POLLOUT)), 0});
 		}
 		for (size_t i = 0; i < fDealers.size(); i++) {
 			items.push_back(
 			    {fDealers[i], 0,
-			     static_cast<short>(ZMQ_POLLIN | (fDealerBacklogs[i].empty() ? 0 : ZMQ_POLLOUT)), 0});
+			     static_cast<short>(ZMQ_POLLIN | (fDealerBacklogs[i].empty() ? 0 : ZMQ_POLLOUT)),
+			     0});
 		}
 		if (zmq_poll(items.data(), static_cast<int>(items.size()), -1) < 0 && errno != EINTR)
 			break;
@@ -580,11 +582,12 @@ void RemoteEngine::_ReceiveFromRouter()
 		// A frame sent in several parts is not ours: the rest is read and
 		// dropped with it.
 		bool extra = false;
-		while (whole && zmq_msg_more(&body) != 0) {
+		bool more = whole && zmq_msg_more(&body) != 0;
+		while (more) {
 			extra = true;
 			zmq_msg_t rest;
 			zmq_msg_init(&rest);
-			whole = zmq_msg_recv(&rest, fRouter, 0) >= 0;
+			more = zmq_msg_recv(&rest, fRouter, 0) >= 0 && zmq_msg_more(&rest) != 0;
 			zmq_msg_close(&rest);
 		}
 		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
@@ -611,14 +614,13 @@ void RemoteEngine::_ReceiveFromDealer(void* socket)
 			return;
 		}
 		bool extra = false;
-		while (zmq_msg_more(&body) != 0) {
+		bool more = zmq_msg_more(&body) != 0;
+		while (more) {
 			extra = true;
 			zmq_msg_t rest;
 			zmq_msg_init(&rest);
-			const bool got = zmq_msg_recv(&rest, socket, 0) >= 0;
+			more = zmq_msg_recv(&rest, socket, 0) >= 0 && zmq_msg_more(&rest) != 0;
 			zmq_msg_close(&rest);
-			if (!got)
-				break;
 		}
 		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 		if (extra)
@@ -643,9 +645,8 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 	}
 	// Posts and requests come in through the ROUTER, answers through a
 	// DEALER; anything else is as malformed as a bad header.
-	const bool expected = readable
-	                      && (identity != nullptr ? header.kind != FrameKind::kAnswer
-	                                              : header.kind == FrameKind::kAnswer);
+	const bool expected = readable && (identity != nullptr ? header.kind != FrameKind::kAnswer
+	                                                       : header.kind == FrameKind::kAnswer);
 	if (!expected) {
 		_Refuse(fStats.refusedMalformed, "malformed", size, readable ? &header : nullptr);
 		return;
@@ -665,8 +666,8 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 	ZvMessage* message = new ZvMessage(static_cast<uint32>(0));
 	// The bounded reader checks the block; the block must also be all of
 	// the frame's remaining bytes.
-	if (message->Unflatten(header.body, header.bodySize, header.order) != B_OK
-	    || static_cast<size_t>(message->FlattenedSize()) != header.bodySize) {
+	if (message->Unflatten(header.body, header.bodySize, header.order) != B_OK ||
+	    static_cast<size_t>(message->FlattenedSize()) != header.bodySize) {
 		delete message;
 		_Refuse(fStats.refusedMalformed, "malformed", size, &header);
 		if (isRequest)
@@ -712,9 +713,8 @@ void RemoteEngine::_HandleAnswer(const FrameHeader& header)
 {
 	ZvMessage reply(static_cast<uint32>(0));
 	status_t status = static_cast<status_t>(header.argument);
-	if (status == B_OK
-	    && (reply.Unflatten(header.body, header.bodySize, header.order) != B_OK
-	        || static_cast<size_t>(reply.FlattenedSize()) != header.bodySize)) {
+	if (status == B_OK && (reply.Unflatten(header.body, header.bodySize, header.order) != B_OK ||
+	                       static_cast<size_t>(reply.FlattenedSize()) != header.bodySize)) {
 		_Refuse(fStats.refusedMalformed, "malformed", kFrameHeaderSize + header.bodySize, &header);
 		status = B_BAD_DATA;
 	}

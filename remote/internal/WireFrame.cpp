@@ -48,8 +48,8 @@ uint8* BuildFrame(FrameKind kind, zv_byte_order order, uint64 request, int64 arg
 	PutWord64(frame + 16, static_cast<uint64>(argument), order);
 	if (nameLength > 0)
 		memcpy(frame + kFrameHeaderSize, name, nameLength);
-	if (message != nullptr
-	    && message->Flatten(frame + kFrameHeaderSize + nameLength, order) != B_OK) {
+	if (message != nullptr &&
+	    message->Flatten(frame + kFrameHeaderSize + nameLength, order) != B_OK) {
 		delete[] frame;
 		return nullptr;
 	}
@@ -61,8 +61,8 @@ bool ReadFrameHeader(const uint8* frame, size_t size, FrameHeader* header)
 {
 	if (size < kFrameHeaderSize || memcmp(frame, kMagic, sizeof(kMagic)) != 0)
 		return false;
-	if (frame[4] < static_cast<uint8>(FrameKind::kPost)
-	    || frame[4] > static_cast<uint8>(FrameKind::kAnswer))
+	if (frame[4] < static_cast<uint8>(FrameKind::kPost) ||
+	    frame[4] > static_cast<uint8>(FrameKind::kAnswer))
 		return false;
 	if (frame[5] > 1 || frame[7] != 0)
 		return false;

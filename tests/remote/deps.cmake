@@ -1,0 +1,11 @@
+# The remote endpoint's tests link libzvremote, and libzmq for the raw
+# sockets that send garbage. The peer program is the second process of the
+# two-process tests; the tests find it by its path.
+target_link_libraries(${ZVKIT_TEST_TARGET} PRIVATE ZvKit::zvremote PkgConfig::ZMQ)
+add_executable(zvkit_remote_peer ${CMAKE_CURRENT_SOURCE_DIR}/remote/peer/RemotePeer.cpp)
+target_include_directories(zvkit_remote_peer PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+target_compile_definitions(zvkit_remote_peer PRIVATE ZVKIT_REMOTE_PEER="$<TARGET_FILE:zvkit_remote_peer>")
+target_link_libraries(zvkit_remote_peer PRIVATE ZvKit::zvremote Threads::Threads)
+zvkit_set_warnings(zvkit_remote_peer)
+target_compile_definitions(${ZVKIT_TEST_TARGET} PRIVATE ZVKIT_REMOTE_PEER="$<TARGET_FILE:zvkit_remote_peer>")
+add_dependencies(${ZVKIT_TEST_TARGET} zvkit_remote_peer)
