@@ -93,16 +93,34 @@ RemoteEngine::~RemoteEngine()
 
 void RemoteEngine::Stop()
 {
-	{
-		std::lock_guard<std::mutex> hold(fLock);
-		if (fStopping)
-			return;
-		fStopping = true;
-	}
-	fStopped.store(true, std::memory_order_release);
-	fRoom.notify_all();
+	if (fStopped.exchange(true, std::memory_order_acq_rel))
+		return;
+	// From here on refs refuse new posts and requests.
 	if (fContext == nullptr)
 		return;
+
+	// Helpers finish the requests they serve, and their answers still go
+	// out; requests not yet begun are answered "gone".
+	std::deque<Job> dropped;
+	{
+		std::lock_guard<std::mutex> hold(fJobLock);
+		fJobsClosed = true;
+		dropped.swap(fJobs);
+	}
+	fJobReady.notify_all();
+	for (Job& job : dropped) {
+		_SendAnswer(job.identity, job.request, B_BAD_VALUE, nullptr);
+		delete job.message;
+	}
+	for (std::thread& helper : fHelpers)
+		helper.join();
+
+	// The I/O thread hands what is queued to ZeroMQ and closes the sockets.
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		fStopping = true;
+	}
+	fRoom.notify_all();
 	_Wake();
 	fThread.join();
 
@@ -117,29 +135,13 @@ void RemoteEngine::Stop()
 		fWaiters.clear();
 	}
 
-	// Helpers finish the requests they serve; queued ones are dropped.
-	std::deque<Job> dropped;
-	{
-		std::lock_guard<std::mutex> hold(fJobLock);
-		fJobsClosed = true;
-		dropped.swap(fJobs);
-	}
-	fJobReady.notify_all();
-	for (Job& job : dropped)
-		delete job.message;
-	for (std::thread& helper : fHelpers)
-		helper.join();
-
-	// Answers the helpers queued after the I/O thread ended.
+	// Frames queued after the I/O thread's last look.
 	{
 		std::lock_guard<std::mutex> hold(fLock);
 		for (Outgoing& frame : fOutbox)
 			delete[] frame.data;
 		fOutbox.clear();
 	}
-	for (Command* command : fCommands)
-		command->done = true;
-	fCommandDone.notify_all();
 
 	zmq_ctx_term(fContext);
 	close(fWakeFd);
@@ -684,13 +686,22 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 		job.timeout = header.argument < 0 ? B_INFINITE_TIMEOUT : header.argument;
 		{
 			std::lock_guard<std::mutex> hold(fJobLock);
-			if (fHelpers.empty()) {
-				for (int i = 0; i < kHelpers; i++)
-					fHelpers.emplace_back(&RemoteEngine::_Serve, this);
+			if (!fJobsClosed) {
+				if (fHelpers.empty()) {
+					for (int i = 0; i < kHelpers; i++)
+						fHelpers.emplace_back(&RemoteEngine::_Serve, this);
+				}
+				fJobs.push_back(std::move(job));
+				job.message = nullptr;
 			}
-			fJobs.push_back(std::move(job));
 		}
-		fJobReady.notify_one();
+		if (job.message == nullptr) {
+			fJobReady.notify_one();
+		} else {
+			// The endpoint is closing.
+			delete job.message;
+			_SendAnswer(*identity, header.request, B_BAD_VALUE, nullptr);
+		}
 		return;
 	}
 

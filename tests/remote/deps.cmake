@@ -9,3 +9,11 @@ target_link_libraries(zvkit_remote_peer PRIVATE ZvKit::zvremote Threads::Threads
 zvkit_set_warnings(zvkit_remote_peer)
 target_compile_definitions(${ZVKIT_TEST_TARGET} PRIVATE ZVKIT_REMOTE_PEER="$<TARGET_FILE:zvkit_remote_peer>")
 add_dependencies(${ZVKIT_TEST_TARGET} zvkit_remote_peer)
+
+# The example pair, run as two programs.
+if(TARGET remote_service AND TARGET remote_client)
+    add_test(NAME remote.ExampleServiceAndClientTalk
+        COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/remote/example-pair.sh
+            $<TARGET_FILE:remote_service> $<TARGET_FILE:remote_client>)
+    set_tests_properties(remote.ExampleServiceAndClientTalk PROPERTIES TIMEOUT 90)
+endif()
