@@ -665,12 +665,15 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 			_SendAnswer(*identity, header.request, B_BAD_VALUE, nullptr);
 		return;
 	}
-	ZvMessage* message = new ZvMessage(static_cast<uint32>(0));
+	// A post is read into the I/O thread's own message (the looper gets a
+	// copy); a request into one of its own, which a helper takes over.
+	ZvMessage* message = isRequest ? new ZvMessage(static_cast<uint32>(0)) : &fScratch;
 	// The bounded reader checks the block; the block must also be all of
 	// the frame's remaining bytes.
 	if (message->Unflatten(header.body, header.bodySize, header.order) != B_OK ||
 	    static_cast<size_t>(message->FlattenedSize()) != header.bodySize) {
-		delete message;
+		if (isRequest)
+			delete message;
 		_Refuse(fStats.refusedMalformed, "malformed", size, &header);
 		if (isRequest)
 			_SendAnswer(*identity, header.request, B_BAD_DATA, nullptr);
@@ -711,7 +714,7 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 	do {
 		status = target.PostMessage(message, kDeliverySlice);
 	} while (status == B_TIMED_OUT && !IsStopped());
-	delete message;
+	message->MakeEmpty();
 	if (status == B_OK)
 		fStats.postsDelivered.fetch_add(1, std::memory_order_relaxed);
 	else if (status == B_BAD_VALUE)

@@ -177,6 +177,8 @@ private:
 	std::vector<void*> fDealers;
 	std::vector<std::deque<Outgoing>> fDealerBacklogs;
 	std::deque<Outgoing> fRouterBacklog;
+	// The I/O thread's message for reading posts into.
+	ZvMessage fScratch{static_cast<uint32>(0)};
 
 	std::mutex fTableLock;
 	std::map<std::string, ZvLooperRef, std::less<>> fPublished;

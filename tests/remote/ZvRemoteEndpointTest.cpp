@@ -39,13 +39,36 @@ protected:
 		ASSERT_EQ(fClient.Connect(fAddress.c_str(), "service", &fRef), B_OK);
 	}
 
-	// What the service does with each message; set before the first post.
+	// What the service does with each message. The frames that cause the
+	// calls pass through a socket, which a race detector cannot follow, so
+	// the function is guarded by a lock of its own.
+	void SetReceive(std::function<void(ZvMessage*)> receive)
+	{
+		std::lock_guard<std::mutex> hold(fReceiveLock);
+		fReceive = std::move(receive);
+	}
+	void Receive(ZvMessage* message)
+	{
+		std::function<void(ZvMessage*)> receive;
+		{
+			std::lock_guard<std::mutex> hold(fReceiveLock);
+			receive = fReceive;
+		}
+		receive(message);
+	}
+
+	std::mutex fReceiveLock;
 	std::function<void(ZvMessage*)> fReceive = [](ZvMessage*) {};
 
 	zvtest::Watchdog fWatchdog{60s, "remote endpoint test"};
+	// For tests that hold the service's looper in a handler: they outlive
+	// the looper and the endpoints, which may still be using them when a
+	// test's body ends.
+	zvtest::Latch fHolding{1};
+	zvtest::Latch fRelease{1};
 	SocketFolder fFolder;
 	std::string fAddress;
-	RunningLooper fService{[this](ZvMessage* message) { fReceive(message); }};
+	RunningLooper fService{[this](ZvMessage* message) { Receive(message); }};
 	ZvRemoteEndpoint fServer;
 	ZvRemoteEndpoint fClient;
 	ZvRemoteRef fRef;
@@ -96,13 +119,13 @@ TEST_F(RemotePair, APostArrivesAsAnOrdinaryPostWithItsFields)
 	int32 value = 0;
 	const char* text = nullptr;
 	std::string copied;
-	fReceive = [&](ZvMessage* message) {
+	SetReceive([&](ZvMessage* message) {
 		message->FindInt32("n", &value);
 		if (message->FindString("text", &text))
 			copied = text;
 		EXPECT_FALSE(message->IsSourceWaiting());
 		arrived.CountDown();
-	};
+	});
 	ZvMessage message(0x706F7374);
 	message.AddInt32("n", 42);
 	message.AddString("text", "across");
@@ -117,12 +140,12 @@ TEST_F(RemotePair, PostsFromOneEndpointArriveInTheOrderSent)
 	constexpr int32 kCount = 2000;
 	zvtest::Latch all(kCount);
 	std::vector<int32> seen;
-	fReceive = [&](ZvMessage* message) {
+	SetReceive([&](ZvMessage* message) {
 		int32 n = -1;
 		message->FindInt32("n", &n);
 		seen.push_back(n);
 		all.CountDown();
-	};
+	});
 	for (int32 n = 0; n < kCount; n++) {
 		ZvMessage message(kSequence);
 		message.AddInt32("n", n);
@@ -140,7 +163,7 @@ TEST_F(RemotePair, PostsFromOneEndpointArriveInTheOrderSent)
 
 TEST_F(RemotePair, ARequestIsAnsweredWithTheHandlersReply)
 {
-	fReceive = Echo;
+	SetReceive(Echo);
 	ZvMessage request(kEcho);
 	request.AddInt32("n", 7);
 	ZvMessage reply(static_cast<uint32>(0));
@@ -164,7 +187,7 @@ TEST_F(RemotePair, ARequestDeletedUnansweredGivesNoReply)
 
 TEST_F(RemotePair, ManyThreadsSendRequestsAtOnceAndEachGetsItsOwnAnswer)
 {
-	fReceive = Echo;
+	SetReceive(Echo);
 	constexpr int kThreads = 4;
 	constexpr int32 kEach = 100;
 	std::atomic<int32> wrong{0};
@@ -196,7 +219,7 @@ TEST_F(RemotePair, ANameNobodyPublishedIsBadValueForARequestAndCountedForAPost)
 	EXPECT_EQ(nobody.PostMessage(kNote), B_OK);
 	// Frames from one endpoint are handled in order: once this answer is
 	// back the post before it has been refused.
-	fReceive = Echo;
+	SetReceive(Echo);
 	ASSERT_EQ(fRef.SendMessage(kEcho, &reply, 10000000), B_OK);
 	zv_remote_stats stats;
 	ASSERT_EQ(fServer.GetStats(&stats), B_OK);
@@ -205,7 +228,7 @@ TEST_F(RemotePair, ANameNobodyPublishedIsBadValueForARequestAndCountedForAPost)
 
 TEST_F(RemotePair, AnUnpublishedNameIsRefusedFromThenOn)
 {
-	fReceive = Echo;
+	SetReceive(Echo);
 	ZvMessage reply(static_cast<uint32>(0));
 	ASSERT_EQ(fRef.SendMessage(kEcho, &reply, 10000000), B_OK);
 	EXPECT_EQ(fServer.Unpublish("service"), B_OK);
@@ -230,19 +253,17 @@ TEST_F(RemotePair, ATargetThatQuitIsBadValueLikeALocalRef)
 
 TEST_F(RemotePair, ARequestWithNoAnswerInTimeTimesOutAndTheLateAnswerIsCounted)
 {
-	zvtest::Latch holding(1);
-	zvtest::Latch release(1);
-	fReceive = [&](ZvMessage* message) {
+	SetReceive([&](ZvMessage* message) {
 		if (message->what == kEcho) {
-			holding.CountDown();
-			release.WaitFor(10s);
+			fHolding.CountDown();
+			fRelease.WaitFor(10s);
 		}
 		Echo(message);
-	};
+	});
 	ZvMessage reply(static_cast<uint32>(0));
 	EXPECT_EQ(fRef.SendMessage(kEcho, &reply, 0), B_TIMED_OUT);
-	ASSERT_TRUE(holding.WaitFor(10s));
-	release.CountDown();
+	ASSERT_TRUE(fHolding.WaitFor(10s));
+	fRelease.CountDown();
 	ASSERT_EQ(fRef.SendMessage(kNote, &reply, 10000000), B_OK);
 	// The two answers come from different helper threads, in either order.
 	zv_remote_stats stats;
@@ -257,7 +278,7 @@ TEST_F(RemotePair, ABigEndianWireIsReadByALittleEndianReceiver)
 {
 	ASSERT_EQ(fClient.SetWireOrder(ZV_BIG_ENDIAN), B_OK);
 	ASSERT_EQ(fServer.SetWireOrder(ZV_BIG_ENDIAN), B_OK);
-	fReceive = Echo;
+	SetReceive(Echo);
 	ZvMessage request(kEcho);
 	request.AddInt32("n", 0x01020304);
 	request.AddDouble("x", 2.5);
@@ -287,7 +308,7 @@ TEST_F(RemotePair, AFrameOverTheLimitIsRefusedCountedAndReportedAndTheSenderIsAn
 	fServer.SetReportTarget(reports.Ref());
 	ASSERT_EQ(fServer.SetMaxFrameSize(1024), B_OK);
 	EXPECT_EQ(fServer.MaxFrameSize(), 1024u);
-	fReceive = Echo;
+	SetReceive(Echo);
 	ZvMessage big(kEcho);
 	big.AddString("bytes", std::string(4000, 'x').c_str());
 	ZvMessage reply(static_cast<uint32>(0));
@@ -369,11 +390,11 @@ TEST_F(RemotePair, GarbageFromARawSocketIsRefusedAndCountedAndTheReceiverGoesOn)
 	// The receiver still serves, and the good frame from the raw socket is
 	// delivered.
 	zvtest::Latch delivered(1);
-	fReceive = [&](ZvMessage* message) {
+	SetReceive([&](ZvMessage* message) {
 		if (message->what == kNote)
 			delivered.CountDown();
 		Echo(message);
-	};
+	});
 	send(good.data(), good.size());
 	EXPECT_TRUE(delivered.WaitFor(10s));
 	ZvMessage reply(static_cast<uint32>(0));
@@ -405,13 +426,11 @@ TEST_F(RemotePair, RefsOutliveTheirEndpointSafely)
 
 TEST_F(RemotePair, ASenderWaitingForAnAnswerIsReleasedWhenItsEndpointCloses)
 {
-	zvtest::Latch holding(1);
-	zvtest::Latch release(1);
-	fReceive = [&](ZvMessage* message) {
-		holding.CountDown();
-		release.WaitFor(10s);
+	SetReceive([&](ZvMessage* message) {
+		fHolding.CountDown();
+		fRelease.WaitFor(10s);
 		Echo(message);
-	};
+	});
 	auto client = std::make_unique<ZvRemoteEndpoint>();
 	ZvRemoteRef ref;
 	ASSERT_EQ(client->Connect(fAddress.c_str(), "service", &ref), B_OK);
@@ -420,11 +439,11 @@ TEST_F(RemotePair, ASenderWaitingForAnAnswerIsReleasedWhenItsEndpointCloses)
 		ZvMessage reply(static_cast<uint32>(0));
 		result.store(ref.SendMessage(kEcho, &reply));
 	});
-	ASSERT_TRUE(holding.WaitFor(10s));
+	ASSERT_TRUE(fHolding.WaitFor(10s));
 	client.reset();
 	waiter.join();
 	EXPECT_EQ(result.load(), B_BAD_VALUE);
-	release.CountDown();
+	fRelease.CountDown();
 }
 
 TEST(ZvRemoteEndpoint, BadArgumentsAreRefused)
