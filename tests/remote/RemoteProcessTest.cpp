@@ -36,7 +36,7 @@ int64 Counter(const ZvMessage& stats, const char* name)
 
 TEST(RemoteProcesses, FourSenderProcessesDeliver100000MessagesInOrderWithNoneLost)
 {
-	zvtest::Watchdog watchdog(240s, "four senders");
+	zvtest::Watchdog watchdog(290s, "four senders");
 	constexpr int kSenders = 4;
 	constexpr int32 kEach = 25000;
 	SocketFolder folder;
@@ -80,7 +80,7 @@ TEST(RemoteProcesses, FourSenderProcessesDeliver100000MessagesInOrderWithNoneLos
 		    "send", address, "sink", std::to_string(s), std::to_string(kEach)}));
 		ASSERT_TRUE(senders.back()->IsRunning());
 	}
-	ASSERT_TRUE(finished.WaitFor(200s));
+	ASSERT_TRUE(finished.WaitFor(280s));
 	for (auto& sender : senders)
 		EXPECT_EQ(sender->Wait(30s), 0);
 

@@ -31,7 +31,7 @@ using namespace remote_test;
 
 namespace {
 
-constexpr unsigned kLifetime = 120;
+constexpr unsigned kLifetime = 300;
 
 int Serve(const char* address, const char* name)
 {
