@@ -30,11 +30,9 @@
 class ZvLooper;
 class ZvMessage;
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 class HandlerControl;
-}
-} // namespace zvkit
+} // namespace zvkit::internal
 
 class ZV_EXPORT ZvHandler
 {

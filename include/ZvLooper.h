@@ -61,11 +61,9 @@ class ZvMessage;
 class ZvMessageQueue;
 struct zv_looper_life;
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 class LooperControl;
-}
-} // namespace zvkit
+} // namespace zvkit::internal
 
 // what of the quit request: the four bytes Q, U, I, T.
 const uint32 ZV_QUIT_REQUESTED = 0x51554954;

@@ -22,7 +22,7 @@
 // for the answer, which the receiving handler gives with
 // ZvMessage::SendReply. A request deleted without an answer (ignored,
 // dropped, or still queued when its looper ended) answers at once with a
-// reply whose what is B_NO_REPLY.
+// reply whose what is ZV_NO_REPLY ("NONE", see ZvMessenger.h).
 //
 // Ownership: a ref owns nothing but shared references to small records
 // that the looper and the handler keep; it never keeps its target alive.
@@ -38,18 +38,17 @@
 #include <SupportDefs.h>
 
 #include <ZvExport.h>
+#include <ZvMessenger.h> // ZV_NO_REPLY
 
 class ZvHandler;
 class ZvLooper;
 class ZvMessage;
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 class HandlerControl;
 class LooperControl;
 class ReplySlot;
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal
 
 class ZV_EXPORT ZvLooperRef
 {
@@ -79,7 +78,7 @@ public:
 	// Posts a copy of message as a request and waits for the answer; timeout
 	// bounds the whole call (room in the queue, then the answer):
 	//  - B_OK: reply holds the answer, or, when the request was deleted
-	//    unanswered, has what B_NO_REPLY and no fields;
+	//    unanswered, has what ZV_NO_REPLY and no fields;
 	//  - B_TIMED_OUT (B_WOULD_BLOCK for a timeout of 0 that found the queue
 	//    full): no answer in time; an answer that comes later is dropped;
 	//  - B_BAD_VALUE: the target is gone, or message or reply is null;
@@ -98,9 +97,10 @@ public:
 
 private:
 	// Posts a copy of message, or a new message with what when message is
-	// null, linked to slot when it is not null (the request then holds the
-	// slot's second reference, released with it).
-	status_t _Post(const ZvMessage* message, uint32 what, zvkit::internal::ReplySlot* slot,
+	// null. With request not null the copy is a request, and *request gets
+	// its reply slot (the sender's reference), or null when no copy was
+	// made.
+	status_t _Post(const ZvMessage* message, uint32 what, zvkit::internal::ReplySlot** request,
 	               bigtime_t timeout) const;
 
 	zvkit::internal::LooperControl* fLooper;

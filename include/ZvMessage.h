@@ -52,11 +52,9 @@
 
 #include <new>
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 class ReplySlot;
 }
-} // namespace zvkit
 
 // The allocation of messages and items (and of classes derived from them):
 // single objects come from the library's per-thread block cache, so that an
@@ -391,6 +389,19 @@ private:
 	bool _UnflattenBlock(const void* buffer, size_t size, bool bounded, bool swapped = false);
 	// Answers "no reply" to a waiting sender and drops the link.
 	void _AbandonRequest();
+
+	// The sender's side of a request, for ZvLooperRef. _MakeRequest links
+	// this message (not yet posted) to a new reply slot, which it returns
+	// with the sender's reference. _AwaitReply waits on the slot until
+	// deadline (system_time; negative: none), then drops the sender's
+	// reference: B_OK with *answered telling whether a reply came (assigned
+	// to reply) or the request was deleted unanswered; or B_TIMED_OUT.
+	zvkit::internal::ReplySlot* _MakeRequest();
+	static status_t _AwaitReply(zvkit::internal::ReplySlot* slot, bigtime_t deadline,
+	                            ZvMessage* reply, bool* answered);
+	// Drops the sender's reference without waiting (the request was not
+	// posted).
+	static void _ForgetRequest(zvkit::internal::ReplySlot* slot);
 
 	friend class ZvLooperRef;
 

@@ -158,7 +158,7 @@ private:
 //    happens later, see above); B_BAD_VALUE for a null message, an invalid
 //    ref or an endpoint that is gone; B_WOULD_BLOCK (timeout 0) or
 //    B_TIMED_OUT when the send queue stayed full for timeout;
-//  - SendMessage: B_OK with the answer in reply (what B_NO_REPLY when the
+//  - SendMessage: B_OK with the answer in reply (what ZV_NO_REPLY when the
 //    request was deleted unanswered); B_TIMED_OUT; B_BAD_VALUE when the
 //    name is not published at the peer, when the ref or endpoint is gone,
 //    or for a null message or reply; B_BAD_DATA when the peer refused the

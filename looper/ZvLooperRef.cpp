@@ -14,9 +14,12 @@
 #include <ZvLooper.h>
 #include <ZvMessage.h>
 
+#include <ZvMessenger.h>
+
+#include <OS.h>
+
 #include "base/internal/CurrentThread.h"
 #include "looper/internal/LooperControl.h"
-#include "looper/internal/ReplySlot.h"
 
 using zvkit::internal::HandlerControl;
 using zvkit::internal::LooperControl;
@@ -124,13 +127,22 @@ status_t ZvLooperRef::SendMessage(const ZvMessage* message, ZvMessage* reply,
 		return B_WOULD_BLOCK;
 
 	const bool forever = timeout < 0 || timeout == B_INFINITE_TIMEOUT;
-	const int64 deadline = forever ? -1 : zvkit::internal::SteadyNow() + timeout;
+	const bigtime_t deadline = forever ? -1 : system_time() + timeout;
 
-	ReplySlot* slot = new ReplySlot;
-	status_t status = _Post(message, 0, slot, timeout);
-	if (status == B_OK)
-		status = slot->Wait(deadline, reply);
-	slot->Release();
+	ReplySlot* slot = nullptr;
+	status_t status = _Post(message, 0, &slot, timeout);
+	if (status != B_OK) {
+		if (slot != nullptr)
+			ZvMessage::_ForgetRequest(slot);
+		return status;
+	}
+	bool answered = false;
+	status = ZvMessage::_AwaitReply(slot, deadline, reply, &answered);
+	if (status == B_OK && !answered) {
+		// Deleted unanswered: the value the messenger's reply form uses.
+		reply->MakeEmpty();
+		reply->what = ZV_NO_REPLY;
+	}
 	return status;
 }
 
@@ -140,11 +152,10 @@ bool ZvLooperRef::operator==(const ZvLooperRef& other) const
 	       fStamp == other.fStamp;
 }
 
-status_t ZvLooperRef::_Post(const ZvMessage* message, uint32 what, ReplySlot* slot,
+status_t ZvLooperRef::_Post(const ZvMessage* message, uint32 what, ReplySlot** request,
                             bigtime_t timeout) const
 {
 	status_t status = B_BAD_VALUE;
-	bool linked = false;
 	if (fLooper != nullptr && fLooper->Enter()) {
 		// The handler is tested inside: a handler removed after this test
 		// is not in the looper's list when its message comes up, and the
@@ -159,15 +170,13 @@ status_t ZvLooperRef::_Post(const ZvMessage* message, uint32 what, ReplySlot* sl
 			} else {
 				copy = new ZvMessage(what);
 			}
-			// The request holds the slot's second reference from here on
-			// and releases it when it is deleted, queued or not.
-			copy->fReplySlot = slot;
-			linked = true;
+			// The request releases its reference to the slot when it is
+			// deleted, queued or not.
+			if (request != nullptr)
+				*request = copy->_MakeRequest();
 			status = fLooper->Looper()->_PostOwned(copy, fHandler, timeout);
 		}
 		fLooper->Leave();
 	}
-	if (slot != nullptr && !linked)
-		slot->Release();
 	return status;
 }

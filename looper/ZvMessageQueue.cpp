@@ -109,7 +109,7 @@ status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
 
 void ZvMessageQueue::_ReleaseAdders(int32 count)
 {
-	if (count > 0 && fLimitSem != 0)
+	if (count > 0 && fLimitSem != kNoSemaphore)
 		release_sem_etc(static_cast<sem_id>(fLimitSem), count, 0);
 }
 

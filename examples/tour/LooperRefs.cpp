@@ -4,7 +4,7 @@
 
 #include <ZvKit.h>
 
-#include <AppDefs.h>
+#include <ZvMessenger.h>
 
 #include <cstdio>
 
@@ -80,7 +80,7 @@ void ShowLooperRefs()
 	ZvMessage reply(0);
 	ZvLooperRef(server).SendMessage(kHuh, &reply);
 	std::printf("a request the server ignores: reply what is %s\n",
-	            reply.what == static_cast<uint32>(B_NO_REPLY) ? "B_NO_REPLY" : "something else");
+	            reply.what == ZV_NO_REPLY ? "ZV_NO_REPLY (\"NONE\")" : "something else");
 
 	// A never-run looper with a queue bound of 1: the fourth post would
 	// wait, so TryPostMessage says so instead.

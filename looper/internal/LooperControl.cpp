@@ -5,8 +5,7 @@
 
 #include <chrono>
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 
 LooperControl::LooperControl(ZvLooper* looper) : fState(0), fRefs(1), fLooper(looper), fThread(0) {}
 
@@ -84,5 +83,4 @@ LooperControl* HandlerControl::CurrentAttachment(uint32* stamp)
 	return fLooper;
 }
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal

@@ -20,8 +20,8 @@
 // once the stamp moved on, the ref is invalid for ever.
 //
 // Thread safety: every member may be called from any thread.
-#ifndef ZVKIT_LOOPER_CONTROL_H
-#define ZVKIT_LOOPER_CONTROL_H
+#ifndef _ZV_LOOPER_CONTROL_H
+#define _ZV_LOOPER_CONTROL_H
 
 #include <SupportDefs.h>
 
@@ -31,8 +31,7 @@
 
 class ZvLooper;
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 
 class alignas(64) LooperControl
 {
@@ -138,7 +137,6 @@ private:
 	LooperControl* fLooper;
 };
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal
 
-#endif // ZVKIT_LOOPER_CONTROL_H
+#endif // _ZV_LOOPER_CONTROL_H

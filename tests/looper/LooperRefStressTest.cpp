@@ -9,7 +9,7 @@
 #include <ZvLooperRef.h>
 #include <ZvMessage.h>
 
-#include <AppDefs.h>
+#include <ZvMessenger.h>
 
 #include "LooperTestSupport.h"
 
@@ -126,7 +126,7 @@ TEST(LooperRefStressTest, PostsAndRequestsThroughRefsWhileLoopersComeAndGoAreAll
 					const status_t status = ref.SendMessage(kRequest, &reply);
 					if (status == B_OK && reply.what == kAnswer)
 						mine.answered++;
-					else if (status == B_OK && reply.what == static_cast<uint32>(B_NO_REPLY))
+					else if (status == B_OK && reply.what == ZV_NO_REPLY)
 						mine.noReply++;
 					else if (status == B_BAD_VALUE)
 						mine.requestsRefused++;

@@ -11,8 +11,8 @@
 #include <ZvMessage.h>
 #include <ZvThread.h>
 
-#include <AppDefs.h>
 #include <OS.h>
+#include <ZvMessenger.h>
 
 #include "LooperTestSupport.h"
 #include "Polling.h"
@@ -574,10 +574,17 @@ TEST(ZvLooperRefTest, AnIgnoredRequestAnswersNoReplyAtOnce)
 	reply.AddInt32("old", 1);
 	// No time-out: only the "no reply" answer can end the wait.
 	ASSERT_EQ(ZvLooperRef(looper.Get()).SendMessage(kAsk, &reply), B_OK);
-	EXPECT_EQ(reply.what, static_cast<uint32>(B_NO_REPLY));
+	EXPECT_EQ(reply.what, ZV_NO_REPLY);
 	EXPECT_TRUE(reply.IsEmpty());
 	EXPECT_EQ(handler.Received(), 1);
 	looper->RemoveHandler(&handler);
+}
+
+TEST(ZvLooperRefTest, TheNoReplyAnswerIsNone)
+{
+	// "NONE": the platform's no-reply code, which the messenger's reply form
+	// also uses.
+	EXPECT_EQ(ZV_NO_REPLY, 0x4E4F4E45u);
 }
 
 TEST(ZvLooperRefTest, ADroppedRequestAnswersNoReply)
@@ -588,7 +595,7 @@ TEST(ZvLooperRefTest, ADroppedRequestAnswersNoReply)
 	looper->SetPreferredHandler(&stranger);
 	ZvMessage reply(0);
 	ASSERT_EQ(ZvLooperRef(looper.Get()).SendMessage(kAsk, &reply), B_OK);
-	EXPECT_EQ(reply.what, static_cast<uint32>(B_NO_REPLY));
+	EXPECT_EQ(reply.what, ZV_NO_REPLY);
 	EXPECT_EQ(looper->OwnReceived(), 0);
 }
 
@@ -618,7 +625,7 @@ TEST(ZvLooperRefTest, ARequestStillQueuedWhenItsLooperQuitsAnswersNoReply)
 	// Either the request was queued before the end (no reply, deleted with
 	// the queue) or it came after the looper began to end (refused).
 	if (result.load() == B_OK)
-		EXPECT_EQ(reply.what, static_cast<uint32>(B_NO_REPLY));
+		EXPECT_EQ(reply.what, ZV_NO_REPLY);
 	else
 		EXPECT_EQ(result.load(), B_BAD_VALUE);
 	EXPECT_EQ(handler.Received(), 1);
@@ -793,7 +800,7 @@ TEST(ZvMessageReplyTest, ARequestPostedOnIsAPlainMessageAndTheOriginalAnswersNoR
 	RunningLooper middleLooper(&middle);
 	ZvMessage reply(0);
 	ASSERT_EQ(ZvLooperRef(middleLooper.Get()).SendMessage(kAsk, &reply), B_OK);
-	EXPECT_EQ(reply.what, static_cast<uint32>(B_NO_REPLY));
+	EXPECT_EQ(reply.what, ZV_NO_REPLY);
 	ASSERT_TRUE(forwarded.WaitFor(10s));
 	EXPECT_FALSE(forwardedWaits.load());
 	middleLooper->RemoveHandler(&middle);

@@ -4,7 +4,6 @@
 #include <ZvMessage.h>
 #include <ZvRemote.h>
 
-#include <AppDefs.h>
 
 #include "RemoteTestSupport.h"
 
@@ -133,7 +132,7 @@ TEST(RemoteProcesses, RequestsAreAnsweredByTheOtherProcess)
 	EXPECT_EQ(notes, 50);
 
 	EXPECT_EQ(ref.SendMessage(kIgnore, &reply, kAnswerTime), B_OK);
-	EXPECT_EQ(reply.what, static_cast<uint32>(B_NO_REPLY));
+	EXPECT_EQ(reply.what, ZV_NO_REPLY);
 
 	ZvRemoteRef nobody;
 	ASSERT_EQ(endpoint.Connect(address.c_str(), "nobody", &nobody), B_OK);

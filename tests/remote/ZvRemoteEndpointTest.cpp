@@ -5,7 +5,6 @@
 #include <ZvMessage.h>
 #include <ZvRemote.h>
 
-#include <AppDefs.h>
 
 #include "Polling.h"
 #include "RemoteTestSupport.h"
@@ -185,7 +184,7 @@ TEST_F(RemotePair, ARequestDeletedUnansweredGivesNoReply)
 {
 	ZvMessage reply(static_cast<uint32>(0));
 	ASSERT_EQ(fRef.SendMessage(kIgnore, &reply, 10000000), B_OK);
-	EXPECT_EQ(reply.what, static_cast<uint32>(B_NO_REPLY));
+	EXPECT_EQ(reply.what, ZV_NO_REPLY);
 	EXPECT_TRUE(reply.IsEmpty());
 }
 

@@ -1,25 +1,14 @@
 // ReplySlot: the meeting point of a request's sender and its answer.
 
-#include "looper/internal/ReplySlot.h"
+#include "messaging/ReplySlot.h"
 
 #include <ZvMessage.h>
 
+#include <OS.h>
+
 #include <chrono>
 
-namespace zvkit {
-namespace internal {
-
-// The application kit's B_NO_REPLY ('_NRP'). The looper layer sits below
-// that kit, so the value is restated here; the looper tests compare the
-// two.
-constexpr uint32 kNoReplyWhat = 0x5F4E5250;
-
-int64 SteadyNow()
-{
-	return std::chrono::duration_cast<std::chrono::microseconds>(
-	           std::chrono::steady_clock::now().time_since_epoch())
-	    .count();
-}
+namespace zvkit::internal {
 
 ReplySlot::ReplySlot() : fRefs(2), fState(kWaiting), fAnswer(nullptr) {}
 
@@ -65,28 +54,24 @@ bool ReplySlot::IsSenderWaiting() const
 	return fState == kWaiting;
 }
 
-status_t ReplySlot::Wait(int64 deadline, ZvMessage* reply)
+status_t ReplySlot::Wait(bigtime_t deadline, ZvMessage* reply, bool* answered)
 {
 	std::unique_lock<std::mutex> hold(fLock);
-	const auto answered = [this] { return fState != kWaiting; };
+	const auto done = [this] { return fState != kWaiting; };
 	if (deadline < 0) {
-		fAnswered.wait(hold, answered);
+		fAnswered.wait(hold, done);
 	} else {
-		const std::chrono::steady_clock::time_point until{std::chrono::microseconds(deadline)};
-		if (!fAnswered.wait_until(hold, until, answered)) {
+		const bigtime_t left = deadline - system_time();
+		if (!fAnswered.wait_for(hold, std::chrono::microseconds(left > 0 ? left : 0), done)) {
 			fState = kAbandoned;
 			return B_TIMED_OUT;
 		}
 	}
 
-	if (fAnswer != nullptr) {
+	*answered = fAnswer != nullptr;
+	if (fAnswer != nullptr)
 		*reply = *fAnswer;
-	} else {
-		reply->MakeEmpty();
-		reply->what = kNoReplyWhat;
-	}
 	return B_OK;
 }
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal
