@@ -1,7 +1,7 @@
 // The host's byte order and the detection of a block's order.
 #include <ZvByteOrder.h>
 
-#include "messaging/internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
 
 zv_byte_order ZV_HostByteOrder()
 {

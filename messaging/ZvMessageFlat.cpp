@@ -7,7 +7,7 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
-#include "messaging/internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
 
 #include <limits.h>
 #include <string.h>

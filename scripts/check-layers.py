@@ -7,7 +7,7 @@ above it:
     platform kernel kit <- platform application kit, platform interface kit
     platform            <- base <- kernel <- messaging <- looper
     datasub over messaging, kernel and the platform's application kit
-    bridge over messaging and the platform's application kit
+    bridge (ZvMessage <-> BMessage) over messaging and the application kit
     remote (libzvremote, over ZeroMQ) over looper
     text, numeric, graphics: leaves over kernel and base
 
@@ -56,9 +56,9 @@ PUBLIC_HEADERS = {
     "kernel": ["Benaphore.h", "ZvLocker.h", "ZvSemaphore.h", "ZvThread.h"],
     "messaging": ["ZvByteOrder.h", "ZvList.h", "ZvMessage.h"],
     "looper": ["ZvHandler.h", "ZvLooper.h", "ZvLooperRef.h", "ZvMessageQueue.h", "ZvMessenger.h"],
-    "bridge": ["ZvMessageBridge.h"],
     "remote": ["ZvRemote.h"],
     "datasub": ["ZvDataLinker.h", "ZvDataRegistry.h", "ZvDataSubscriber.h"],
+    "bridge": ["ZvMessageBridge.h"],
     "text": ["UTFString.h", "ZvRString.h", "ZvUTF8.h"],
     "numeric": ["ZvEvaluate.h", "ZvResize.h"],
     "graphics": ["ZvScreen.h", "ZvTransform.h"],

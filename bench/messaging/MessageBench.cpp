@@ -1,7 +1,9 @@
 // Message benchmarks: a 100-field message flattened and read back (against
 // msgpack-c packing and unpacking the same content), one 1 MiB field
-// flattened (against memcpy of the same bytes), and the cost of FindInt32
-// and AddInt32.
+// flattened (against memcpy of the same bytes), the cost of FindInt32
+// and AddInt32, and the bounded Unflatten of a block in the other byte order
+// (against the same block in the host's order) for a 9-field and the
+// 100-field message.
 #include <ZvMessage.h>
 
 #include <benchmark/benchmark.h>
@@ -200,6 +202,68 @@ void AddInt32Thousand(benchmark::State& state)
 	state.SetItemsProcessed(state.iterations() * 1000);
 }
 BENCHMARK(AddInt32Thousand)->Name("AddInt32x1000:zvkit");
+
+// A small message of the usual kind: nine fields of nine families.
+void BuildNineFields(ZvMessage* message)
+{
+	message->AddInt32("id", 42);
+	message->AddInt64("when", 1700000000000000LL);
+	message->AddDouble("x", 12.5);
+	message->AddFloat("y", -3.25f);
+	message->AddBool("visible", true);
+	message->AddString("label", "a label of some length");
+	message->AddRect("frame", ZvRect<double>{0, 0, 639, 479});
+	message->AddPoint("where", ZvPoint<double>{320, 240});
+	zv_color tint(10, 20, 30, 255);
+	message->AddColor("tint", &tint);
+}
+
+zv_byte_order OtherOrder()
+{
+	return ZV_HostByteOrder() == ZV_LITTLE_ENDIAN ? ZV_BIG_ENDIAN : ZV_LITTLE_ENDIAN;
+}
+
+// Reads the message's block, written in order, with the bounded Unflatten of
+// that order.
+void UnflattenIn(benchmark::State& state, void (*build)(ZvMessage*), zv_byte_order order)
+{
+	ZvMessage message(0x4D495844);
+	build(&message);
+	std::vector<uint8> block(message.FlattenedSize());
+	if (message.Flatten(block.data(), order) != B_OK)
+		state.SkipWithError("flatten failed");
+	ZvMessage restored(0);
+	for (auto _ : state) {
+		if (restored.Unflatten(block.data(), block.size(), order) != B_OK)
+			state.SkipWithError("unflatten failed");
+		benchmark::DoNotOptimize(restored.what);
+	}
+	state.SetBytesProcessed(state.iterations() * block.size());
+}
+
+void SwappedUnflatten9(benchmark::State& state)
+{
+	UnflattenIn(state, BuildNineFields, OtherOrder());
+}
+BENCHMARK(SwappedUnflatten9)->Name("SwappedUnflatten9:zvkit");
+
+void HostUnflatten9(benchmark::State& state)
+{
+	UnflattenIn(state, BuildNineFields, ZV_HOST_ENDIAN);
+}
+BENCHMARK(HostUnflatten9)->Name("SwappedUnflatten9:hostorder");
+
+void SwappedUnflatten100(benchmark::State& state)
+{
+	UnflattenIn(state, BuildMessage, OtherOrder());
+}
+BENCHMARK(SwappedUnflatten100)->Name("SwappedUnflatten100:zvkit");
+
+void HostUnflatten100(benchmark::State& state)
+{
+	UnflattenIn(state, BuildMessage, ZV_HOST_ENDIAN);
+}
+BENCHMARK(HostUnflatten100)->Name("SwappedUnflatten100:hostorder");
 
 } // namespace
 

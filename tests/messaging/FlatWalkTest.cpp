@@ -5,7 +5,7 @@
 
 #include "HexBlock.h"
 #include "MessageTestSupport.h"
-#include "messaging/internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
 
 #include <gtest/gtest.h>
 

@@ -2,5 +2,8 @@
 # decides as the library's does.
 zvkit_test_uses_block_cache(${ZVKIT_TEST_TARGET})
 # The walk over flattened blocks (offsets and reasons of malformed blocks) is
-# internal as well; FlatWalkTest.cpp drives a copy of it.
-target_sources(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging/internal/FlatWalk.cpp)
+# hidden inside libzvkit.so as well; FlatWalkTest.cpp links the object file
+# compiled for the library.
+target_sources(${ZVKIT_TEST_TARGET} PRIVATE
+    $<FILTER:$<TARGET_OBJECTS:zvkit_messaging>,INCLUDE,/FlatWalk[.]cpp[.]o$>)
+add_dependencies(${ZVKIT_TEST_TARGET} zvkit_messaging)

@@ -126,6 +126,20 @@ TEST(FlatJsonTest, HexIsInTheDocumentsByteOrder)
 	}
 }
 
+TEST(FlatJsonTest, PointersKeepTheirWidth)
+{
+	ZvMessage message(0);
+	const uint32 narrow = 0x1234;
+	const uint64 wide = 0x1234;
+	message.AddData("narrow", ZV_POINTER_TYPE, &narrow, 4);
+	message.AddData("wide", ZV_POINTER_TYPE, &wide, 8);
+	EXPECT_EQ(0x1234, FieldOf(message, 0)["value"]);
+	EXPECT_EQ(0x1234, FieldOf(message, 1)["value"]);
+	EXPECT_EQ(8, FieldOf(message, 1)["size"]);
+	for (zv_byte_order order : {ZV_LITTLE_ENDIAN, ZV_BIG_ENDIAN})
+		EXPECT_EQ(FlatIn(message, order), ThroughText(message, order));
+}
+
 TEST(FlatJsonTest, NamesThatAreNotUtf8AreHex)
 {
 	ZvMessage message(0);

@@ -3,9 +3,10 @@
 find_package(nlohmann_json 3 REQUIRED)
 target_sources(${ZVKIT_TEST_TARGET} PRIVATE
     ${PROJECT_SOURCE_DIR}/tools/zvmsg/FlatJson.cpp
-    ${PROJECT_SOURCE_DIR}/messaging/internal/FlatWalk.cpp)
+    $<FILTER:$<TARGET_OBJECTS:zvkit_messaging>,INCLUDE,/FlatWalk[.]cpp[.]o$>)
+add_dependencies(${ZVKIT_TEST_TARGET} zvkit_messaging)
 target_include_directories(${ZVKIT_TEST_TARGET} PRIVATE
-    ${PROJECT_SOURCE_DIR}/tools/zvmsg ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/messaging)
+    ${PROJECT_SOURCE_DIR}/tools/zvmsg ${CMAKE_CURRENT_SOURCE_DIR}/messaging)
 target_link_libraries(${ZVKIT_TEST_TARGET} PRIVATE nlohmann_json::nlohmann_json)
 
 # The installed tool, driven on the hand-written blocks and corrupted copies.

@@ -1,7 +1,7 @@
 // A message as a JSON document and back.
 #include "FlatJson.h"
 
-#include "messaging/internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
 
 #include <ZvTypeCodes.h>
 
@@ -9,8 +9,7 @@
 #include <cstring>
 #include <vector>
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 
 namespace {
 
@@ -199,6 +198,7 @@ Json Converter::Field(const ZvMessageItem* item)
 	Json value;
 	if (Typed(item, &key, &value)) {
 		Json trial;
+		trial["size"] = item->size;
 		trial[key] = value;
 		Bytes back;
 		if (ValueBytes(item->type, trial, "", &back) && back == bytes) {
@@ -570,5 +570,4 @@ bool JsonToMessage(const Json& document, ZvMessage* message, zv_byte_order* orde
 	return true;
 }
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal

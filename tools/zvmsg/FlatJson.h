@@ -16,8 +16,7 @@
 
 #include <string>
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 
 using Json = nlohmann::ordered_json;
 
@@ -30,7 +29,6 @@ Json MessageToJson(const ZvMessage& message, zv_byte_order order);
 bool JsonToMessage(const Json& document, ZvMessage* message, zv_byte_order* order,
                    std::string* error);
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal
 
 #endif // ZVKIT_ZVMSG_FLAT_JSON_H

@@ -5,7 +5,7 @@
 // read or written. With several files every file is handled and the status
 // is the largest one met.
 #include "FlatJson.h"
-#include "messaging/internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
 
 #include <ZvByteOrder.h>
 #include <ZvMessage.h>

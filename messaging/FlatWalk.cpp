@@ -1,5 +1,7 @@
 // Walking a flattened block: checks with offsets and reasons, byte swapping.
-#include "messaging/internal/FlatWalk.h"
+#include "messaging/FlatWalk.h"
+
+#include "messaging/FlatFormat.h"
 
 #include <ZvTypeCodes.h>
 
@@ -9,21 +11,14 @@
 #include <stdio.h>
 #include <string.h>
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 
 namespace {
 
-// Header: what, flags, item count. Smallest record: type, empty name and its
-// terminator, size. Name buffer of an item, terminator included.
-constexpr size_t kHeaderSize = 12;
-constexpr size_t kMinRecordSize = 4 + 1 + 4;
-constexpr size_t kNameBufferSize = 64;
-
-uint32 ReadWord(const uint8* at, bool swapped)
+// A word of the block, in the block's order.
+uint32 ReadWordIn(const uint8* at, bool swapped)
 {
-	uint32 value;
-	memcpy(&value, at, sizeof(value));
+	const uint32 value = ReadWord(at);
 	return swapped ? __builtin_bswap32(value) : value;
 }
 
@@ -104,7 +99,7 @@ bool Walk(uint8* block, size_t size, const FlatWalk& how, int depth, size_t base
 		return Fail(problem, base, "%zu bytes cannot hold the 12-byte header (what, flags, count)",
 		            size);
 	}
-	const int32 count = static_cast<int32>(ReadWord(block + 8, how.swapped));
+	const int32 count = static_cast<int32>(ReadWordIn(block + 8, how.swapped));
 	if (count > 0 && static_cast<size_t>(count) > (size - kHeaderSize) / kMinRecordSize) {
 		return Fail(problem, base + 8,
 		            "item count %d cannot fit in the %zu bytes after the header, at least 9 "
@@ -140,7 +135,7 @@ bool Walk(uint8* block, size_t size, const FlatWalk& how, int depth, size_t base
 			            "record %d of %d: the data size is cut off by the end of the block", i + 1,
 			            count);
 		}
-		const int32 dataSize = static_cast<int32>(ReadWord(record + sizeAt, how.swapped));
+		const int32 dataSize = static_cast<int32>(ReadWordIn(record + sizeAt, how.swapped));
 		const size_t dataAt = sizeAt + 4;
 		if (dataSize < 0) {
 			return Fail(problem, base + at + sizeAt, "record %d of %d: negative data size %d",
@@ -153,7 +148,7 @@ bool Walk(uint8* block, size_t size, const FlatWalk& how, int depth, size_t base
 			            "bytes left)",
 			            i + 1, count, dataSize, available - dataAt);
 		}
-		const type_code type = ReadWord(record, how.swapped);
+		const type_code type = ReadWordIn(record, how.swapped);
 		uint8* data = record + dataAt;
 		if (how.convert) {
 			SwapWord(record);
@@ -224,5 +219,4 @@ bool SwapFlatValue(type_code type, uint8* data, size_t size, bool swapped, FlatP
 	return SwapValue(type, data, size, swapped, 0, 0, problem);
 }
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal

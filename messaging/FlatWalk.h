@@ -17,8 +17,7 @@
 
 #include <stddef.h>
 
-namespace zvkit {
-namespace internal {
+namespace zvkit::internal {
 
 // Nested messages deeper than this are refused by every walk that enters
 // them, so that a hostile block cannot exhaust the stack.
@@ -63,7 +62,6 @@ bool SwapFlatValue(type_code type, uint8* data, size_t size, bool swapped, FlatP
 // value of bytes (and for nested messages, which are walked instead).
 size_t FlatElementWidth(type_code type, size_t size);
 
-} // namespace internal
-} // namespace zvkit
+} // namespace zvkit::internal
 
 #endif // ZVKIT_INTERNAL_FLAT_WALK_H
