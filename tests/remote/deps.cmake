@@ -17,3 +17,15 @@ if(TARGET remote_service AND TARGET remote_client)
             $<TARGET_FILE:remote_service> $<TARGET_FILE:remote_client>)
     set_tests_properties(remote.ExampleServiceAndClientTalk PROPERTIES TIMEOUT 90)
 endif()
+
+# The installed component, used from outside the tree (CMake package and
+# pkg-config), as tests/consumer does for libzvkit.
+if(ZVKIT_TEST_CONSUMER)
+    add_test(NAME remote.InstalledPackageBuildsAndRuns
+        COMMAND ${CMAKE_COMMAND}
+            -DZVKIT_BUILD_DIR=${CMAKE_BINARY_DIR}
+            -DZVKIT_CONSUMER_SOURCE=${CMAKE_CURRENT_SOURCE_DIR}/remote/consumer
+            -DZVKIT_WORK_DIR=${CMAKE_BINARY_DIR}/remote-consumer-test
+            -P ${CMAKE_CURRENT_SOURCE_DIR}/remote/consumer/run.cmake)
+    set_tests_properties(remote.InstalledPackageBuildsAndRuns PROPERTIES TIMEOUT 600)
+endif()
