@@ -259,3 +259,5 @@ BENCHMARK(Throughput_zeromq)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(RoundTrip_zvkit)->Name("RoundTrip:zvkit")->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(RoundTrip_zeromq)->Name("RoundTrip:zeromq")->UseRealTime()->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();

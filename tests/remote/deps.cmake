@@ -2,7 +2,8 @@
 # sockets that send garbage. The peer program is the second process of the
 # two-process tests; the tests find it by its path.
 target_link_libraries(${ZVKIT_TEST_TARGET} PRIVATE ZvKit::zvremote PkgConfig::ZMQ)
-add_executable(zvkit_remote_peer ${CMAKE_CURRENT_SOURCE_DIR}/remote/peer/RemotePeer.cpp)
+add_executable(zvkit_remote_peer ${CMAKE_CURRENT_SOURCE_DIR}/remote/peer/RemotePeer.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/remote/TsanHooks.cpp)
 target_include_directories(zvkit_remote_peer PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_compile_definitions(zvkit_remote_peer PRIVATE ZVKIT_REMOTE_PEER="$<TARGET_FILE:zvkit_remote_peer>")
 target_link_libraries(zvkit_remote_peer PRIVATE ZvKit::zvremote Threads::Threads)
@@ -15,7 +16,8 @@ if(TARGET remote_service AND TARGET remote_client)
     add_test(NAME remote.ExampleServiceAndClientTalk
         COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/remote/example-pair.sh
             $<TARGET_FILE:remote_service> $<TARGET_FILE:remote_client>)
-    set_tests_properties(remote.ExampleServiceAndClientTalk PROPERTIES TIMEOUT 90)
+    set_tests_properties(remote.ExampleServiceAndClientTalk PROPERTIES TIMEOUT 90
+        ENVIRONMENT "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=${CMAKE_CURRENT_SOURCE_DIR}/remote/tsan-zmq.supp")
 endif()
 
 # The installed component, used from outside the tree (CMake package and
