@@ -62,6 +62,15 @@ enum
 	ZV_REMOTE_REFUSED = 0x7A765246 // 'zvRF'
 };
 
+// The whats of the notices posted to the report target when a connection
+// is made or lost; field "address" (string), the peer's address as ZeroMQ
+// gives it.
+enum
+{
+	ZV_REMOTE_CONNECTED = 0x7A76434E,   // 'zvCN'
+	ZV_REMOTE_DISCONNECTED = 0x7A764443 // 'zvDC'
+};
+
 // The largest name a looper may be published under, in bytes.
 enum
 {
@@ -83,6 +92,8 @@ struct zv_remote_stats
 	uint64 refusedUnknownTarget; // frames for a name not published (or gone)
 	uint64 lateReplies;          // answers that came after their sender left
 	uint64 undeliverable;        // frames that could not be sent at all
+	uint64 connects;             // connections made (to or from peers)
+	uint64 disconnects;          // connections lost
 };
 
 class ZvRemoteRef;
@@ -140,9 +151,11 @@ public:
 	status_t SetQueueLimit(int32 frames);
 	status_t SetLinger(bigtime_t timeout);
 
-	// Refused frames are posted here as ZV_REMOTE_REFUSED notices (never
-	// waiting for room: a full queue loses the notice, not the count). An
-	// invalid ref (the default) turns the notices off.
+	// Refused frames are posted here as ZV_REMOTE_REFUSED notices, and
+	// connections made and lost as ZV_REMOTE_CONNECTED and
+	// ZV_REMOTE_DISCONNECTED (never waiting for room: a full queue loses the
+	// notice, not the count). An invalid ref (the default) turns the notices
+	// off.
 	void SetReportTarget(const ZvLooperRef& target);
 
 	// Copies the counters. B_OK, or B_BAD_VALUE for a null stats.

@@ -265,6 +265,8 @@ void RemoteEngine::GetStats(zv_remote_stats* stats) const
 	stats->refusedUnknownTarget = fStats.refusedUnknownTarget.load(std::memory_order_relaxed);
 	stats->lateReplies = fStats.lateReplies.load(std::memory_order_relaxed);
 	stats->undeliverable = fStats.undeliverable.load(std::memory_order_relaxed);
+	stats->connects = fStats.connects.load(std::memory_order_relaxed);
+	stats->disconnects = fStats.disconnects.load(std::memory_order_relaxed);
 }
 
 // Sending.
@@ -442,6 +444,8 @@ void RemoteEngine::_Run()
 			     static_cast<short>(ZMQ_POLLIN | (fDealerBacklogs[i].empty() ? 0 : ZMQ_POLLOUT)),
 			     0});
 		}
+		for (void* monitor : fMonitors)
+			items.push_back({monitor, 0, ZMQ_POLLIN, 0});
 		if (zmq_poll(items.data(), static_cast<int>(items.size()), -1) < 0 && errno != EINTR)
 			break;
 		if ((items[0].revents & ZMQ_POLLIN) != 0) {
@@ -457,6 +461,10 @@ void RemoteEngine::_Run()
 		for (size_t i = 0; i < fDealers.size(); i++, next++) {
 			if ((items[next].revents & ZMQ_POLLIN) != 0)
 				_ReceiveFromDealer(fDealers[i]);
+		}
+		for (size_t i = 0; i < fMonitors.size(); i++, next++) {
+			if ((items[next].revents & ZMQ_POLLIN) != 0)
+				_ReadMonitor(fMonitors[i]);
 		}
 	}
 
@@ -477,8 +485,72 @@ void RemoteEngine::_Run()
 		zmq_close(fRouter);
 	for (void* dealer : fDealers)
 		zmq_close(dealer);
+	for (void* monitor : fMonitors) {
+		SetIntOption(monitor, ZMQ_LINGER, 0);
+		zmq_close(monitor);
+	}
 	fRouter = nullptr;
 	fDealers.clear();
+	fMonitors.clear();
+}
+
+void RemoteEngine::_Monitor(void* socket)
+{
+	// ZeroMQ reports the socket's connections on an inproc PAIR socket.
+	const std::string address =
+	    "inproc://zvremote-monitor-" + std::to_string(reinterpret_cast<uintptr_t>(socket));
+	if (zmq_socket_monitor(socket, address.c_str(),
+	                       ZMQ_EVENT_CONNECTED | ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED) != 0)
+		return;
+	void* monitor = zmq_socket(fContext, ZMQ_PAIR);
+	if (monitor == nullptr)
+		return;
+	if (zmq_connect(monitor, address.c_str()) != 0) {
+		zmq_close(monitor);
+		return;
+	}
+	fMonitors.push_back(monitor);
+}
+
+void RemoteEngine::_ReadMonitor(void* monitor)
+{
+	for (;;) {
+		// Two parts: the event (16 bits) and its value (32 bits), then the
+		// peer's address.
+		zmq_msg_t event;
+		zmq_msg_init(&event);
+		if (zmq_msg_recv(&event, monitor, ZMQ_DONTWAIT) < 0) {
+			zmq_msg_close(&event);
+			return;
+		}
+		uint16_t code = 0;
+		if (zmq_msg_size(&event) >= sizeof(code))
+			memcpy(&code, zmq_msg_data(&event), sizeof(code));
+		std::string address;
+		bool more = zmq_msg_more(&event) != 0;
+		zmq_msg_close(&event);
+		while (more) {
+			zmq_msg_t part;
+			zmq_msg_init(&part);
+			more = zmq_msg_recv(&part, monitor, 0) >= 0 && zmq_msg_more(&part) != 0;
+			address.assign(static_cast<const char*>(zmq_msg_data(&part)), zmq_msg_size(&part));
+			zmq_msg_close(&part);
+		}
+		const bool up = code == ZMQ_EVENT_CONNECTED || code == ZMQ_EVENT_ACCEPTED;
+		if (!up && code != ZMQ_EVENT_DISCONNECTED)
+			continue;
+		(up ? fStats.connects : fStats.disconnects).fetch_add(1, std::memory_order_relaxed);
+		ZvLooperRef report;
+		{
+			std::lock_guard<std::mutex> hold(fTableLock);
+			report = fReportTarget;
+		}
+		if (report.IsValid()) {
+			ZvMessage notice(up ? ZV_REMOTE_CONNECTED : ZV_REMOTE_DISCONNECTED);
+			notice.AddString("address", address.c_str());
+			report.PostMessage(&notice, 0);
+		}
+	}
 }
 
 void RemoteEngine::_RunCommand(Command* command)
@@ -502,6 +574,7 @@ void RemoteEngine::_RunCommand(Command* command)
 			const size_t limit = MaxFrameSize();
 			const int64_t cap = static_cast<int64_t>(std::max(limit * 2, limit + 65536));
 			zmq_setsockopt(fRouter, ZMQ_MAXMSGSIZE, &cap, sizeof(cap));
+			_Monitor(fRouter);
 		}
 		command->result =
 		    zmq_bind(fRouter, command->address.c_str()) == 0 ? B_OK : StatusOfZmqError(errno);
@@ -520,6 +593,7 @@ void RemoteEngine::_RunCommand(Command* command)
 		zmq_close(dealer);
 		return;
 	}
+	_Monitor(dealer);
 	command->peer = static_cast<int32>(fDealers.size());
 	fDealers.push_back(dealer);
 	fDealerBacklogs.emplace_back();

@@ -127,6 +127,8 @@ private:
 		std::atomic<uint64> refusedUnknownTarget{0};
 		std::atomic<uint64> lateReplies{0};
 		std::atomic<uint64> undeliverable{0};
+		std::atomic<uint64> connects{0};
+		std::atomic<uint64> disconnects{0};
 	};
 
 	// Queues frame (taking it) after waiting at most timeout for room;
@@ -149,6 +151,9 @@ private:
 	             const FrameHeader* header);
 	bool _FindTarget(const FrameHeader& header, ZvLooperRef* target);
 	void _FrameDone(size_t count);
+	// Watches socket's connections through a monitor socket.
+	void _Monitor(void* socket);
+	void _ReadMonitor(void* monitor);
 
 	// The helper threads.
 	void _Serve();
@@ -176,6 +181,7 @@ private:
 	void* fRouter = nullptr;
 	std::vector<void*> fDealers;
 	std::vector<std::deque<Outgoing>> fDealerBacklogs;
+	std::vector<void*> fMonitors;
 	std::deque<Outgoing> fRouterBacklog;
 	// The I/O thread's message for reading posts into.
 	ZvMessage fScratch{static_cast<uint32>(0)};

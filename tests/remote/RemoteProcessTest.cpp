@@ -5,6 +5,7 @@
 #include <ZvRemote.h>
 
 
+#include "Polling.h"
 #include "RemoteTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -196,10 +197,15 @@ TEST(RemoteProcesses, AReceiverKilledAndRestartedGetsWhatWasPostedMeanwhile)
 	EXPECT_TRUE(reply.FindInt32("notes", &notes));
 	EXPECT_EQ(notes, 20);
 	// The request that timed out reached the new receiver too; its answer
-	// found nobody waiting.
+	// found nobody waiting. The connection to the first receiver was lost
+	// and one to the second made.
 	zv_remote_stats stats;
 	ASSERT_EQ(endpoint.GetStats(&stats), B_OK);
 	EXPECT_GE(stats.lateReplies, 1u);
+	EXPECT_TRUE(zvtest::WaitUntil([&] {
+		endpoint.GetStats(&stats);
+		return stats.connects >= 2 && stats.disconnects >= 1;
+	}));
 }
 
 TEST(RemoteProcesses, GarbageFromARawSocketDoesNotStopTheOtherProcess)

@@ -413,6 +413,35 @@ TEST_F(RemotePair, GarbageFromARawSocketIsRefusedAndCountedAndTheReceiverGoesOn)
 	zmq_ctx_term(context);
 }
 
+TEST_F(RemotePair, ConnectionsMadeAndLostAreCountedAndReported)
+{
+	zvtest::Latch connected(1);
+	zvtest::Latch disconnected(1);
+	RunningLooper reports([&](ZvMessage* message) {
+		if (message->what == static_cast<uint32>(ZV_REMOTE_CONNECTED))
+			connected.CountDown();
+		else if (message->what == static_cast<uint32>(ZV_REMOTE_DISCONNECTED))
+			disconnected.CountDown();
+	});
+	fServer.SetReportTarget(reports.Ref());
+	SetReceive(Echo);
+	{
+		ZvRemoteEndpoint client;
+		ZvRemoteRef ref;
+		ASSERT_EQ(client.Connect(fAddress.c_str(), "service", &ref), B_OK);
+		ZvMessage reply(static_cast<uint32>(0));
+		ASSERT_EQ(ref.SendMessage(kEcho, &reply, 10000000), B_OK);
+		EXPECT_TRUE(connected.WaitFor(10s));
+	}
+	EXPECT_TRUE(disconnected.WaitFor(10s));
+	zv_remote_stats stats;
+	ASSERT_EQ(fServer.GetStats(&stats), B_OK);
+	// fClient's connection and the one that came and went.
+	EXPECT_GE(stats.connects, 1u);
+	EXPECT_GE(stats.disconnects, 1u);
+	fServer.SetReportTarget(ZvLooperRef());
+}
+
 TEST_F(RemotePair, RefsOutliveTheirEndpointSafely)
 {
 	ZvRemoteRef ref;
