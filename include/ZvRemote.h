@@ -135,9 +135,10 @@ public:
 
 	// Frames bigger than bytes (header included) are refused; at least 64,
 	// default 16 MiB. Takes effect for frames read from now on. Frames more
-	// than twice the limit (and 64 KiB) long are refused by ZeroMQ itself,
-	// which then drops the sender's connection; ZeroMQ does not report them,
-	// so they are not counted.
+	// than twice the limit (and 64 KiB) long, the limit as it was at the
+	// first Bind, are refused by ZeroMQ itself, which then drops the
+	// sender's connection; ZeroMQ does not report them, so they are not
+	// counted. B_BAD_VALUE below 64.
 	status_t SetMaxFrameSize(size_t bytes);
 	size_t MaxFrameSize() const;
 
@@ -146,8 +147,10 @@ public:
 	status_t SetWireOrder(zv_byte_order order);
 
 	// How many frames may wait to be handed to ZeroMQ before posts wait for
-	// room (default 10,000), and how long closing sockets may try to send
-	// what is left (default 1 s). Set before Bind and Connect.
+	// room (default 10,000; from now on), and how long closing sockets may
+	// try to send what is left (default 1 s; for the sockets that Bind and
+	// Connect make from now on). B_BAD_VALUE for a limit below 1 or a
+	// negative time.
 	status_t SetQueueLimit(int32 frames);
 	status_t SetLinger(bigtime_t timeout);
 
