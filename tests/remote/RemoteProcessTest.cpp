@@ -4,7 +4,6 @@
 #include <ZvMessage.h>
 #include <ZvRemote.h>
 
-
 #include "Polling.h"
 #include "RemoteTestSupport.h"
 

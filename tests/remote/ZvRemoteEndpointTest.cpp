@@ -5,7 +5,6 @@
 #include <ZvMessage.h>
 #include <ZvRemote.h>
 
-
 #include "Polling.h"
 #include "RemoteTestSupport.h"
 
