@@ -4,7 +4,7 @@
 target_link_libraries(${ZVKIT_TEST_TARGET} PRIVATE ZvKit::zvremote PkgConfig::ZMQ)
 add_executable(zvkit_remote_peer ${CMAKE_CURRENT_SOURCE_DIR}/remote/peer/RemotePeer.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/remote/TsanHooks.cpp)
-target_include_directories(zvkit_remote_peer PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+target_include_directories(zvkit_remote_peer PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support)
 target_compile_definitions(zvkit_remote_peer PRIVATE ZVKIT_REMOTE_PEER="$<TARGET_FILE:zvkit_remote_peer>")
 target_link_libraries(zvkit_remote_peer PRIVATE ZvKit::zvremote Threads::Threads)
 zvkit_set_warnings(zvkit_remote_peer)
