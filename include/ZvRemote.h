@@ -140,6 +140,7 @@ public:
 	// sender's connection; ZeroMQ does not report them, so they are not
 	// counted. B_BAD_VALUE below 64.
 	status_t SetMaxFrameSize(size_t bytes);
+	// The size limit for frames read, in bytes.
 	size_t MaxFrameSize() const;
 
 	// The byte order of the frames this endpoint writes; ZV_HOST_ENDIAN by
@@ -147,11 +148,11 @@ public:
 	status_t SetWireOrder(zv_byte_order order);
 
 	// How many frames may wait to be handed to ZeroMQ before posts wait for
-	// room (default 10,000; from now on), and how long closing sockets may
-	// try to send what is left (default 1 s; for the sockets that Bind and
-	// Connect make from now on). B_BAD_VALUE for a limit below 1 or a
-	// negative time.
+	// room: default 10,000, effective at once. B_BAD_VALUE below 1.
 	status_t SetQueueLimit(int32 frames);
+	// How long closing sockets may try to send what is left: default 1 s,
+	// for the sockets that Bind and Connect make from now on. B_BAD_VALUE
+	// for a negative time.
 	status_t SetLinger(bigtime_t timeout);
 
 	// Refused frames are posted here as ZV_REMOTE_REFUSED notices, and
@@ -183,8 +184,11 @@ private:
 class ZV_EXPORT ZvRemoteRef
 {
 public:
+	// Names nothing: invalid until Connect fills it.
 	ZvRemoteRef();
+	// The same target through the same endpoint.
 	ZvRemoteRef(const ZvRemoteRef& other);
+	// Names other's target from now on.
 	ZvRemoteRef& operator=(const ZvRemoteRef& other);
 	~ZvRemoteRef();
 
@@ -194,10 +198,15 @@ public:
 	// The published name this ref aims at ("" for an invalid ref).
 	const char* Name() const;
 
+	// Sends a copy of message as a post; the results are listed above.
 	status_t PostMessage(const ZvMessage* message, bigtime_t timeout = B_INFINITE_TIMEOUT) const;
+	// Posts a new message with what.
 	status_t PostMessage(uint32 what, bigtime_t timeout = B_INFINITE_TIMEOUT) const;
+	// Sends a copy of message as a request and waits at most timeout for
+	// the answer, which is assigned to reply; the results are listed above.
 	status_t SendMessage(const ZvMessage* message, ZvMessage* reply,
 	                     bigtime_t timeout = B_INFINITE_TIMEOUT) const;
+	// Sends a new message with what as a request.
 	status_t SendMessage(uint32 what, ZvMessage* reply,
 	                     bigtime_t timeout = B_INFINITE_TIMEOUT) const;
 
