@@ -39,6 +39,10 @@
 #include <ZvDataRegistry.h>
 #include <ZvDataSubscriber.h>
 
+// Loopers reached from other processes over ZeroMQ (declared here, built
+// into libzvremote: link ZvKit::zvremote or pkg-config zvremote to use them).
+#include <ZvRemote.h>
+
 // Between ZvMessage and the platform's BMessage.
 #include <ZvMessageBridge.h>
 

@@ -8,6 +8,7 @@ above it:
     platform            <- base <- kernel <- messaging <- looper
     datasub over messaging, kernel and the platform's application kit
     bridge (ZvMessage <-> BMessage) over messaging and the application kit
+    remote (libzvremote, over ZeroMQ) over looper
     text, numeric, graphics: leaves over kernel and base
 
 A subsystem's own private headers (the .h files in its folder) are for that
@@ -41,11 +42,13 @@ LAYERS = {
     "looper": ("looper", ["messaging"]),
     "datasub": ("datasub", ["messaging", "platform-app"]),
     "bridge": ("bridge", ["messaging", "platform-app"]),
+    # libzvremote, a library of its own over libzvkit's loopers.
+    "remote": ("remote", ["looper"]),
     "text": ("text", ["kernel"]),
     "numeric": ("numeric", ["kernel"]),
     "graphics": ("graphics", ["kernel"]),
     # ZvKit.h includes every public header; nothing includes it.
-    "umbrella": (None, ["looper", "datasub", "bridge", "text", "numeric", "graphics"]),
+    "umbrella": (None, ["looper", "datasub", "bridge", "remote", "text", "numeric", "graphics"]),
 }
 
 # The public headers (include/) by layer. A new header must be added here.
@@ -55,6 +58,7 @@ PUBLIC_HEADERS = {
     "messaging": ["ZvByteOrder.h", "ZvList.h", "ZvMessage.h"],
     "looper": ["ZvDescriptorWatch.h", "ZvHandler.h", "ZvLooper.h", "ZvLooperRef.h",
                "ZvMessageQueue.h", "ZvMessageRunner.h", "ZvMessenger.h"],
+    "remote": ["ZvRemote.h"],
     "datasub": ["ZvDataLinker.h", "ZvDataRegistry.h", "ZvDataSubscriber.h"],
     "bridge": ["ZvMessageBridge.h"],
     "text": ["UTFString.h", "ZvRString.h", "ZvUTF8.h"],
