@@ -2,9 +2,13 @@
 // operations on which the typed accessors and the flat form rest.
 #include <ZvMessage.h>
 
+#include "NameIndex.h"
 #include "base/internal/BlockCache.h"
 
 #include <string.h>
+
+using zvkit::internal::kNameIndexThreshold;
+using zvkit::internal::NameIndex;
 
 namespace {
 
@@ -26,13 +30,13 @@ bool TypeMatches(const ZvMessageItem* item, type_code type)
 
 } // namespace
 
-ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep) {}
+ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep), fIndex(nullptr) {}
 
 ZvMessage::ZvMessage(int what) : ZvMessage(static_cast<uint32>(what)) {}
 
 ZvMessage::ZvMessage(const ZvMessage& other) : ZvMessage(&other) {}
 
-ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep)
+ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
 {
 	// A null message gives an empty one with what 0.
 	if (other == nullptr)
@@ -41,12 +45,13 @@ ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListSt
 	*this += *other;
 }
 
-ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep)
+ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
 {
 	Unflatten(flat);
 }
 
-ZvMessage::ZvMessage(const void* flat, size_t size) : what(0), fFlags(0), items(kListStep)
+ZvMessage::ZvMessage(const void* flat, size_t size)
+    : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
 {
 	Unflatten(flat, size);
 }
@@ -54,6 +59,57 @@ ZvMessage::ZvMessage(const void* flat, size_t size) : what(0), fFlags(0), items(
 ZvMessage::~ZvMessage()
 {
 	MakeEmpty();
+}
+
+NameIndex* ZvMessage::_Index() const
+{
+	const int32 count = items.CountItems();
+	NameIndex* index = fIndex.load(std::memory_order_acquire);
+	if (index == nullptr) {
+		if (count < kNameIndexThreshold)
+			return nullptr;
+		// Readers of a const message may get here together: the first index
+		// published wins and the others are thrown away.
+		NameIndex* fresh = new NameIndex(items);
+		if (fIndex.compare_exchange_strong(index, fresh, std::memory_order_acq_rel,
+		                                   std::memory_order_acquire)) {
+			return fresh;
+		}
+		delete fresh;
+	}
+	// Out of step when a derived class changed the list itself: the next
+	// change made through the message drops it.
+	return index->Count() == count ? index : nullptr;
+}
+
+void ZvMessage::_DropIndex()
+{
+	delete fIndex.exchange(nullptr, std::memory_order_relaxed);
+}
+
+void ZvMessage::_AppendItem(ZvMessageItem* item)
+{
+	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	if (index != nullptr && index->Count() != items.CountItems()) {
+		_DropIndex();
+		index = nullptr;
+	}
+	items.AddItem(item);
+	if (index != nullptr)
+		index->Added(item);
+}
+
+void ZvMessage::_DeleteItemAt(int32 at)
+{
+	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	if (index != nullptr && index->Count() != items.CountItems()) {
+		_DropIndex();
+		index = nullptr;
+	}
+	ZvMessageItem* item = items.RemoveItem(at);
+	if (index != nullptr && item != nullptr)
+		index->Removed(item);
+	delete item;
 }
 
 void* ZvBlockAllocated::operator new(size_t size)
@@ -83,7 +139,7 @@ ZvMessage& ZvMessage::operator=(const ZvMessage& other)
 	MakeEmpty();
 	what = other.what;
 	for (int32 i = 0; i < other.items.CountItems(); i++)
-		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
+		_AppendItem(new ZvMessageItem(other.items.ItemAt(i)));
 	return *this;
 }
 
@@ -101,6 +157,7 @@ void ZvMessage::SetFlags(uint32 flags)
 
 void ZvMessage::MakeEmpty()
 {
+	_DropIndex();
 	while (items.CountItems() > 0)
 		delete items.RemoveItem(items.CountItems() - 1);
 }
@@ -114,6 +171,25 @@ int32 ZvMessage::CountNames(type_code type) const
 {
 	if (items.CountItems() == 0)
 		return 0;
+
+	if (const NameIndex* index = _Index()) {
+		if (type == ZV_ANY_TYPE)
+			return index->CountNames();
+		int32 names = 0;
+		index->ForEachField([type, &names](const NameIndex::Field& field) {
+			if (!field.mixed) {
+				names += field.type == type ? 1 : 0;
+				return;
+			}
+			for (const ZvMessageItem* item : field.items) {
+				if (item->type == type) {
+					names++;
+					return;
+				}
+			}
+		});
+		return names;
+	}
 
 	ZvList<char*> names(kListStep);
 	for (int32 i = 0; i < items.CountItems(); i++) {
@@ -178,7 +254,14 @@ bool ZvMessage::GetInfo(type_code type, int32 index, char** name, type_code* fou
 bool ZvMessage::GetInfo(const char* name, type_code* type, int32* count) const
 {
 	int32 found = 0;
-	if (name != nullptr) {
+	const NameIndex* index = name != nullptr ? _Index() : nullptr;
+	if (index != nullptr) {
+		if (const NameIndex::Field* field = index->Find(name)) {
+			if (type != nullptr)
+				*type = field->items.front()->type;
+			found = static_cast<int32>(field->items.size());
+		}
+	} else if (name != nullptr) {
 		for (int32 i = 0; i < items.CountItems(); i++) {
 			ZvMessageItem* item = items.ItemAt(i);
 			if (!NameMatches(item, name))
@@ -198,11 +281,16 @@ bool ZvMessage::RemoveName(const char* name)
 	if (name == nullptr)
 		return false;
 
+	if (const NameIndex* index = _Index()) {
+		if (index->Find(name) == nullptr)
+			return false;
+	}
+
 	bool removed = false;
 	int32 i = 0;
 	while (i < items.CountItems()) {
 		if (NameMatches(items.ItemAt(i), name)) {
-			delete items.RemoveItem(i);
+			_DeleteItemAt(i);
 			removed = true;
 		} else {
 			i++;
@@ -216,12 +304,26 @@ bool ZvMessage::RemoveData(const char* name, int32 index)
 	if (name == nullptr || index < 0)
 		return false;
 
+	if (const NameIndex* nameIndex = _Index()) {
+		ZvMessageItem* item = nameIndex->Find(name, ZV_ANY_TYPE, index);
+		if (item == nullptr)
+			return false;
+		// Values are mostly taken off the end: look for the item from there.
+		for (int32 i = items.CountItems() - 1; i >= 0; i--) {
+			if (items.ItemAt(i) == item) {
+				_DeleteItemAt(i);
+				return true;
+			}
+		}
+		return false;
+	}
+
 	int32 matches = 0;
 	for (int32 i = 0; i < items.CountItems(); i++) {
 		if (!NameMatches(items.ItemAt(i), name))
 			continue;
 		if (matches == index) {
-			delete items.RemoveItem(i);
+			_DeleteItemAt(i);
 			return true;
 		}
 		matches++;
@@ -241,7 +343,7 @@ ZvMessage& ZvMessage::operator+=(const ZvMessage& other)
 	// The bound is re-read on every turn: appending a message to itself
 	// keeps finding new items and never ends.
 	for (int32 i = 0; i < other.items.CountItems(); i++)
-		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
+		_AppendItem(new ZvMessageItem(other.items.ItemAt(i)));
 	return *this;
 }
 
@@ -264,6 +366,10 @@ ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 inde
 		return nullptr;
 
 	const int32 count = items.CountItems();
+	if (count >= kNameIndexThreshold) {
+		if (const NameIndex* nameIndex = _Index())
+			return nameIndex->Find(name, type, index);
+	}
 	int32 matches = 0;
 	for (int32 i = 0; i < count; i++) {
 		ZvMessageItem* item = items.ItemAt(i);
@@ -322,7 +428,7 @@ bool ZvMessage::_AddData(const char* name, type_code type, int32 size, const voi
 {
 	if (data == nullptr)
 		return false;
-	items.AddItem(new ZvMessageItem(name, type, size, data));
+	_AppendItem(new ZvMessageItem(name, type, size, data));
 	return true;
 }
 

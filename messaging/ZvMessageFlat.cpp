@@ -141,6 +141,9 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 		return false;
 	}
 
+	// Items are refilled in place and renamed: the name index is made again
+	// when next needed.
+	_DropIndex();
 	// The items already in the message are refilled in place (and their data
 	// blocks kept when the size matches) instead of being deleted and made
 	// again; the result is the same as emptying the message first.
@@ -156,11 +159,11 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 			return false;
 		}
 		if (fresh)
-			items.AddItem(item);
+			_AppendItem(item);
 		at += consumed;
 	}
 	while (items.CountItems() > MAX(count, int32(0)))
-		delete items.RemoveItem(items.CountItems() - 1);
+		_DeleteItemAt(items.CountItems() - 1);
 
 	what = ReadWord(in);
 	fFlags = ReadWord(in + 4);
