@@ -33,6 +33,10 @@
 
 class ZvDataSubscriber;
 
+namespace zvkit::internal {
+class RegistryNameIndex;
+}
+
 struct zv_data_registry_entry
 {
 	char name[32];
@@ -74,11 +78,19 @@ public:
 private:
 	zv_data_registry_entry* dr_FindEntry(const char* name);
 
+	// Appends entry to the list, or removes it, keeping the name index in
+	// step.
+	void dr_AddEntry(zv_data_registry_entry* entry);
+	void dr_RemoveEntry(zv_data_registry_entry* entry);
+
 	ZvList<zv_data_registry_entry*> fEntries;
 	BLocker fLock;
 	// Lock levels held by the owning thread; touched only while holding
 	// fLock.
 	int32 fLockDepth;
+	// Entries by name, so that finding an attribute costs the same however
+	// many there are; guarded by fLock like the list.
+	zvkit::internal::RegistryNameIndex* fIndex;
 };
 
 extern ZV_EXPORT ZvDataRegistry* zv_registry;

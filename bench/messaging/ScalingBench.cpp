@@ -22,10 +22,9 @@ const std::vector<std::string>& Names(int count)
 
 void PerOp(benchmark::State& state, int64_t operationsPerIteration)
 {
-	state.counters["per_op"] =
-	    benchmark::Counter(static_cast<double>(operationsPerIteration),
-	                       benchmark::Counter::kIsIterationInvariantRate |
-	                           benchmark::Counter::kInvert);
+	state.counters["per_op"] = benchmark::Counter(static_cast<double>(operationsPerIteration),
+	                                              benchmark::Counter::kIsIterationInvariantRate |
+	                                                  benchmark::Counter::kInvert);
 }
 
 void FillDistinct(ZvMessage* message, int count)
