@@ -84,7 +84,13 @@ NameIndex* ZvMessage::_Index() const
 
 void ZvMessage::_DropIndex()
 {
-	delete fIndex.exchange(nullptr, std::memory_order_relaxed);
+	// Only the message's sole user gets here: a plain load and store do, and
+	// cost nothing on the common path where there is no index.
+	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	if (index != nullptr) {
+		fIndex.store(nullptr, std::memory_order_relaxed);
+		delete index;
+	}
 }
 
 void ZvMessage::_AppendItem(ZvMessageItem* item)
