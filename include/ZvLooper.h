@@ -52,6 +52,10 @@
 #include <atomic>
 #include <mutex>
 
+namespace zvkit::internal {
+class HandlerSet;
+}
+
 class ZvMessage;
 class ZvMessageQueue;
 struct zv_looper_life;
@@ -128,6 +132,8 @@ private:
 	int32 _TakeAhead(uint32 access);
 	void _Post(ZvMessage* message, const ZvHandler* handler);
 	int32 _IndexOf(const ZvHandler* handler) const;
+	// Whether handler is attached; a set lookup once there are many.
+	bool _IsAttached(const ZvHandler* handler) const;
 	void _EndLoop();
 	void _Unregister();
 
@@ -140,6 +146,9 @@ private:
 	// Guards fHandlers for the readers that take no looper lock (HandlerAt,
 	// CountHandlers, IndexOfHandler); writers hold the looper's lock first.
 	mutable std::mutex fHandlersGuard;
+	// The attached handlers as a set, made once the list grows long, so that
+	// a dispatch does not walk the list; changed with it, under both locks.
+	zvkit::internal::HandlerSet* fHandlerSet;
 	// This looper's entry in the process-wide table of live loopers, which
 	// lets Quit tell whether the looper still exists (see Quit).
 	zv_looper_life* fRecord;

@@ -15,6 +15,7 @@
 
 #include <memory>
 #include <unordered_map>
+#include <unordered_set>
 
 using zvkit::internal::AcquireSemaphore;
 using zvkit::internal::kNoSemaphore;
@@ -62,6 +63,18 @@ struct zv_looper_life
 	uint32 thread = 0;
 };
 
+namespace zvkit::internal {
+
+class HandlerSet
+{
+public:
+	std::unordered_set<const ZvHandler*> handlers;
+};
+
+} // namespace zvkit::internal
+
+using zvkit::internal::HandlerSet;
+
 namespace {
 
 const uint32 kQuitRequested = ZV_QUIT_REQUESTED;
@@ -89,6 +102,9 @@ const int32 kMaxTakenAhead = 32;
 const int kPollsPerClockRead = 16;
 const char* const kPreferredHandlerField = "_preferredhandler";
 const int32 kHandlerListStep = 16;
+
+// Handler lists at least this long are also kept as a set.
+const int32 kHandlerSetThreshold = 16;
 
 struct LooperTable
 {
@@ -145,8 +161,8 @@ int32 LooperEntry(void* data)
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
-      fRecord(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore), fCurrentMessage(nullptr),
-      fPollFailures(0), fPollSkips(1)
+      fHandlerSet(nullptr), fRecord(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore),
+      fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1)
 {
 	fQueue = new ZvMessageQueue(fQueueCapacity);
 	fPreferredHandler = this;
@@ -160,6 +176,8 @@ ZvLooper::~ZvLooper()
 	_Unregister();
 	delete fQueue;
 	fQueue = nullptr;
+	delete fHandlerSet;
+	fHandlerSet = nullptr;
 	// Only a looper that was never run (or never quit) still has its
 	// semaphore here; delete it rather than leave it in the kernel's table.
 	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);
@@ -231,11 +249,18 @@ bool ZvLooper::AddHandler(ZvHandler* handler)
 	const LockHolder<ZvLooper> lock(*this);
 	if (!lock.IsLocked())
 		return false;
-	if (handler == nullptr || _IndexOf(handler) >= 0)
+	if (handler == nullptr || _IsAttached(handler))
 		return false;
 	handler->SetLooper(this);
 	std::lock_guard<std::mutex> hold(fHandlersGuard);
 	fHandlers.AddItem(handler);
+	if (fHandlerSet != nullptr) {
+		fHandlerSet->handlers.insert(handler);
+	} else if (fHandlers.CountItems() >= kHandlerSetThreshold) {
+		fHandlerSet = new HandlerSet;
+		for (int32 i = 0; i < fHandlers.CountItems(); i++)
+			fHandlerSet->handlers.insert(fHandlers.ItemAt(i));
+	}
 	return true;
 }
 
@@ -246,12 +271,14 @@ bool ZvLooper::RemoveHandler(ZvHandler* handler)
 		return false;
 	// Writers hold the looper's lock, so the index stays valid until the
 	// removal below.
-	const int32 index = handler != nullptr ? _IndexOf(handler) : -1;
+	const int32 index = handler != nullptr && _IsAttached(handler) ? _IndexOf(handler) : -1;
 	if (index < 0)
 		return false;
 	handler->SetLooper(nullptr);
 	std::lock_guard<std::mutex> hold(fHandlersGuard);
 	fHandlers.RemoveItem(index);
+	if (fHandlerSet != nullptr)
+		fHandlerSet->handlers.erase(handler);
 	return true;
 }
 
@@ -334,7 +361,7 @@ bool ZvLooper::ProcessNextMessage()
 	// handler that was removed and then deleted is not in the list, so its
 	// stale address is only compared, never dereferenced. The list changes
 	// only under the looper's lock, which this thread holds: no guard needed.
-	if (_IndexOf(target) >= 0 && target->Looper() == this)
+	if (_IsAttached(target) && target->Looper() == this)
 		DispatchMessage(message, target);
 
 	// Cleared so that CurrentMessage never hands out a deleted message.
@@ -453,6 +480,13 @@ void ZvLooper::_Post(ZvMessage* message, const ZvHandler* handler)
 	// After Quit this is semaphore 0 and the release fails; the message then
 	// stays queued and is deleted with the queue.
 	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
+}
+
+bool ZvLooper::_IsAttached(const ZvHandler* handler) const
+{
+	if (fHandlerSet != nullptr)
+		return fHandlerSet->handlers.count(handler) != 0;
+	return _IndexOf(handler) >= 0;
 }
 
 int32 ZvLooper::_IndexOf(const ZvHandler* handler) const
