@@ -288,8 +288,21 @@ bool ZvMessage::RemoveName(const char* name)
 		return false;
 
 	if (const NameIndex* index = _Index()) {
-		if (index->Find(name) == nullptr)
+		const NameIndex::Field* field = index->Find(name);
+		if (field == nullptr)
 			return false;
+		// The index tells how many items bear the name: the walk goes from
+		// the end, where the newest values are, and stops at the last one.
+		// The items removed, and so the list's shrinking, are the same as
+		// for a walk from the start.
+		int32 remaining = static_cast<int32>(field->items.size());
+		for (int32 i = items.CountItems() - 1; i >= 0 && remaining > 0; i--) {
+			if (NameMatches(items.ItemAt(i), name)) {
+				_DeleteItemAt(i);
+				remaining--;
+			}
+		}
+		return true;
 	}
 
 	bool removed = false;
