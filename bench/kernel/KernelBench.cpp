@@ -36,6 +36,17 @@ void SemAcquireReleaseSemT(benchmark::State& state)
 	sem_destroy(&sem);
 }
 
+// The same through ZvSemaphore, whose Acquire waits with a time-out.
+void ZvSemaphoreAcquireReleaseZvkit(benchmark::State& state)
+{
+	const uint32 sem = ZvSemaphore::Create(1, "bench");
+	for (auto _ : state) {
+		ZvSemaphore::Acquire(sem, -1);
+		ZvSemaphore::Release(sem);
+	}
+	ZvSemaphore::Delete(sem);
+}
+
 // Making and deleting a semaphore: ZvSemaphore checks on Delete that the
 // semaphore belongs to the caller's team; the platform's calls do not.
 void SemCreateDeleteZvkit(benchmark::State& state)
@@ -163,6 +174,8 @@ void LockerRecursiveLockUnlockRecursiveMutex(benchmark::State& state)
 
 BENCHMARK(SemAcquireReleaseZvkit)->Name("SemAcquireRelease:zvkit");
 BENCHMARK(SemAcquireReleaseSemT)->Name("SemAcquireRelease:sem_t");
+BENCHMARK(ZvSemaphoreAcquireReleaseZvkit)->Name("ZvSemaphoreAcquireRelease:zvkit");
+BENCHMARK(SemAcquireReleaseSemT)->Name("ZvSemaphoreAcquireRelease:sem_t");
 BENCHMARK(SemCreateDeleteZvkit)->Name("SemCreateDelete:zvkit");
 BENCHMARK(SemCreateDeletePlatform)->Name("SemCreateDelete:create_sem");
 BENCHMARK(SemPingPongZvkit)->Name("SemPingPong:zvkit")->UseRealTime();
