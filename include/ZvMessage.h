@@ -362,6 +362,8 @@ private:
 	// that needs it; null while the message is small or the index is out of
 	// step with the list.
 	zvkit::internal::NameIndex* _Index() const;
+	// _Index() for a message of many items, else null without a call.
+	zvkit::internal::NameIndex* _LargeIndex() const;
 	// Appends item to the list, or removes the list's item at index and
 	// deletes it, keeping the index in step.
 	void _AppendItem(ZvMessageItem* item);

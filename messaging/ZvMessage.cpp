@@ -61,7 +61,9 @@ ZvMessage::~ZvMessage()
 	MakeEmpty();
 }
 
-NameIndex* ZvMessage::_Index() const
+// Kept out of line, with _DropIndex: the lookups and changes of small
+// messages, which never get here, stay small enough to be inlined.
+__attribute__((noinline)) NameIndex* ZvMessage::_Index() const
 {
 	const int32 count = items.CountItems();
 	NameIndex* index = fIndex.load(std::memory_order_acquire);
@@ -82,7 +84,7 @@ NameIndex* ZvMessage::_Index() const
 	return index->Count() == count ? index : nullptr;
 }
 
-void ZvMessage::_DropIndex()
+__attribute__((noinline)) void ZvMessage::_DropIndex()
 {
 	// Only the message's sole user gets here: a plain load and store do, and
 	// cost nothing on the common path where there is no index.
@@ -93,7 +95,15 @@ void ZvMessage::_DropIndex()
 	}
 }
 
-void ZvMessage::_AppendItem(ZvMessageItem* item)
+// The index when the message is large enough to use one; small messages
+// walk their list without a call.
+inline NameIndex* ZvMessage::_LargeIndex() const
+{
+	return items.CountItems() >= kNameIndexThreshold ? _Index() : nullptr;
+}
+
+// Used in this file only, so inline here.
+inline void ZvMessage::_AppendItem(ZvMessageItem* item)
 {
 	NameIndex* index = fIndex.load(std::memory_order_relaxed);
 	if (index != nullptr && index->Count() != items.CountItems()) {
@@ -105,7 +115,7 @@ void ZvMessage::_AppendItem(ZvMessageItem* item)
 		index->Added(item);
 }
 
-void ZvMessage::_DeleteItemAt(int32 at)
+inline void ZvMessage::_DeleteItemAt(int32 at)
 {
 	NameIndex* index = fIndex.load(std::memory_order_relaxed);
 	if (index != nullptr && index->Count() != items.CountItems()) {
@@ -163,7 +173,8 @@ void ZvMessage::SetFlags(uint32 flags)
 
 void ZvMessage::MakeEmpty()
 {
-	_DropIndex();
+	if (fIndex.load(std::memory_order_relaxed) != nullptr)
+		_DropIndex();
 	while (items.CountItems() > 0)
 		delete items.RemoveItem(items.CountItems() - 1);
 }
@@ -178,7 +189,7 @@ int32 ZvMessage::CountNames(type_code type) const
 	if (items.CountItems() == 0)
 		return 0;
 
-	if (const NameIndex* index = _Index()) {
+	if (const NameIndex* index = _LargeIndex()) {
 		if (type == ZV_ANY_TYPE)
 			return index->CountNames();
 		int32 names = 0;
@@ -260,7 +271,7 @@ bool ZvMessage::GetInfo(type_code type, int32 index, char** name, type_code* fou
 bool ZvMessage::GetInfo(const char* name, type_code* type, int32* count) const
 {
 	int32 found = 0;
-	const NameIndex* index = name != nullptr ? _Index() : nullptr;
+	const NameIndex* index = name != nullptr ? _LargeIndex() : nullptr;
 	if (index != nullptr) {
 		if (const NameIndex::Field* field = index->Find(name)) {
 			if (type != nullptr)
@@ -287,7 +298,7 @@ bool ZvMessage::RemoveName(const char* name)
 	if (name == nullptr)
 		return false;
 
-	if (const NameIndex* index = _Index()) {
+	if (const NameIndex* index = _LargeIndex()) {
 		const NameIndex::Field* field = index->Find(name);
 		if (field == nullptr)
 			return false;
@@ -323,14 +334,20 @@ bool ZvMessage::RemoveData(const char* name, int32 index)
 	if (name == nullptr || index < 0)
 		return false;
 
-	if (const NameIndex* nameIndex = _Index()) {
+	if (const NameIndex* nameIndex = _LargeIndex()) {
 		ZvMessageItem* item = nameIndex->Find(name, ZV_ANY_TYPE, index);
 		if (item == nullptr)
 			return false;
-		// Values are mostly taken off the end: look for the item from there.
-		for (int32 i = items.CountItems() - 1; i >= 0; i--) {
-			if (items.ItemAt(i) == item) {
-				_DeleteItemAt(i);
+		// Look for the item from both ends at once: values are mostly
+		// taken off the end or the start.
+		ZvMessageItem* const* slots = items.items;
+		for (int32 front = 0, back = items.CountItems() - 1; front <= back; front++, back--) {
+			if (slots[back] == item) {
+				_DeleteItemAt(back);
+				return true;
+			}
+			if (slots[front] == item) {
+				_DeleteItemAt(front);
 				return true;
 			}
 		}
@@ -338,8 +355,10 @@ bool ZvMessage::RemoveData(const char* name, int32 index)
 	}
 
 	int32 matches = 0;
-	for (int32 i = 0; i < items.CountItems(); i++) {
-		if (!NameMatches(items.ItemAt(i), name))
+	const int32 count = items.CountItems();
+	ZvMessageItem* const* const slots = items.items;
+	for (int32 i = 0; i < count; i++) {
+		if (!NameMatches(slots[i], name))
 			continue;
 		if (matches == index) {
 			_DeleteItemAt(i);
@@ -379,19 +398,19 @@ ZvMessage& ZvMessage::operator-=(const char* name)
 	return *this;
 }
 
-ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 index) const
+inline ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 index) const
 {
 	if (name == nullptr || index < 0)
 		return nullptr;
 
 	const int32 count = items.CountItems();
-	if (count >= kNameIndexThreshold) {
-		if (const NameIndex* nameIndex = _Index())
-			return nameIndex->Find(name, type, index);
-	}
+	if (const NameIndex* nameIndex = _LargeIndex())
+		return nameIndex->Find(name, type, index);
+	// Over the slots themselves: the walk is the hot path of small messages.
 	int32 matches = 0;
-	for (int32 i = 0; i < count; i++) {
-		ZvMessageItem* item = items.ItemAt(i);
+	ZvMessageItem* const* const end = items.items + count;
+	for (ZvMessageItem* const* slot = items.items; slot < end; slot++) {
+		ZvMessageItem* item = *slot;
 		if (!TypeMatches(item, type) || !NameMatches(item, name))
 			continue;
 		if (matches == index)

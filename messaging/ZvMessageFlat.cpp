@@ -142,8 +142,9 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 	}
 
 	// Items are refilled in place and renamed: the name index is made again
-	// when next needed.
-	_DropIndex();
+	// when next needed (nothing below looks a name up).
+	if (fIndex.load(std::memory_order_relaxed) != nullptr)
+		_DropIndex();
 	// The items already in the message are refilled in place (and their data
 	// blocks kept when the size matches) instead of being deleted and made
 	// again; the result is the same as emptying the message first.
@@ -159,11 +160,11 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded)
 			return false;
 		}
 		if (fresh)
-			_AppendItem(item);
+			items.AddItem(item);
 		at += consumed;
 	}
 	while (items.CountItems() > MAX(count, int32(0)))
-		_DeleteItemAt(items.CountItems() - 1);
+		delete items.RemoveItem(items.CountItems() - 1);
 
 	what = ReadWord(in);
 	fFlags = ReadWord(in + 4);
