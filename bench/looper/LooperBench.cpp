@@ -91,12 +91,12 @@ private:
 	Counter* fCounter;
 };
 
-void PostThroughput_zvkit(benchmark::State& state)
+void PostThroughputWithBound(benchmark::State& state, int32 capacity)
 {
 	Signal done;
 	Counter counter(&done);
 	CountingHandler handler(&counter);
-	ZvLooper* looper = new ZvLooper("bench", ZV_NORMAL_PRIORITY, kQueueCapacity);
+	ZvLooper* looper = new ZvLooper("bench", ZV_NORMAL_PRIORITY, capacity);
 	looper->AddHandler(&handler);
 	looper->SetPreferredHandler(&handler);
 	looper->Run();
@@ -114,6 +114,18 @@ void PostThroughput_zvkit(benchmark::State& state)
 	looper->RemoveHandler(&handler);
 	benchmark::DoNotOptimize(counter.Sum());
 	state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void PostThroughput_zvkit(benchmark::State& state)
+{
+	PostThroughputWithBound(state, kQueueCapacity);
+}
+
+// The same with the queue bound at 256 messages: the poster waits whenever
+// it runs ahead of the loop by that many.
+void PostThroughputBound256_zvkit(benchmark::State& state)
+{
+	PostThroughputWithBound(state, 256);
 }
 
 #ifdef ZVKIT_HAVE_ASIO
@@ -283,9 +295,18 @@ BENCHMARK(PostThroughput_zvkit)
     ->Name("PostThroughput:zvkit")
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(PostThroughputBound256_zvkit)
+    ->Name("PostThroughputBound256:zvkit")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 #ifdef ZVKIT_HAVE_ASIO
 BENCHMARK(PostThroughput_asio)
     ->Name("PostThroughput:asio")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+// Asio's post has no bound: the bounded looper is compared with it as is.
+BENCHMARK(PostThroughput_asio)
+    ->Name("PostThroughputBound256:asio")
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 #endif
