@@ -197,13 +197,13 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 		return -1;
 
 	const bool joinsExchange = ReceivesUpdates(flags);
-	const uint32 join = flags & kJoinMask;
+	const uint32 join = flags & ZV_DS_JOIN_MASK;
 	if (joinsExchange && join == 0) {
 		ZvDataSubscriber* source = entry->firstSubscriber;
 		while (source != nullptr && !CanBeSource(source->fFlags.load(std::memory_order_relaxed)))
 			source = source->fNext;
 		if (source != nullptr)
-			source->ds_DoAppUpdateSub(subscriber, kTouchedAll, notify);
+			source->ds_DoAppUpdateSub(subscriber, ZV_DS_TOUCHED_ALL, notify);
 	}
 
 	subscriber->fSemaphore.store(entry->semaphore, std::memory_order_relaxed);
@@ -213,8 +213,8 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 	entry->firstSubscriber = subscriber;
 	subscriber->fPrevious = nullptr;
 
-	if (joinsExchange && join == kJoinPush)
-		subscriber->ds_DoAppUpdate(kTouchedAll, notify);
+	if (joinsExchange && join == ZV_DS_JOIN_PUSH)
+		subscriber->ds_DoAppUpdate(ZV_DS_TOUCHED_ALL, notify);
 
 	ZvSemaphore::Release(entry->semaphore);
 	subscriber->DS_Subscribed(true);
@@ -296,7 +296,7 @@ status_t ZvDataRegistry::DR_UnSubscribeAllExceptServer(const char* name)
 	ZvDataSubscriber* subscriber = entry->firstSubscriber;
 	while (subscriber != nullptr) {
 		ZvDataSubscriber* next = subscriber->fNext;
-		if ((subscriber->fFlags.load(std::memory_order_relaxed) & kServerMask) == 0)
+		if ((subscriber->fFlags.load(std::memory_order_relaxed) & ZV_DS_SERVER_MASK) == 0)
 			subscriber->DS_UnSubscribe();
 		subscriber = next;
 	}

@@ -275,7 +275,7 @@ status_t ZvDataSubscriber::DS_SetIntegerData(int64 value, bool notify)
 	if (access.Failed())
 		return -1;
 	fInteger = value;
-	ds_Publish(access, kTouchedInteger, notify);
+	ds_Publish(access, ZV_DS_TOUCHED_INTEGER, notify);
 	return 0;
 }
 
@@ -289,7 +289,7 @@ status_t ZvDataSubscriber::DS_SetFloatData(double value, bool notify)
 	if (access.Failed())
 		return -1;
 	fFloat = value;
-	ds_Publish(access, kTouchedFloat, notify);
+	ds_Publish(access, ZV_DS_TOUCHED_FLOAT, notify);
 	return 0;
 }
 
@@ -302,7 +302,7 @@ status_t ZvDataSubscriber::DS_SetStringData(const char* string, bool notify)
 		return -1;
 	// A null string clears the value, and the clearing is published too.
 	ds_StoreString(string);
-	ds_Publish(access, kTouchedString, notify);
+	ds_Publish(access, ZV_DS_TOUCHED_STRING, notify);
 	return string != nullptr ? 0 : -1;
 }
 
@@ -314,7 +314,7 @@ status_t ZvDataSubscriber::DS_SetRAWData(const void* data, int32 size, bool noti
 	if (access.Failed())
 		return -1;
 	ds_StoreRaw(data, size);
-	ds_Publish(access, kTouchedRaw, notify);
+	ds_Publish(access, ZV_DS_TOUCHED_RAW, notify);
 	return fRaw != nullptr ? 0 : -1;
 }
 
@@ -328,7 +328,7 @@ status_t ZvDataSubscriber::DS_SetMessageData(BMessage* message, bool notify)
 	// A null message changes nothing, but the propagation still runs.
 	if (message != nullptr)
 		ds_StoreMessage(message);
-	ds_Publish(access, kTouchedMessage, notify);
+	ds_Publish(access, ZV_DS_TOUCHED_MESSAGE, notify);
 	return message != nullptr ? 0 : -1;
 }
 
@@ -602,22 +602,22 @@ status_t ZvDataSubscriber::ds_CopyData(ZvDataSubscriber* destination, ZvDataSubs
 	// Copying a subscriber onto itself would free the data it copies from.
 	if (destination == nullptr || source == nullptr || destination == source)
 		return 0;
-	if ((what & kTouchedInteger) != 0)
+	if ((what & ZV_DS_TOUCHED_INTEGER) != 0)
 		destination->fInteger = source->fInteger;
-	if ((what & kTouchedFloat) != 0)
+	if ((what & ZV_DS_TOUCHED_FLOAT) != 0)
 		destination->fFloat = source->fFloat;
-	if ((what & kTouchedString) != 0)
+	if ((what & ZV_DS_TOUCHED_STRING) != 0)
 		destination->ds_StoreString(source->fString);
-	if ((what & kTouchedRaw) != 0)
+	if ((what & ZV_DS_TOUCHED_RAW) != 0)
 		destination->ds_StoreRaw(source->fRaw, source->fRawSize);
-	if ((what & kTouchedMessage) != 0)
+	if ((what & ZV_DS_TOUCHED_MESSAGE) != 0)
 		destination->ds_StoreMessage(source->fMessage);
 	return 0;
 }
 
 ZvDataSubscriber& ZvDataSubscriber::operator=(ZvDataSubscriber& other)
 {
-	ds_CopyData(this, &other, kTouchedAll);
+	ds_CopyData(this, &other, ZV_DS_TOUCHED_ALL);
 	return *this;
 }
 
@@ -636,23 +636,23 @@ status_t ZvDataSubscriber::DS_Archive(BMessage* archive, uint32 what)
 	out->AddString(kArchiveName, fName);
 	out->RemoveName(kArchiveTouched);
 	out->AddInt32(kArchiveTouched, static_cast<int32>(what));
-	if ((what & kTouchedInteger) != 0) {
+	if ((what & ZV_DS_TOUCHED_INTEGER) != 0) {
 		out->RemoveName(kArchiveInteger);
 		out->AddInt64(kArchiveInteger, fInteger);
 	}
-	if ((what & kTouchedFloat) != 0) {
+	if ((what & ZV_DS_TOUCHED_FLOAT) != 0) {
 		out->RemoveName(kArchiveFloat);
 		out->AddDouble(kArchiveFloat, fFloat);
 	}
-	if ((what & kTouchedString) != 0 && fString != nullptr) {
+	if ((what & ZV_DS_TOUCHED_STRING) != 0 && fString != nullptr) {
 		out->RemoveName(kArchiveString);
 		out->AddString(kArchiveString, fString);
 	}
-	if ((what & kTouchedRaw) != 0 && fRaw != nullptr && fRawSize >= 1) {
+	if ((what & ZV_DS_TOUCHED_RAW) != 0 && fRaw != nullptr && fRawSize >= 1) {
 		out->RemoveName(kArchiveRaw);
 		out->AddData(kArchiveRaw, B_RAW_TYPE, fRaw, fRawSize, true, 1);
 	}
-	if ((what & kTouchedMessage) != 0 && fMessage != nullptr) {
+	if ((what & ZV_DS_TOUCHED_MESSAGE) != 0 && fMessage != nullptr) {
 		out->RemoveName(kArchiveMessage);
 		out->AddMessage(kArchiveMessage, fMessage);
 	}
@@ -677,31 +677,31 @@ status_t ZvDataSubscriber::DS_UnArchive(BMessage* archive, bool notify)
 	int64 integer = 0;
 	if (in->FindInt64(kArchiveInteger, &integer) == B_OK) {
 		fInteger = integer;
-		mask |= kTouchedInteger;
+		mask |= ZV_DS_TOUCHED_INTEGER;
 	}
 	double number = 0.0;
 	if (in->FindDouble(kArchiveFloat, &number) == B_OK) {
 		fFloat = number;
-		mask |= kTouchedFloat;
+		mask |= ZV_DS_TOUCHED_FLOAT;
 	}
 	const char* string = nullptr;
 	if (in->FindString(kArchiveString, &string) == B_OK) {
 		if (string != nullptr)
 			ds_StoreString(string);
-		mask |= kTouchedString;
+		mask |= ZV_DS_TOUCHED_STRING;
 	}
 	const void* data = nullptr;
 	ssize_t size = 0;
 	if (in->FindData(kArchiveRaw, B_RAW_TYPE, 0, &data, &size) == B_OK) {
 		if (size >= 1 && data != nullptr && static_cast<ssize_t>(static_cast<int32>(size)) == size)
 			ds_StoreRaw(data, static_cast<int32>(size));
-		mask |= kTouchedRaw;
+		mask |= ZV_DS_TOUCHED_RAW;
 	}
 	if (in->HasMessage(kArchiveMessage, 0)) {
 		if (fMessage == nullptr)
 			fMessage = new (std::nothrow) BMessage;
 		if (fMessage != nullptr && in->FindMessage(kArchiveMessage, fMessage) == B_OK)
-			mask |= kTouchedMessage;
+			mask |= ZV_DS_TOUCHED_MESSAGE;
 	}
 
 	// Unlike the setters, unarchiving propagates on either path: an archive

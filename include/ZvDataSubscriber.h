@@ -10,18 +10,26 @@
 //
 // Results: 0 on success, -1 on every failure (DS_SendEvent always gives -1).
 //
-// Touched mask (the "what" of setters, events and archives): 1 integer,
-// 2 float, 4 string, 8 raw, 16 message, 255 all. It is also the event code
-// handed to DS_EventReceived and put into event messages as "touched_what".
+// Touched mask (the "what" of setters, events and archives): the
+// ZV_DS_TOUCHED_* bits below, ZV_DS_TOUCHED_ALL for all five kinds. It is
+// also the event code handed to DS_EventReceived and put into event
+// messages as "touched_what".
 //
-// Subscription flags:
-//   0x0000000F  mode: 0 and 1 receive updates, 2..15 never do; 0 and 2 can
-//               be the source of a newcomer's initial data
-//   0x000000F0  setters and DS_UnArchive store locally, no propagation
-//   0x00000F00  never registered, never propagates
-//   0x0000F000  modes 0 and 1: 0 pulls the attribute's data on subscribing,
-//               0x1000 pushes its own data instead, other values neither
-//   0x000F0000  server: survives DR_UnSubscribeAllExceptServer
+// Subscription flags: one value from each group below, or-ed together (0 is
+// the usual subscriber: receives, can be a source, propagates, pulls).
+//   ZV_DS_MODE_MASK: ZV_DS_MODE_EXCHANGE and ZV_DS_MODE_RECEIVE_ONLY receive
+//     updates; ZV_DS_MODE_SOURCE_ONLY and ZV_DS_MODE_ISOLATED (any larger
+//     mode too) never do. EXCHANGE and SOURCE_ONLY can give a newcomer its
+//     initial data.
+//   ZV_DS_LOCAL_ONLY_MASK (ZV_DS_LOCAL_ONLY): setters and DS_UnArchive store
+//     locally, without propagating.
+//   ZV_DS_NEVER_REGISTERED_MASK (ZV_DS_NEVER_REGISTERED): never registered,
+//     never propagates.
+//   ZV_DS_JOIN_MASK, for the receiving modes: ZV_DS_JOIN_PULL takes the
+//     attribute's data on subscribing, ZV_DS_JOIN_PUSH gives its own data to
+//     the others instead, ZV_DS_JOIN_NONE (any other value) neither.
+//   ZV_DS_SERVER_MASK (ZV_DS_SERVER): survives
+//     DR_UnSubscribeAllExceptServer.
 //
 // Ownership: a subscriber owns its string, raw block, message, event message
 // and name buffer; the event target handler is not owned. Pointers handed in
@@ -55,6 +63,31 @@
 class BHandler;
 class BMessage;
 class ZvDataRegistry;
+
+// Kinds of data in a touched mask.
+constexpr uint32 ZV_DS_TOUCHED_INTEGER = 1;
+constexpr uint32 ZV_DS_TOUCHED_FLOAT = 2;
+constexpr uint32 ZV_DS_TOUCHED_STRING = 4;
+constexpr uint32 ZV_DS_TOUCHED_RAW = 8;
+constexpr uint32 ZV_DS_TOUCHED_MESSAGE = 16;
+constexpr uint32 ZV_DS_TOUCHED_ALL = 255;
+
+// Groups of the subscription flags and their values.
+constexpr uint32 ZV_DS_MODE_MASK = 0x0000000F;
+constexpr uint32 ZV_DS_MODE_EXCHANGE = 0;
+constexpr uint32 ZV_DS_MODE_RECEIVE_ONLY = 1;
+constexpr uint32 ZV_DS_MODE_SOURCE_ONLY = 2;
+constexpr uint32 ZV_DS_MODE_ISOLATED = 3;
+constexpr uint32 ZV_DS_LOCAL_ONLY_MASK = 0x000000F0;
+constexpr uint32 ZV_DS_LOCAL_ONLY = 0x00000010;
+constexpr uint32 ZV_DS_NEVER_REGISTERED_MASK = 0x00000F00;
+constexpr uint32 ZV_DS_NEVER_REGISTERED = 0x00000100;
+constexpr uint32 ZV_DS_JOIN_MASK = 0x0000F000;
+constexpr uint32 ZV_DS_JOIN_PULL = 0;
+constexpr uint32 ZV_DS_JOIN_PUSH = 0x00001000;
+constexpr uint32 ZV_DS_JOIN_NONE = 0x00002000;
+constexpr uint32 ZV_DS_SERVER_MASK = 0x000F0000;
+constexpr uint32 ZV_DS_SERVER = 0x00010000;
 
 class ZV_EXPORT ZvDataSubscriber
 {
@@ -128,8 +161,9 @@ public:
 	// Copies all five kinds of data, with no lock and no propagation.
 	ZvDataSubscriber& operator=(ZvDataSubscriber& other);
 
-	// Propagation internals, also called by the registry. The caller holds
-	// the attribute's semaphore. All return 0.
+	// Propagation internals, public because the library's own interface
+	// lists them; the registry calls them, clients have no need to. The
+	// caller holds the attribute's semaphore. All return 0.
 	status_t ds_DoAppUpdate(uint32 what, bool notify);
 	status_t ds_DoAppUpdateSub(ZvDataSubscriber* target, uint32 what, bool notify);
 	status_t ds_CopyData(ZvDataSubscriber* destination, ZvDataSubscriber* source, uint32 what);

@@ -24,13 +24,15 @@
 
 #include <ZvExport.h>
 #include <ZvGeometry.h>
-#include <ZvLocker.h>
 
 #include <stddef.h>
 #include <string.h>
 #include <type_traits>
 
-// The allocator of every list's slot array.
+class ZvLocker;
+
+// The allocator of every list's slot array, and the end of a list's optional
+// lock; a base of ZvList only, with nothing for clients.
 class ZV_EXPORT ZvListStorage
 {
 protected:
@@ -39,6 +41,8 @@ protected:
 	static void* AllocateSlots(size_t bytes);
 	// Frees an array from AllocateSlots(bytes), given the same size.
 	static void FreeSlots(void* slots, size_t bytes);
+	// Acquires lock, then deletes it.
+	static void DeleteLock(ZvLocker* lock);
 };
 
 template <class T> class ZvList : protected ZvListStorage
@@ -57,8 +61,7 @@ public:
 	{
 		ZvList<T>::MakeEmpty();
 		if (lock != nullptr) {
-			lock->Lock();
-			delete lock;
+			DeleteLock(lock);
 			lock = nullptr;
 		}
 	}

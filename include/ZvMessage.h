@@ -60,22 +60,7 @@ namespace zvkit::internal {
 class NameIndex;
 }
 
-// The allocation of messages and items (and of classes derived from them):
-// single objects come from the library's per-thread block cache, so that an
-// object made on one thread and deleted on another, as every posted message
-// is, costs no allocator lock. Arrays use the global operator new[].
-class ZV_EXPORT ZvBlockAllocated
-{
-public:
-	static void* operator new(size_t size);
-	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
-	static void* operator new(size_t, void* where) noexcept { return where; }
-	static void operator delete(void* block, size_t size);
-	static void operator delete(void* block, const std::nothrow_t&) noexcept;
-	static void operator delete(void*, void*) noexcept {}
-};
-
-class ZV_EXPORT ZvMessageItem : public ZvBlockAllocated
+class ZV_EXPORT ZvMessageItem
 {
 public:
 	// Values of up to this many bytes live inside the item: data then points
@@ -91,6 +76,17 @@ public:
 	// A deep copy of other: type, size, name and a fresh data block.
 	explicit ZvMessageItem(const ZvMessageItem* other);
 	~ZvMessageItem();
+
+	// Single objects (of derived classes too) come from the library's
+	// per-thread block cache, so that an object made on one thread and
+	// deleted on another, as every posted message is, costs no allocator
+	// lock. Arrays use the global operator new[].
+	static void* operator new(size_t size);
+	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+	static void* operator new(size_t, void* where) noexcept { return where; }
+	static void operator delete(void* block, size_t size);
+	static void operator delete(void* block, const std::nothrow_t&) noexcept;
+	static void operator delete(void*, void*) noexcept {}
 
 	ZvMessageItem(const ZvMessageItem&) = delete;
 	ZvMessageItem& operator=(const ZvMessageItem&) = delete;
@@ -132,7 +128,7 @@ private:
 	uint8 fInlineData[kInlineDataSize];
 };
 
-class ZV_EXPORT ZvMessage : public ZvBlockAllocated
+class ZV_EXPORT ZvMessage
 {
 public:
 	explicit ZvMessage(uint32 what);
@@ -149,6 +145,17 @@ public:
 	// block leaves the message with what 0, flags 0 and no items.
 	ZvMessage(const void* flat, size_t size);
 	virtual ~ZvMessage();
+
+	// Single objects (of derived classes too) come from the library's
+	// per-thread block cache, so that an object made on one thread and
+	// deleted on another, as every posted message is, costs no allocator
+	// lock. Arrays use the global operator new[].
+	static void* operator new(size_t size);
+	static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+	static void* operator new(size_t, void* where) noexcept { return where; }
+	static void operator delete(void* block, size_t size);
+	static void operator delete(void* block, const std::nothrow_t&) noexcept;
+	static void operator delete(void*, void*) noexcept {}
 
 	// Empties this message, takes other's what and deep copies of its items;
 	// flags keep their value. Assigning a message to itself empties it.

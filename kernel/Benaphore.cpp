@@ -1,20 +1,25 @@
 // Benaphore.cpp: a counting lock that calls the kernel only under contention.
 #include <Benaphore.h>
 
+#include "base/internal/Semaphores.h"
+
 #include <algorithm>
 
-Benaphore::Benaphore() : fCount(0), fSem(-1) {}
+using zvkit::internal::IsKernelSemaphore;
+using zvkit::internal::kNoKernelSemaphore;
+
+Benaphore::Benaphore() : fCount(0), fSem(kNoKernelSemaphore) {}
 
 Benaphore::~Benaphore()
 {
-	if (fSem >= 0)
+	if (IsKernelSemaphore(fSem))
 		delete_sem(fSem);
 }
 
 int32 Benaphore::Reset(int32 count, const char* name)
 {
 	__atomic_store_n(&fCount, count, __ATOMIC_SEQ_CST);
-	if (fSem >= 0)
+	if (IsKernelSemaphore(fSem))
 		delete_sem(fSem);
 	fSem = create_sem(0, name);
 	return fSem;
@@ -23,7 +28,7 @@ int32 Benaphore::Reset(int32 count, const char* name)
 int32 Benaphore::Free()
 {
 	const status_t status = delete_sem(fSem);
-	fSem = -1;
+	fSem = kNoKernelSemaphore;
 	return status;
 }
 

@@ -11,7 +11,7 @@ using namespace zvkit::internal;
 uint32 ZvSemaphore::Create(int32 count, const char* name)
 {
 	const sem_id sem = create_sem(count, name != nullptr ? name : "ZvSemaphore");
-	return sem < 0 ? kNoSemaphore : static_cast<uint32>(sem);
+	return IsKernelSemaphore(sem) ? static_cast<uint32>(sem) : kNoSemaphore;
 }
 
 bool ZvSemaphore::Delete(uint32 sem)

@@ -128,22 +128,24 @@ inline void ZvMessage::_DeleteItemAt(int32 at)
 	delete item;
 }
 
-void* ZvBlockAllocated::operator new(size_t size)
+// Single messages come from the block cache (see ZvMessage.h).
+
+void* ZvMessage::operator new(size_t size)
 {
 	return zvkit::internal::AllocateBlock(size);
 }
 
-void* ZvBlockAllocated::operator new(size_t size, const std::nothrow_t& tag) noexcept
+void* ZvMessage::operator new(size_t size, const std::nothrow_t& tag) noexcept
 {
 	return zvkit::internal::AllocateBlock(size, tag);
 }
 
-void ZvBlockAllocated::operator delete(void* block, size_t size)
+void ZvMessage::operator delete(void* block, size_t size)
 {
 	zvkit::internal::FreeBlock(block, size);
 }
 
-void ZvBlockAllocated::operator delete(void* block, const std::nothrow_t&) noexcept
+void ZvMessage::operator delete(void* block, const std::nothrow_t&) noexcept
 {
 	zvkit::internal::FreeUnsizedBlock(block);
 }

@@ -2,6 +2,7 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "base/internal/BlockCache.h"
 
 #include <string.h>
 
@@ -86,4 +87,26 @@ void ZvMessageItem::ReplaceData(int32 size, const void* data)
 	}
 	if (this->size >= 1 && this->data != nullptr && data != nullptr)
 		memcpy(this->data, data, this->size);
+}
+
+// Single items come from the block cache (see ZvMessage.h).
+
+void* ZvMessageItem::operator new(size_t size)
+{
+	return zvkit::internal::AllocateBlock(size);
+}
+
+void* ZvMessageItem::operator new(size_t size, const std::nothrow_t& tag) noexcept
+{
+	return zvkit::internal::AllocateBlock(size, tag);
+}
+
+void ZvMessageItem::operator delete(void* block, size_t size)
+{
+	zvkit::internal::FreeBlock(block, size);
+}
+
+void ZvMessageItem::operator delete(void* block, const std::nothrow_t&) noexcept
+{
+	zvkit::internal::FreeUnsizedBlock(block);
 }

@@ -13,8 +13,9 @@ A subsystem's own private headers (the .h files in its folder) are for that
 subsystem alone; base/internal/ is the one private folder every library layer
 may use. The check reads the #include lines of the library's sources and
 public headers, the target_link_libraries lines of each subsystem's
-CMakeLists.txt, and whether every source file of a subsystem is in its
-explicit source list. Tests, examples and benchmarks are not checked.
+CMakeLists.txt, and whether every source file of a subsystem (and every
+test source) is in its explicit source list. The includes of tests,
+examples and benchmarks are not checked.
 
 Usage: check-layers.py [ROOT]        check the tree at ROOT (default: ..)
        check-layers.py --self-test   plant violations in a copy and expect
@@ -221,6 +222,23 @@ class Tree:
                             problems.append(f"{folder}/{source}: not in the source list "
                                             f"of {folder}/CMakeLists.txt")
 
+    def check_test_lists(self, problems):
+        path = os.path.join(self.root, "tests", "CMakeLists.txt")
+        if not os.path.isfile(path):
+            return
+        listed = {}
+        for match in re.finditer(r"zvkit_add_tests\(\s*(\w+)([^)]*)\)", open(path).read()):
+            listed[match.group(1)] = set(match.group(2).split())
+        tests = os.path.join(self.root, "tests")
+        for name in sorted(os.listdir(tests)):
+            folder = os.path.join(tests, name)
+            if not os.path.isdir(folder) or name in ("consumer", "support", "data"):
+                continue
+            for source in sorted(os.listdir(folder)):
+                if source.endswith(".cpp") and source not in listed.get(name, set()):
+                    problems.append(f"tests/{name}/{source}: not in the test list of "
+                                    "tests/CMakeLists.txt")
+
     def check(self):
         problems = []
         cycle = find_cycle(LAYERS)
@@ -229,6 +247,7 @@ class Tree:
             return problems
         self.check_includes(problems)
         self.check_links(problems)
+        self.check_test_lists(problems)
         return problems
 
 
@@ -254,11 +273,13 @@ def self_test(root):
         ("kernel/CMakeLists.txt", "target_link_libraries(zvkit_kernel PUBLIC zvkit_looper)\n",
          "links zvkit_looper"),
         ("numeric/Unlisted.cpp", "int unlisted;\n", "not in the source list"),
+        ("tests/numeric/UnlistedTest.cpp", "int unlisted;\n", "not in the test list"),
     ]
     failures = 0
     with tempfile.TemporaryDirectory() as scratch:
         copy = os.path.join(scratch, "tree")
-        folders = ["include", "platform"] + [f for f, _ in LAYERS.values() if f and "/" not in f]
+        folders = ["include", "platform", "tests"]
+        folders += [f for f, _ in LAYERS.values() if f and "/" not in f]
         for folder in folders:
             shutil.copytree(os.path.join(root, folder), os.path.join(copy, folder))
         clean = Tree(copy).check()

@@ -3,8 +3,9 @@
 // A wait ends in one of three ways, named by WaitResult; the public calls
 // (ZvSemaphore::Acquire, ZvLocker::LockWithTimeout) turn it into their
 // documented 1/2/0 with WaitCode and nothing else sees those numbers.
-// Semaphores are uint32 identifiers; kNoSemaphore (0) is the one value that
-// names none, which is what ZvSemaphore::Create gives on failure.
+// The library's semaphores are uint32 identifiers; kNoSemaphore (0) is the
+// one value that names none, which is what ZvSemaphore::Create gives on
+// failure.
 //
 // Thread safety: all functions may be called from any thread.
 #ifndef _ZV_INTERNAL_SEMAPHORES_H
@@ -18,6 +19,16 @@
 namespace zvkit::internal {
 
 constexpr uint32 kNoSemaphore = 0;
+
+// A kernel sem_id held directly (Benaphore calls the kernel itself) follows
+// the kernel's rule instead: a valid one is never negative, and
+// kNoKernelSemaphore (-1) stands for none.
+constexpr sem_id kNoKernelSemaphore = -1;
+
+inline bool IsKernelSemaphore(sem_id sem)
+{
+	return sem >= 0;
+}
 
 enum class WaitResult
 {

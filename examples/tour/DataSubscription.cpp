@@ -59,8 +59,8 @@ public:
 void ShareVolume()
 {
 	// The mixer owns the volume; the panel has a subscriber of its own.
-	ZvDataSubscriber mixer("volume", 0);
-	ZvDataSubscriber panelData("volume", 0);
+	ZvDataSubscriber mixer("volume", ZV_DS_MODE_EXCHANGE);
+	ZvDataSubscriber panelData("volume", ZV_DS_MODE_EXCHANGE);
 	printf("two subscribers of \"volume\"; the registry has %ld attribute(s)\n",
 	       static_cast<long>(zv_registry->DR_CountAttributes()));
 
@@ -78,10 +78,15 @@ void ShareVolume()
 	acquire_sem(done);
 	printf("panel's own copy: %lld\n", static_cast<long long>(panelData.DS_IntegerData()));
 
+	// A display only listens: it pulls the current volume as it subscribes,
+	// and what it sets stays its own.
+	ZvDataSubscriber display("volume", ZV_DS_MODE_RECEIVE_ONLY | ZV_DS_JOIN_PULL);
+	printf("display joined and pulled: %lld\n", static_cast<long long>(display.DS_IntegerData()));
+
 	// A linker turns the volume into a gain on a second attribute.
 	GainLinker linker;
 	ZvDataSubscriber amplifier("gain", 0);
-	linker.DL_SubscriberA()->EventReceived(1);
+	linker.DL_SubscriberA()->EventReceived(ZV_DS_TOUCHED_INTEGER);
 	printf("linker: volume %lld gives gain %.2f\n",
 	       static_cast<long long>(linker.DL_SubscriberA()->DS_IntegerData()),
 	       amplifier.DS_FloatData());
@@ -89,7 +94,7 @@ void ShareVolume()
 	// Archive and restore.
 	mixer.DS_SetStringData("living room", false);
 	BMessage archive;
-	mixer.DS_Archive(&archive, 1 | 4);
+	mixer.DS_Archive(&archive, ZV_DS_TOUCHED_INTEGER | ZV_DS_TOUCHED_STRING);
 	const char* name = nullptr;
 	const char* text = nullptr;
 	archive.FindString("DS_ATTRIBUTENAME", &name);

@@ -716,3 +716,86 @@ TEST_F(ZvDataSubscriberTest, UnArchiveIgnoresARawFieldOfAnotherType)
 	EXPECT_EQ(receiver.Events(), std::vector<uint32>{0});
 	EXPECT_EQ(reader.DS_RAWDataSize(), 4);
 }
+
+// #pragma mark - Flag names
+
+TEST_F(ZvDataSubscriberTest, FlagNamesLieInsideTheirOwnGroupsAndTheGroupsDoNotOverlap)
+{
+	const uint32 masks[] = {ZV_DS_MODE_MASK, ZV_DS_LOCAL_ONLY_MASK, ZV_DS_NEVER_REGISTERED_MASK,
+	                        ZV_DS_JOIN_MASK, ZV_DS_SERVER_MASK};
+	for (size_t i = 0; i < sizeof(masks) / sizeof(masks[0]); i++)
+		for (size_t j = i + 1; j < sizeof(masks) / sizeof(masks[0]); j++)
+			EXPECT_EQ(masks[i] & masks[j], 0u) << i << " " << j;
+	for (uint32 mode : {ZV_DS_MODE_EXCHANGE, ZV_DS_MODE_RECEIVE_ONLY, ZV_DS_MODE_SOURCE_ONLY,
+	                    ZV_DS_MODE_ISOLATED})
+		EXPECT_EQ(mode & ~ZV_DS_MODE_MASK, 0u);
+	EXPECT_EQ(ZV_DS_LOCAL_ONLY & ~ZV_DS_LOCAL_ONLY_MASK, 0u);
+	EXPECT_NE(ZV_DS_LOCAL_ONLY, 0u);
+	EXPECT_EQ(ZV_DS_NEVER_REGISTERED & ~ZV_DS_NEVER_REGISTERED_MASK, 0u);
+	EXPECT_NE(ZV_DS_NEVER_REGISTERED, 0u);
+	for (uint32 join : {ZV_DS_JOIN_PULL, ZV_DS_JOIN_PUSH, ZV_DS_JOIN_NONE})
+		EXPECT_EQ(join & ~ZV_DS_JOIN_MASK, 0u);
+	EXPECT_EQ(ZV_DS_SERVER & ~ZV_DS_SERVER_MASK, 0u);
+	EXPECT_NE(ZV_DS_SERVER, 0u);
+	EXPECT_EQ(ZV_DS_TOUCHED_INTEGER | ZV_DS_TOUCHED_FLOAT | ZV_DS_TOUCHED_STRING |
+	              ZV_DS_TOUCHED_RAW | ZV_DS_TOUCHED_MESSAGE,
+	          31u);
+	EXPECT_EQ(ZV_DS_TOUCHED_ALL, 255u);
+}
+
+TEST_F(ZvDataSubscriberTest, NamedModesDecideWhoReceivesAndWhoGivesANewcomerItsData)
+{
+	RecordingSubscriber source("named-modes", ZV_DS_MODE_SOURCE_ONLY);
+	RecordingSubscriber receiver("named-modes", ZV_DS_MODE_RECEIVE_ONLY);
+	RecordingSubscriber isolated("named-modes", ZV_DS_MODE_ISOLATED);
+	ASSERT_EQ(source.DS_SetIntegerData(31, true), 0);
+	EXPECT_EQ(receiver.DS_IntegerData(), 31);
+	EXPECT_EQ(receiver.Events(), std::vector<uint32>{ZV_DS_TOUCHED_INTEGER});
+	EXPECT_EQ(isolated.DS_IntegerData(), 0);
+	ASSERT_EQ(receiver.DS_SetIntegerData(32, true), 0);
+	EXPECT_EQ(source.DS_IntegerData(), 31);
+
+	// A newcomer that pulls takes its data from the source-only subscriber
+	// (the receive-only one is no source).
+	ZvDataSubscriber newcomer("named-modes", ZV_DS_MODE_EXCHANGE | ZV_DS_JOIN_PULL);
+	EXPECT_EQ(newcomer.DS_IntegerData(), 31);
+}
+
+TEST_F(ZvDataSubscriberTest, NamedJoinFlagsPushOrSkipTheNewcomersData)
+{
+	RecordingSubscriber existing("named-join", ZV_DS_MODE_EXCHANGE);
+	ASSERT_EQ(existing.DS_SetIntegerData(41, false), 0);
+
+	auto quiet = MakeUnsubscribed("named-join");
+	ASSERT_EQ(quiet->DS_SetIntegerData(42, false), 0);
+	ASSERT_EQ(quiet->DS_Subscribe(ZV_DS_MODE_EXCHANGE | ZV_DS_JOIN_NONE, true), 0);
+	EXPECT_EQ(quiet->DS_IntegerData(), 42);
+	EXPECT_EQ(existing.DS_IntegerData(), 41);
+
+	auto pusher = MakeUnsubscribed("named-join");
+	ASSERT_EQ(pusher->DS_SetIntegerData(43, false), 0);
+	ASSERT_EQ(pusher->DS_Subscribe(ZV_DS_MODE_EXCHANGE | ZV_DS_JOIN_PUSH, true), 0);
+	EXPECT_EQ(existing.DS_IntegerData(), 43);
+	EXPECT_EQ(quiet->DS_IntegerData(), 43);
+}
+
+TEST_F(ZvDataSubscriberTest, NamedLocalOnlyNeverRegisteredAndServerFlagsKeepTheirMeaning)
+{
+	RecordingSubscriber server("named-groups", ZV_DS_SERVER);
+	RecordingSubscriber local("named-groups", ZV_DS_LOCAL_ONLY);
+	ASSERT_EQ(local.DS_SetIntegerData(51, true), 0);
+	EXPECT_EQ(server.DS_IntegerData(), 0);
+	ASSERT_EQ(server.DS_SetIntegerData(52, true), 0);
+	EXPECT_EQ(local.DS_IntegerData(), 52);
+
+	OutputCapture capture(2);
+	RecordingSubscriber outsider("named-groups", ZV_DS_NEVER_REGISTERED);
+	capture.Finish();
+	EXPECT_FALSE(outsider.DS_IsSubscribed());
+
+	ASSERT_TRUE(zv_registry->DR_Lock());
+	EXPECT_EQ(zv_registry->DR_UnSubscribeAllExceptServer("named-groups"), 0);
+	EXPECT_TRUE(zv_registry->DR_SubscriberSubscribed(&server));
+	EXPECT_FALSE(zv_registry->DR_SubscriberSubscribed(&local));
+	zv_registry->DR_Unlock();
+}

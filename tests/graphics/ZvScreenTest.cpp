@@ -4,7 +4,7 @@
 
 #include <ZvScreen.h>
 
-#include "../../graphics/ScreenFrame.h"
+#include "graphics/ScreenFrame.h"
 #include "ScreenSupport.h"
 
 #include <gtest/gtest.h>

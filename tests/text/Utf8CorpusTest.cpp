@@ -1,8 +1,8 @@
 // Real text through UTFString: the UTF-8 decoder capability and stress test
-// (correct, malformed, truncated and overlong sequences) from the shared
-// corpora folder, and the Unicode character database of the unicode-data
-// package turned into UTF-8 (every assigned code point followed by its data
-// line). Each is run line by line and whole through construction,
+// (correct, malformed, truncated and overlong sequences) from the corpora
+// folder (ZVKIT_CORPORA_DIR, next to the checkout; not copied in), and
+// the Unicode character database of the unicode-data package turned into
+// UTF-8 (every assigned code point followed by its data line). Each is run line by line and whole through construction,
 // CalcLength, GetChar, InStr, Replace, case mapping, Split and Mid, checked
 // against the plain model of TextModel.h.
 #include <UTFString.h>
@@ -23,7 +23,7 @@ using namespace textmodel;
 
 namespace {
 
-const char* const kStressTestPath = ZVKIT_SHARED_DIR "/corpora/UTF-8-test.txt";
+const char* const kStressTestPath = ZVKIT_CORPORA_DIR "/UTF-8-test.txt";
 const char* const kUnicodeDataPath = "/usr/share/unicode/UnicodeData.txt";
 
 bool ReadFile(const char* path, std::string* contents)
@@ -235,7 +235,8 @@ TEST(Utf8Corpus, StressTestLineByLine)
 {
 	std::string corpus;
 	if (!ReadFile(kStressTestPath, &corpus))
-		GTEST_SKIP() << "corpus not found: " << kStressTestPath << " (no ../shared folder)";
+		GTEST_SKIP() << "corpus not found: " << kStressTestPath
+		             << " (configure with -DZVKIT_CORPORA_DIR=<folder holding UTF-8-test.txt>)";
 	const std::vector<std::string> lines = Lines(corpus);
 	ASSERT_GT(lines.size(), 200u);
 	for (size_t n = 0; n < lines.size(); n++) {
@@ -258,7 +259,8 @@ TEST(Utf8Corpus, StressTestWhole)
 {
 	std::string corpus;
 	if (!ReadFile(kStressTestPath, &corpus))
-		GTEST_SKIP() << "corpus not found: " << kStressTestPath << " (no ../shared folder)";
+		GTEST_SKIP() << "corpus not found: " << kStressTestPath
+		             << " (configure with -DZVKIT_CORPORA_DIR=<folder holding UTF-8-test.txt>)";
 	const std::vector<std::string> pieces = ZeroSeparated(corpus);
 	ASSERT_EQ(2u, pieces.size());
 	for (const std::string& piece : pieces) {
