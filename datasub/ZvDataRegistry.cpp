@@ -13,6 +13,9 @@
 #include <string.h>
 
 #include <new>
+#include <string>
+#include <unordered_map>
+#include <vector>
 
 using namespace zvkit::internal;
 
@@ -40,9 +43,51 @@ void UnlockRegistryGuard()
 	pthread_mutex_unlock(&sRegistryGuard);
 }
 
+// The registry's entries by name. Names are cut to 31 characters when an
+// entry is made, so two entries may share one (their subscribers' longer
+// names differed after the cut): each name keeps its entries in list order,
+// and a lookup takes the first, as a walk of the list would.
+class RegistryNameIndex
+{
+public:
+	zv_data_registry_entry* Find(const char* name) const
+	{
+		// No entry holds a longer name, so none could match.
+		const size_t length = strnlen(name, sizeof(zv_data_registry_entry::name));
+		if (length >= sizeof(zv_data_registry_entry::name))
+			return nullptr;
+		const auto found = fEntries.find(std::string(name, length));
+		return found == fEntries.end() ? nullptr : found->second.front();
+	}
+
+	void Add(zv_data_registry_entry* entry) { fEntries[entry->name].push_back(entry); }
+
+	void Remove(zv_data_registry_entry* entry)
+	{
+		const auto found = fEntries.find(entry->name);
+		if (found == fEntries.end())
+			return;
+		std::vector<zv_data_registry_entry*>& entries = found->second;
+		for (size_t i = 0; i < entries.size(); i++) {
+			if (entries[i] == entry) {
+				entries.erase(entries.begin() + static_cast<ptrdiff_t>(i));
+				break;
+			}
+		}
+		if (entries.empty())
+			fEntries.erase(found);
+	}
+
+private:
+	std::unordered_map<std::string, std::vector<zv_data_registry_entry*>> fEntries;
+};
+
 } // namespace zvkit::internal
 
-ZvDataRegistry::ZvDataRegistry() : fEntries(kEntryListStep), fLockDepth(0) {}
+ZvDataRegistry::ZvDataRegistry()
+    : fEntries(kEntryListStep), fLockDepth(0), fIndex(new RegistryNameIndex)
+{
+}
 
 ZvDataRegistry::~ZvDataRegistry()
 {
@@ -58,6 +103,7 @@ ZvDataRegistry::~ZvDataRegistry()
 			UnlockRegistryGuard();
 		}
 	}
+	delete fIndex;
 }
 
 bool ZvDataRegistry::DR_Lock()
@@ -82,15 +128,30 @@ void ZvDataRegistry::DR_Unlock()
 
 zv_data_registry_entry* ZvDataRegistry::dr_FindEntry(const char* name)
 {
+	// The list never holds an empty entry, so the first entry of the name
+	// in the index is the one a walk of the list would meet first.
 	if (name == nullptr)
 		return nullptr;
-	const int32 count = fEntries.CountItems();
-	for (int32 i = 0; i < count; i++) {
-		zv_data_registry_entry* entry = fEntries.ItemAt(i);
-		if (entry != nullptr && strcmp(entry->name, name) == 0)
-			return entry;
+	return fIndex->Find(name);
+}
+
+void ZvDataRegistry::dr_AddEntry(zv_data_registry_entry* entry)
+{
+	fEntries.AddItem(entry);
+	fIndex->Add(entry);
+}
+
+void ZvDataRegistry::dr_RemoveEntry(zv_data_registry_entry* entry)
+{
+	// The newest attributes are the likeliest to go: look from the end (an
+	// entry is in the list once).
+	for (int32 i = fEntries.CountItems() - 1; i >= 0; i--) {
+		if (fEntries.ItemAt(i) == entry) {
+			fEntries.RemoveItem(i);
+			break;
+		}
 	}
-	return nullptr;
+	fIndex->Remove(entry);
 }
 
 status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
@@ -120,7 +181,7 @@ status_t ZvDataRegistry::DR_Subscribe(ZvDataSubscriber* subscriber, bool notify)
 		strncpy(entry->name, subscriber->fName, sizeof(entry->name) - 1);
 		entry->firstSubscriber = subscriber;
 		entry->semaphore = sem;
-		fEntries.AddItem(entry);
+		dr_AddEntry(entry);
 		subscriber->fPrevious = nullptr;
 		subscriber->fNext = nullptr;
 		subscriber->fSemaphore.store(sem, std::memory_order_relaxed);
@@ -220,13 +281,7 @@ status_t ZvDataRegistry::DR_UnSubscribe(ZvDataSubscriber* subscriber)
 	if (entry == nullptr)
 		return -1;
 
-	const int32 count = fEntries.CountItems();
-	for (int32 i = 0; i < count; i++) {
-		if (fEntries.ItemAt(i) == entry) {
-			fEntries.RemoveItem(i);
-			break;
-		}
-	}
+	dr_RemoveEntry(entry);
 	// Deleting the held semaphore wakes any late waiter with a failure.
 	ZvSemaphore::Delete(sem);
 	subscriber->fSemaphore.store(kNoSemaphore, std::memory_order_relaxed);
@@ -242,18 +297,9 @@ bool ZvDataRegistry::DR_SubscriberSubscribed(ZvDataSubscriber* subscriber)
 	    !subscriber->ds_HasName())
 		return false;
 
-	// Unlike the other lookups, this one gives up at the first empty entry.
-	zv_data_registry_entry* entry = nullptr;
-	const int32 count = fEntries.CountItems();
-	for (int32 i = 0; i < count; i++) {
-		zv_data_registry_entry* candidate = fEntries.ItemAt(i);
-		if (candidate == nullptr)
-			return false;
-		if (strcmp(candidate->name, subscriber->fName) == 0) {
-			entry = candidate;
-			break;
-		}
-	}
+	// A walk of the list would give up at the first empty entry; the list
+	// never holds one, so the index answers as the walk would.
+	zv_data_registry_entry* entry = dr_FindEntry(subscriber->fName);
 	if (entry == nullptr)
 		return false;
 

@@ -33,6 +33,10 @@
 
 class ZvDataSubscriber;
 
+namespace zvkit::internal {
+class RegistryNameIndex;
+}
+
 // One attribute of the registry.
 struct zv_data_registry_entry
 {
@@ -87,11 +91,19 @@ private:
 	// entry's semaphore from a DS_EventReceived of the same attribute.
 	void dr_CheckSelfWait(zv_data_registry_entry* entry, const char* member);
 
+	// Appends entry to the list, or removes it, keeping the name index in
+	// step.
+	void dr_AddEntry(zv_data_registry_entry* entry);
+	void dr_RemoveEntry(zv_data_registry_entry* entry);
+
 	ZvList<zv_data_registry_entry*> fEntries;
 	BLocker fLock;
 	// Lock levels held by the owning thread; touched only while holding
 	// fLock.
 	int32 fLockDepth;
+	// Entries by name, so that finding an attribute costs the same however
+	// many there are; guarded by fLock like the list.
+	zvkit::internal::RegistryNameIndex* fIndex;
 };
 
 // The registry, created by the first subscription and deleted with its last

@@ -59,6 +59,10 @@
 #include <atomic>
 #include <mutex>
 
+namespace zvkit::internal {
+class HandlerSet;
+}
+
 class ZvMessage;
 class ZvMessageQueue;
 struct zv_looper_life;
@@ -186,6 +190,8 @@ private:
 	// _AwaitMessage, 2 when nothing came.
 	int32 _CheckStall(uint32 access);
 	int32 _IndexOf(const ZvHandler* handler) const;
+	// Whether handler is attached; a set lookup once there are many.
+	bool _IsAttached(const ZvHandler* handler) const;
 	void _EndLoop();
 	void _Unregister();
 
@@ -198,6 +204,9 @@ private:
 	// Guards fHandlers for the readers that take no looper lock (HandlerAt,
 	// CountHandlers, IndexOfHandler); writers hold the looper's lock first.
 	mutable std::mutex fHandlersGuard;
+	// The attached handlers as a set, made once the list grows long, so that
+	// a dispatch does not walk the list; changed with it, under both locks.
+	zvkit::internal::HandlerSet* fHandlerSet;
 	// This looper's entry in the process-wide table of live loopers, which
 	// lets Quit tell whether the looper still exists (see Quit).
 	zv_looper_life* fRecord;

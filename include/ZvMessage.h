@@ -29,6 +29,12 @@
 // posted message) costs no allocator lock. Values of up to
 // ZvMessageItem::kInlineDataSize bytes are kept inside the item itself.
 //
+// Lookups by name: a message of many items (24 and more) keeps an index from
+// names to its items, made by the first lookup, so that finding the n-th
+// value of a name costs the same however many fields and values there are.
+// The index follows every change made through the message; an item's name
+// and type must therefore not be changed through the pointers handed out.
+//
 // Ownership: a message owns its items and each item its data block. Pointers
 // handed out by FindData, _FindData, GetInfo and FindString point into an
 // item and stay valid until that item is replaced with a larger value,
@@ -50,10 +56,12 @@
 
 #include <stddef.h>
 
+#include <atomic>
 #include <new>
 
 namespace zvkit::internal {
 class ReplySlot;
+class NameIndex;
 }
 
 // One field of a ZvMessage: a name, a type code and an owned value block.
@@ -485,12 +493,32 @@ private:
 
 	friend class ZvLooperRef;
 
+	// The name index of a message of many items, made by the first lookup
+	// that needs it; null while the message is small or the index is out of
+	// step with the list.
+	zvkit::internal::NameIndex* _Index() const;
+	// _Index() for a message of many items, else null without a call.
+	zvkit::internal::NameIndex* _LargeIndex() const;
+	// Appends item to the list, or removes the list's item at index and
+	// deletes it, keeping the index in step.
+	void _AppendItem(ZvMessageItem* item);
+	void _DeleteItemAt(int32 index);
+	void _DropIndex();
+
 	uint32 fFlags;
 	// The waiting sender's reply slot; null for a plain message.
 	zvkit::internal::ReplySlot* fReplySlot = nullptr;
 
 protected:
+	// A derived class that changes the list itself is noticed by the count
+	// of items and gets its index made again; it must not rename or retype
+	// the items of a message of many items.
 	ZvList<ZvMessageItem*> items; // The fields, in order of addition; owned.
+
+private:
+	// Made by const lookups, so published to concurrent readers atomically;
+	// changed otherwise only by the message's sole user.
+	mutable std::atomic<zvkit::internal::NameIndex*> fIndex;
 };
 
 #endif // _ZV_MESSAGE_H

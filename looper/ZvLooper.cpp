@@ -18,6 +18,7 @@
 
 #include <memory>
 #include <unordered_map>
+#include <unordered_set>
 
 using zvkit::internal::AcquireSemaphore;
 using zvkit::internal::kNoSemaphore;
@@ -65,6 +66,18 @@ struct zv_looper_life
 	uint32 thread = 0;
 };
 
+namespace zvkit::internal {
+
+class HandlerSet
+{
+public:
+	std::unordered_set<const ZvHandler*> handlers;
+};
+
+} // namespace zvkit::internal
+
+using zvkit::internal::HandlerSet;
+
 namespace {
 
 const uint32 kQuitRequested = ZV_QUIT_REQUESTED;
@@ -99,6 +112,9 @@ const int32 kHandlerListStep = 16;
 // How long an ending looper waits for the posters through refs before it
 // lets blocked ones through again (see _Retire).
 const bigtime_t kRetireWait = 100000;
+
+// Handler lists at least this long are also kept as a set.
+const int32 kHandlerSetThreshold = 16;
 
 struct LooperTable
 {
@@ -171,8 +187,9 @@ bool zvkit::internal::CheckLooperLive(const ZvLooper* looper, const char* member
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
-      fRecord(nullptr), fControl(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore),
-      fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1), fStallReported(false)
+      fHandlerSet(nullptr), fRecord(nullptr), fControl(nullptr), fQueue(nullptr),
+      fLooperAccess(kNoSemaphore), fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1),
+      fStallReported(false)
 {
 	// Before AddHandler: attaching records the looper's block.
 	fControl = new zvkit::internal::LooperControl(this);
@@ -196,6 +213,8 @@ ZvLooper::~ZvLooper()
 	_Retire();
 	delete fQueue;
 	fQueue = nullptr;
+	delete fHandlerSet;
+	fHandlerSet = nullptr;
 	// Only a looper that was never run (or never quit) still has its
 	// semaphore here; delete it rather than leave it in the kernel's table.
 	const uint32 access = fLooperAccess.exchange(kNoSemaphore, std::memory_order_acq_rel);
@@ -351,11 +370,18 @@ bool ZvLooper::AddHandler(ZvHandler* handler)
 	const LockHolder<ZvLooper> lock(*this);
 	if (!lock.IsLocked())
 		return false;
-	if (handler == nullptr || _IndexOf(handler) >= 0)
+	if (handler == nullptr || _IsAttached(handler))
 		return false;
 	handler->SetLooper(this);
 	std::lock_guard<std::mutex> hold(fHandlersGuard);
 	fHandlers.AddItem(handler);
+	if (fHandlerSet != nullptr) {
+		fHandlerSet->handlers.insert(handler);
+	} else if (fHandlers.CountItems() >= kHandlerSetThreshold) {
+		fHandlerSet = new HandlerSet;
+		for (int32 i = 0; i < fHandlers.CountItems(); i++)
+			fHandlerSet->handlers.insert(fHandlers.ItemAt(i));
+	}
 	return true;
 }
 
@@ -366,12 +392,14 @@ bool ZvLooper::RemoveHandler(ZvHandler* handler)
 		return false;
 	// Writers hold the looper's lock, so the index stays valid until the
 	// removal below.
-	const int32 index = handler != nullptr ? _IndexOf(handler) : -1;
+	const int32 index = handler != nullptr && _IsAttached(handler) ? _IndexOf(handler) : -1;
 	if (index < 0)
 		return false;
 	handler->SetLooper(nullptr);
 	std::lock_guard<std::mutex> hold(fHandlersGuard);
 	fHandlers.RemoveItem(index);
+	if (fHandlerSet != nullptr)
+		fHandlerSet->handlers.erase(handler);
 	return true;
 }
 
@@ -454,7 +482,7 @@ bool ZvLooper::ProcessNextMessage()
 	// handler that was removed and then deleted is not in the list, so its
 	// stale address is only compared, never dereferenced. The list changes
 	// only under the looper's lock, which this thread holds: no guard needed.
-	if (_IndexOf(target) >= 0 && target->Looper() == this) {
+	if (_IsAttached(target) && target->Looper() == this) {
 		DispatchMessage(message, target);
 	} else if (zvkit::internal::ChecksOn()) {
 		zvkit::internal::CheckReport(
@@ -644,6 +672,13 @@ void ZvLooper::_Retire()
 		if (fControl->WaitForPosters(kRetireWait))
 			break;
 	}
+}
+
+bool ZvLooper::_IsAttached(const ZvHandler* handler) const
+{
+	if (fHandlerSet != nullptr)
+		return fHandlerSet->handlers.count(handler) != 0;
+	return _IndexOf(handler) >= 0;
 }
 
 int32 ZvLooper::_IndexOf(const ZvHandler* handler) const

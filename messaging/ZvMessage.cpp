@@ -3,10 +3,14 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "NameIndex.h"
 #include "base/internal/BlockCache.h"
 #include "base/internal/Checks.h"
 
 #include <string.h>
+
+using zvkit::internal::kNameIndexThreshold;
+using zvkit::internal::NameIndex;
 
 namespace {
 
@@ -28,13 +32,13 @@ bool TypeMatches(const ZvMessageItem* item, type_code type)
 
 } // namespace
 
-ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep) {}
+ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep), fIndex(nullptr) {}
 
 ZvMessage::ZvMessage(int what) : ZvMessage(static_cast<uint32>(what)) {}
 
 ZvMessage::ZvMessage(const ZvMessage& other) : ZvMessage(&other) {}
 
-ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep)
+ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
 {
 	// A null message gives an empty one with what 0.
 	if (other == nullptr)
@@ -43,12 +47,13 @@ ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListSt
 	*this += *other;
 }
 
-ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep)
+ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
 {
 	Unflatten(flat);
 }
 
-ZvMessage::ZvMessage(const void* flat, size_t size) : what(0), fFlags(0), items(kListStep)
+ZvMessage::ZvMessage(const void* flat, size_t size)
+    : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
 {
 	Unflatten(flat, size);
 }
@@ -58,6 +63,73 @@ ZvMessage::~ZvMessage()
 	if (fReplySlot != nullptr)
 		_AbandonRequest();
 	MakeEmpty();
+}
+
+// Kept out of line, with _DropIndex: the lookups and changes of small
+// messages, which never get here, stay small enough to be inlined.
+__attribute__((noinline)) NameIndex* ZvMessage::_Index() const
+{
+	const int32 count = items.CountItems();
+	NameIndex* index = fIndex.load(std::memory_order_acquire);
+	if (index == nullptr) {
+		if (count < kNameIndexThreshold)
+			return nullptr;
+		// Readers of a const message may get here together: the first index
+		// published wins and the others are thrown away.
+		NameIndex* fresh = new NameIndex(items);
+		if (fIndex.compare_exchange_strong(index, fresh, std::memory_order_acq_rel,
+		                                   std::memory_order_acquire)) {
+			return fresh;
+		}
+		delete fresh;
+	}
+	// Out of step when a derived class changed the list itself: the next
+	// change made through the message drops it.
+	return index->Count() == count ? index : nullptr;
+}
+
+__attribute__((noinline)) void ZvMessage::_DropIndex()
+{
+	// Only the message's sole user gets here: a plain load and store do, and
+	// cost nothing on the common path where there is no index.
+	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	if (index != nullptr) {
+		fIndex.store(nullptr, std::memory_order_relaxed);
+		delete index;
+	}
+}
+
+// The index when the message is large enough to use one; small messages
+// walk their list without a call.
+inline NameIndex* ZvMessage::_LargeIndex() const
+{
+	return items.CountItems() >= kNameIndexThreshold ? _Index() : nullptr;
+}
+
+// Used in this file only, so inline here.
+inline void ZvMessage::_AppendItem(ZvMessageItem* item)
+{
+	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	if (index != nullptr && index->Count() != items.CountItems()) {
+		_DropIndex();
+		index = nullptr;
+	}
+	items.AddItem(item);
+	if (index != nullptr)
+		index->Added(item);
+}
+
+inline void ZvMessage::_DeleteItemAt(int32 at)
+{
+	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	if (index != nullptr && index->Count() != items.CountItems()) {
+		_DropIndex();
+		index = nullptr;
+	}
+	ZvMessageItem* item = items.RemoveItem(at);
+	if (index != nullptr && item != nullptr)
+		index->Removed(item);
+	delete item;
 }
 
 // Single messages come from the block cache (see ZvMessage.h).
@@ -89,7 +161,7 @@ ZvMessage& ZvMessage::operator=(const ZvMessage& other)
 	MakeEmpty();
 	what = other.what;
 	for (int32 i = 0; i < other.items.CountItems(); i++)
-		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
+		_AppendItem(new ZvMessageItem(other.items.ItemAt(i)));
 	return *this;
 }
 
@@ -107,6 +179,8 @@ void ZvMessage::SetFlags(uint32 flags)
 
 void ZvMessage::MakeEmpty()
 {
+	if (fIndex.load(std::memory_order_relaxed) != nullptr)
+		_DropIndex();
 	while (items.CountItems() > 0)
 		delete items.RemoveItem(items.CountItems() - 1);
 }
@@ -120,6 +194,25 @@ int32 ZvMessage::CountNames(type_code type) const
 {
 	if (items.CountItems() == 0)
 		return 0;
+
+	if (const NameIndex* index = _LargeIndex()) {
+		if (type == ZV_ANY_TYPE)
+			return index->CountNames();
+		int32 names = 0;
+		index->ForEachField([type, &names](const NameIndex::Field& field) {
+			if (!field.mixed) {
+				names += field.type == type ? 1 : 0;
+				return;
+			}
+			for (const ZvMessageItem* item : field.items) {
+				if (item->type == type) {
+					names++;
+					return;
+				}
+			}
+		});
+		return names;
+	}
 
 	ZvList<char*> names(kListStep);
 	for (int32 i = 0; i < items.CountItems(); i++) {
@@ -184,7 +277,14 @@ bool ZvMessage::GetInfo(type_code type, int32 index, char** name, type_code* fou
 bool ZvMessage::GetInfo(const char* name, type_code* type, int32* count) const
 {
 	int32 found = 0;
-	if (name != nullptr) {
+	const NameIndex* index = name != nullptr ? _LargeIndex() : nullptr;
+	if (index != nullptr) {
+		if (const NameIndex::Field* field = index->Find(name)) {
+			if (type != nullptr)
+				*type = field->items.front()->type;
+			found = static_cast<int32>(field->items.size());
+		}
+	} else if (name != nullptr) {
 		for (int32 i = 0; i < items.CountItems(); i++) {
 			ZvMessageItem* item = items.ItemAt(i);
 			if (!NameMatches(item, name))
@@ -204,11 +304,29 @@ bool ZvMessage::RemoveName(const char* name)
 	if (name == nullptr)
 		return false;
 
+	if (const NameIndex* index = _LargeIndex()) {
+		const NameIndex::Field* field = index->Find(name);
+		if (field == nullptr)
+			return false;
+		// The index tells how many items bear the name: the walk goes from
+		// the end, where the newest values are, and stops at the last one.
+		// The items removed, and so the list's shrinking, are the same as
+		// for a walk from the start.
+		int32 remaining = static_cast<int32>(field->items.size());
+		for (int32 i = items.CountItems() - 1; i >= 0 && remaining > 0; i--) {
+			if (NameMatches(items.ItemAt(i), name)) {
+				_DeleteItemAt(i);
+				remaining--;
+			}
+		}
+		return true;
+	}
+
 	bool removed = false;
 	int32 i = 0;
 	while (i < items.CountItems()) {
 		if (NameMatches(items.ItemAt(i), name)) {
-			delete items.RemoveItem(i);
+			_DeleteItemAt(i);
 			removed = true;
 		} else {
 			i++;
@@ -222,12 +340,34 @@ bool ZvMessage::RemoveData(const char* name, int32 index)
 	if (name == nullptr || index < 0)
 		return false;
 
+	if (const NameIndex* nameIndex = _LargeIndex()) {
+		ZvMessageItem* item = nameIndex->Find(name, ZV_ANY_TYPE, index);
+		if (item == nullptr)
+			return false;
+		// Look for the item from both ends at once: values are mostly
+		// taken off the end or the start.
+		ZvMessageItem* const* slots = items.items;
+		for (int32 front = 0, back = items.CountItems() - 1; front <= back; front++, back--) {
+			if (slots[back] == item) {
+				_DeleteItemAt(back);
+				return true;
+			}
+			if (slots[front] == item) {
+				_DeleteItemAt(front);
+				return true;
+			}
+		}
+		return false;
+	}
+
 	int32 matches = 0;
-	for (int32 i = 0; i < items.CountItems(); i++) {
-		if (!NameMatches(items.ItemAt(i), name))
+	const int32 count = items.CountItems();
+	ZvMessageItem* const* const slots = items.items;
+	for (int32 i = 0; i < count; i++) {
+		if (!NameMatches(slots[i], name))
 			continue;
 		if (matches == index) {
-			delete items.RemoveItem(i);
+			_DeleteItemAt(i);
 			return true;
 		}
 		matches++;
@@ -252,7 +392,7 @@ ZvMessage& ZvMessage::operator+=(const ZvMessage& other)
 		                             "items and never ends (append a copy instead)");
 	}
 	for (int32 i = 0; i < other.items.CountItems(); i++)
-		items.AddItem(new ZvMessageItem(other.items.ItemAt(i)));
+		_AppendItem(new ZvMessageItem(other.items.ItemAt(i)));
 	return *this;
 }
 
@@ -269,15 +409,19 @@ ZvMessage& ZvMessage::operator-=(const char* name)
 	return *this;
 }
 
-ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 index) const
+inline ZvMessageItem* ZvMessage::_FindItem(const char* name, type_code type, int32 index) const
 {
 	if (name == nullptr || index < 0)
 		return nullptr;
 
 	const int32 count = items.CountItems();
+	if (const NameIndex* nameIndex = _LargeIndex())
+		return nameIndex->Find(name, type, index);
+	// Over the slots themselves: the walk is the hot path of small messages.
 	int32 matches = 0;
-	for (int32 i = 0; i < count; i++) {
-		ZvMessageItem* item = items.ItemAt(i);
+	ZvMessageItem* const* const end = items.items + count;
+	for (ZvMessageItem* const* slot = items.items; slot < end; slot++) {
+		ZvMessageItem* item = *slot;
 		if (!TypeMatches(item, type) || !NameMatches(item, name))
 			continue;
 		if (matches == index)
@@ -392,7 +536,7 @@ bool ZvMessage::_AddData(const char* name, type_code type, int32 size, const voi
 		return false;
 	if (zvkit::internal::ChecksOn())
 		CheckFieldName(AddMemberOf(type), name);
-	items.AddItem(new ZvMessageItem(name, type, size, data));
+	_AppendItem(new ZvMessageItem(name, type, size, data));
 	return true;
 }
 

@@ -194,6 +194,10 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded, b
 		return false;
 	}
 
+	// Items are refilled in place and renamed: the name index is made again
+	// when next needed (nothing below looks a name up).
+	if (fIndex.load(std::memory_order_relaxed) != nullptr)
+		_DropIndex();
 	// The items already in the message are refilled in place (and their data
 	// blocks kept when the size matches) instead of being deleted and made
 	// again; the result is the same as emptying the message first.

@@ -43,6 +43,15 @@ typedef size_t (*BlockScan)(const char* p, size_t blocks, size_t* starts);
 const uint64 kHighBits = 0x8080808080808080ull;
 const uint64 kByteOnes = 0x0101010101010101ull;
 
+// Whether none of the three bytes before p is a lead (0xC0 and above), so
+// that no character started before p reaches into it. A block of ASCII bytes
+// after such bytes is good: its 64 bytes are 64 character starts.
+inline bool NothingReaches(const char* p)
+{
+	return static_cast<uint8>(p[-1]) < 0xC0 && static_cast<uint8>(p[-2]) < 0xC0 &&
+	       static_cast<uint8>(p[-3]) < 0xC0;
+}
+
 // Eight bytes in memory order, the first one in the low byte.
 inline uint64 LoadWord(const char* p)
 {
@@ -60,6 +69,13 @@ size_t ScanBlocksWords(const char* p, size_t blocks, size_t* starts)
 	size_t good = 0;
 	for (; good < blocks; good++) {
 		const char* block = p + good * kBlock;
+		uint64 high = 0;
+		for (size_t i = 0; i < kBlock; i += 8)
+			high |= LoadWord(block + i);
+		if ((high & kHighBits) == 0 && NothingReaches(block)) {
+			*starts += kBlock;
+			continue;
+		}
 		uint64 disagree = 0;
 		uint64 continuations = 0;
 		for (size_t i = 0; i < kBlock; i += 8) {
@@ -102,6 +118,12 @@ __attribute__((target("avx2"))) size_t ScanBlocksAvx2(const char* p, size_t bloc
 	size_t good = 0;
 	for (; good < blocks; good++) {
 		const char* block = p + good * kBlock;
+		// ASCII blocks, the common case, are told apart first.
+		const __m256i ascii =
+		    _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(block)),
+		                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + 32)));
+		if (_mm256_movemask_epi8(ascii) == 0 && NothingReaches(block))
+			continue;
 		__m256i agree = _mm256_set1_epi8(-1);
 		__m256i continuations = zero;
 		for (size_t i = 0; i < kBlock; i += 32) {

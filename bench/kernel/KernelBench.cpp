@@ -3,6 +3,7 @@
 #include <Benaphore.h>
 #include <OS.h>
 #include <ZvLocker.h>
+#include <ZvSemaphore.h>
 
 #include <atomic>
 #include <mutex>
@@ -33,6 +34,35 @@ void SemAcquireReleaseSemT(benchmark::State& state)
 		sem_post(&sem);
 	}
 	sem_destroy(&sem);
+}
+
+// The same through ZvSemaphore, whose Acquire waits with a time-out.
+void ZvSemaphoreAcquireReleaseZvkit(benchmark::State& state)
+{
+	const uint32 sem = ZvSemaphore::Create(1, "bench");
+	for (auto _ : state) {
+		ZvSemaphore::Acquire(sem, -1);
+		ZvSemaphore::Release(sem);
+	}
+	ZvSemaphore::Delete(sem);
+}
+
+// Making and deleting a semaphore: ZvSemaphore checks on Delete that the
+// semaphore belongs to the caller's team; the platform's calls do not.
+void SemCreateDeleteZvkit(benchmark::State& state)
+{
+	for (auto _ : state) {
+		const uint32 sem = ZvSemaphore::Create(1, "bench");
+		ZvSemaphore::Delete(sem);
+	}
+}
+
+void SemCreateDeletePlatform(benchmark::State& state)
+{
+	for (auto _ : state) {
+		const sem_id sem = create_sem(1, "bench");
+		delete_sem(sem);
+	}
 }
 
 // One round trip between two threads over two semaphores.
@@ -144,6 +174,10 @@ void LockerRecursiveLockUnlockRecursiveMutex(benchmark::State& state)
 
 BENCHMARK(SemAcquireReleaseZvkit)->Name("SemAcquireRelease:zvkit");
 BENCHMARK(SemAcquireReleaseSemT)->Name("SemAcquireRelease:sem_t");
+BENCHMARK(ZvSemaphoreAcquireReleaseZvkit)->Name("ZvSemaphoreAcquireRelease:zvkit");
+BENCHMARK(SemAcquireReleaseSemT)->Name("ZvSemaphoreAcquireRelease:sem_t");
+BENCHMARK(SemCreateDeleteZvkit)->Name("SemCreateDelete:zvkit");
+BENCHMARK(SemCreateDeletePlatform)->Name("SemCreateDelete:create_sem");
 BENCHMARK(SemPingPongZvkit)->Name("SemPingPong:zvkit")->UseRealTime();
 BENCHMARK(SemPingPongSemT)->Name("SemPingPong:sem_t")->UseRealTime();
 BENCHMARK(BenaphoreAcquireReleaseZvkit)->Name("BenaphoreAcquireRelease:zvkit");

@@ -105,13 +105,15 @@ private:
 };
 
 // Posts batches of small messages to a looper's counting handler, each
-// with post(looper, handler, ref, message), ref naming the handler.
-template <typename Post> void PostThroughput(benchmark::State& state, Post post)
+// with post(looper, handler, ref, message), ref naming the handler; the
+// looper's queue is bounded at capacity.
+template <typename Post>
+void PostThroughput(benchmark::State& state, int32 capacity, Post post)
 {
 	Signal done;
 	Counter counter(&done);
 	CountingHandler handler(&counter);
-	ZvLooper* looper = new ZvLooper("bench", ZV_NORMAL_PRIORITY, kQueueCapacity);
+	ZvLooper* looper = new ZvLooper("bench", ZV_NORMAL_PRIORITY, capacity);
 	looper->AddHandler(&handler);
 	looper->SetPreferredHandler(&handler);
 	looper->Run();
@@ -135,20 +137,32 @@ template <typename Post> void PostThroughput(benchmark::State& state, Post post)
 
 void PostThroughput_zvkit(benchmark::State& state)
 {
-	PostThroughput(state, [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&,
-	                         const ZvMessage* message) { looper->PostMessage(message, nullptr); });
+	PostThroughput(state, kQueueCapacity,
+	               [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&,
+	                  const ZvMessage* message) { looper->PostMessage(message, nullptr); });
+}
+
+// The same with the queue bound at 256 messages: the poster waits whenever
+// it runs ahead of the loop by that many.
+void PostThroughputBound256_zvkit(benchmark::State& state)
+{
+	PostThroughput(state, 256,
+	               [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&,
+	                  const ZvMessage* message) { looper->PostMessage(message, nullptr); });
 }
 
 void RefPost_ref(benchmark::State& state)
 {
-	PostThroughput(state, [](ZvLooper*, ZvHandler*, const ZvLooperRef& ref,
-	                         const ZvMessage* message) { ref.PostMessage(message); });
+	PostThroughput(state, kQueueCapacity,
+	               [](ZvLooper*, ZvHandler*, const ZvLooperRef& ref,
+	                  const ZvMessage* message) { ref.PostMessage(message); });
 }
 
 void RefPost_looper(benchmark::State& state)
 {
-	PostThroughput(state, [](ZvLooper* looper, ZvHandler* handler, const ZvLooperRef&,
-	                         const ZvMessage* message) { looper->PostMessage(message, handler); });
+	PostThroughput(state, kQueueCapacity,
+	               [](ZvLooper* looper, ZvHandler* handler, const ZvLooperRef&,
+	                  const ZvMessage* message) { looper->PostMessage(message, handler); });
 }
 
 #ifdef ZVKIT_HAVE_ASIO
@@ -412,9 +426,18 @@ BENCHMARK(PostThroughput_zvkit)
     ->Name("PostThroughput:zvkit")
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(PostThroughputBound256_zvkit)
+    ->Name("PostThroughputBound256:zvkit")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 #ifdef ZVKIT_HAVE_ASIO
 BENCHMARK(PostThroughput_asio)
     ->Name("PostThroughput:asio")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+// Asio's post has no bound: the bounded looper is compared with it as is.
+BENCHMARK(PostThroughput_asio)
+    ->Name("PostThroughputBound256:asio")
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 #endif

@@ -1,4 +1,4 @@
-// Message benchmarks: a 100-field message flattened and read back (against
+// Message benchmarks: a 9- and a 100-field message flattened and read back (against
 // msgpack-c packing and unpacking the same content), one 1 MiB field
 // flattened (against memcpy of the same bytes), the cost of FindInt32
 // and AddInt32, and the bounded Unflatten of a block in the other byte order
@@ -52,9 +52,15 @@ const std::vector<Field>& MixedFields()
 	return sFields;
 }
 
-void BuildMessage(ZvMessage* message)
+// The first count fields of the mixed content.
+std::vector<Field> FirstFields(size_t count)
 {
-	for (const Field& field : MixedFields()) {
+	return std::vector<Field>(MixedFields().begin(), MixedFields().begin() + count);
+}
+
+void BuildMessage(ZvMessage* message, const std::vector<Field>& fields = MixedFields())
+{
+	for (const Field& field : fields) {
 		const char* name = field.name.c_str();
 		switch (field.kind) {
 		case 0:
@@ -75,10 +81,10 @@ void BuildMessage(ZvMessage* message)
 	}
 }
 
-void PackFields(msgpack_packer* packer)
+void PackFields(msgpack_packer* packer, const std::vector<Field>& fields = MixedFields())
 {
-	msgpack_pack_map(packer, MixedFields().size());
-	for (const Field& field : MixedFields()) {
+	msgpack_pack_map(packer, fields.size());
+	for (const Field& field : fields) {
 		msgpack_pack_str(packer, field.name.size());
 		msgpack_pack_str_body(packer, field.name.data(), field.name.size());
 		switch (field.kind) {
@@ -107,7 +113,7 @@ void PackFields(msgpack_packer* packer)
 void MixedRoundTrip_zvkit(benchmark::State& state)
 {
 	ZvMessage message(0x4D495844);
-	BuildMessage(&message);
+	BuildMessage(&message, FirstFields(static_cast<size_t>(state.range(0))));
 	std::vector<uint8> buffer(message.FlattenedSize());
 	ZvMessage restored(0);
 	for (auto _ : state) {
@@ -120,7 +126,7 @@ void MixedRoundTrip_zvkit(benchmark::State& state)
 	}
 	state.SetBytesProcessed(state.iterations() * buffer.size());
 }
-BENCHMARK(MixedRoundTrip_zvkit)->Name("MixedFlattenUnflatten:zvkit");
+BENCHMARK(MixedRoundTrip_zvkit)->Name("MixedFlattenUnflatten:zvkit")->Arg(9)->Arg(100);
 
 void MixedRoundTrip_msgpack(benchmark::State& state)
 {
@@ -131,9 +137,10 @@ void MixedRoundTrip_msgpack(benchmark::State& state)
 	msgpack_unpacked unpacked;
 	msgpack_unpacked_init(&unpacked);
 	size_t packedSize = 0;
+	const std::vector<Field> fields = FirstFields(static_cast<size_t>(state.range(0)));
 	for (auto _ : state) {
 		msgpack_sbuffer_clear(&buffer);
-		PackFields(&packer);
+		PackFields(&packer, fields);
 		size_t offset = 0;
 		if (msgpack_unpack_next(&unpacked, buffer.data, buffer.size, &offset) !=
 		    MSGPACK_UNPACK_SUCCESS) {
@@ -146,7 +153,7 @@ void MixedRoundTrip_msgpack(benchmark::State& state)
 	msgpack_sbuffer_destroy(&buffer);
 	state.SetBytesProcessed(state.iterations() * packedSize);
 }
-BENCHMARK(MixedRoundTrip_msgpack)->Name("MixedFlattenUnflatten:msgpack");
+BENCHMARK(MixedRoundTrip_msgpack)->Name("MixedFlattenUnflatten:msgpack")->Arg(9)->Arg(100);
 
 const size_t kMiB = 1 << 20;
 

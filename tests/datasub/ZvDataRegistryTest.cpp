@@ -12,6 +12,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -428,3 +430,80 @@ TEST_F(ZvDataRegistryTest, SubscriberSubscribedFollowsTheChain)
 	ZvDataSubscriber invalid(nullptr, 0);
 	EXPECT_FALSE(Subscribed(&invalid));
 }
+
+namespace {
+
+TEST_F(ZvDataRegistryTest, ThousandsOfAttributesAreEachFoundAndKeepTheirOrder)
+{
+	const int kAttributes = 3000;
+	std::vector<std::unique_ptr<ZvDataSubscriber>> firsts;
+	std::vector<std::unique_ptr<ZvDataSubscriber>> seconds;
+	std::vector<std::string> expected;
+	for (int i = 0; i < kAttributes; i++) {
+		expected.push_back("attribute-" + std::to_string(i));
+		firsts.push_back(std::make_unique<ZvDataSubscriber>(expected.back().c_str(), 0));
+	}
+	// A second subscriber of every attribute joins the first one's chain and
+	// pulls its data.
+	for (int i = 0; i < kAttributes; i++) {
+		ASSERT_EQ(firsts[i]->DS_SetIntegerData(i, false), 0);
+		seconds.push_back(std::make_unique<ZvDataSubscriber>(expected[i].c_str(), 0));
+		ASSERT_EQ(seconds[i]->DS_IntegerData(), i);
+	}
+	EXPECT_EQ(AttributeNames(), expected);
+	for (int i = 0; i < kAttributes; i += 97) {
+		EXPECT_TRUE(Subscribed(firsts[i].get()));
+		EXPECT_TRUE(Subscribed(seconds[i].get()));
+		ASSERT_EQ(seconds[i]->DS_SetIntegerData(-i, false), 0);
+		ASSERT_EQ(seconds[i]->DS_SetIntegerData(-i - 1, true), 0);
+		EXPECT_EQ(firsts[i]->DS_IntegerData(), -i - 1);
+	}
+
+	// Attributes go in an order of their own; the others keep theirs.
+	for (int i = 0; i < kAttributes; i += 3) {
+		firsts[i].reset();
+		seconds[i].reset();
+		expected[i].clear();
+	}
+	expected.erase(std::remove(expected.begin(), expected.end(), std::string()), expected.end());
+	EXPECT_EQ(AttributeNames(), expected);
+	// A name that went is made again at the end of the list.
+	firsts[0] = std::make_unique<ZvDataSubscriber>("attribute-0", 0);
+	expected.push_back("attribute-0");
+	EXPECT_EQ(AttributeNames(), expected);
+	EXPECT_TRUE(Subscribed(firsts[0].get()));
+	firsts.clear();
+	seconds.clear();
+	EXPECT_EQ(zv_registry, nullptr);
+}
+
+TEST_F(ZvDataRegistryTest, NamesAreCutAt31CharactersAndLongerNamesFindNoAttribute)
+{
+	const std::string name31(31, 'q');
+	const std::string name32(32, 'q');
+	const std::string name40(40, 'q');
+	ZvDataSubscriber a(name40.c_str(), 0);
+	ZvDataSubscriber b(name31.c_str(), 0);
+	ASSERT_EQ(a.DS_SetIntegerData(40, true), 0);
+	// Both names are cut to the same 31 characters: one attribute.
+	EXPECT_EQ(AttributeNames(), std::vector<std::string>{name31});
+	EXPECT_EQ(b.DS_IntegerData(), 40);
+	EXPECT_TRUE(Subscribed(&a));
+	EXPECT_TRUE(Subscribed(&b));
+
+	// A name longer than 31 characters matches no attribute.
+	ASSERT_TRUE(zv_registry->DR_Lock());
+	EXPECT_EQ(zv_registry->DR_UnSubscribeAllExceptServer(name32.c_str()), 0);
+	EXPECT_EQ(zv_registry->DR_UnSubscribeAllExceptServer(name40.c_str()), 0);
+	zv_registry->DR_Unlock();
+	EXPECT_TRUE(Subscribed(&a));
+	EXPECT_TRUE(Subscribed(&b));
+
+	ASSERT_TRUE(zv_registry->DR_Lock());
+	EXPECT_EQ(zv_registry->DR_UnSubscribeAllExceptServer(name31.c_str()), 0);
+	if (zv_registry != nullptr)
+		zv_registry->DR_Unlock();
+	EXPECT_EQ(zv_registry, nullptr);
+}
+
+} // namespace

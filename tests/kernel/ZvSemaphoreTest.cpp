@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
@@ -169,6 +170,32 @@ TEST(ZvSemaphore, DeleteOfAnAlienSemaphorePrintsAndRefuses)
 	EXPECT_TRUE(ZvSemaphore::Release(sem));
 	ASSERT_EQ(set_sem_owner(static_cast<sem_id>(sem), getpid()), B_OK);
 	EXPECT_TRUE(ZvSemaphore::Delete(sem));
+}
+
+TEST(ZvSemaphore, AForkedChildIsAnotherTeamForTheSemaphoresItInherits)
+{
+	// The parent's own team is known (and kept) before the fork.
+	const uint32 own = ZvSemaphore::Create(1, "own");
+	EXPECT_TRUE(ZvSemaphore::Delete(own));
+	const uint32 inherited = ZvSemaphore::Create(1, "inherited");
+
+	const pid_t child = fork();
+	ASSERT_GE(child, 0);
+	if (child == 0) {
+		alarm(20);
+		// The inherited semaphore belongs to the parent's team; one the
+		// child makes belongs to the child's.
+		const uint32 mine = ZvSemaphore::Create(1, "child");
+		const bool refused = !ZvSemaphore::Delete(inherited);
+		const bool deleted = ZvSemaphore::Delete(mine);
+		fflush(stdout);
+		_exit(refused && deleted ? 0 : 1);
+	}
+	int status = 0;
+	ASSERT_EQ(child, waitpid(child, &status, 0));
+	ASSERT_TRUE(WIFEXITED(status));
+	EXPECT_EQ(0, WEXITSTATUS(status));
+	EXPECT_TRUE(ZvSemaphore::Delete(inherited));
 }
 
 TEST(ZvSemaphore, DeleteReturnsTrueWhateverDeleteSemSays)

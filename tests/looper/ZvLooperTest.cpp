@@ -1051,3 +1051,49 @@ TEST(ZvLooperTest, LoopersThatAnsweredEachOtherQuicklyGoToSleepOnceIdle)
 	EXPECT_TRUE(left->Quit());
 	EXPECT_TRUE(right->Quit());
 }
+
+namespace {
+
+TEST(ZvLooperTest, ALongHandlerListDeliversToAttachedHandlersOnlyAndKeepsItsOrder)
+{
+	const int kHandlers = 100;
+	TestLooper looper;
+	std::vector<std::unique_ptr<RecordingHandler>> handlers;
+	for (int i = 0; i < kHandlers; i++) {
+		handlers.push_back(std::make_unique<RecordingHandler>());
+		ASSERT_TRUE(looper.AddHandler(handlers.back().get()));
+	}
+	// Attached once only, however long the list.
+	EXPECT_FALSE(looper.AddHandler(handlers[kHandlers - 1].get()));
+	EXPECT_FALSE(looper.AddHandler(handlers[3].get()));
+	// Every third one leaves.
+	for (int i = 0; i < kHandlers; i += 3)
+		ASSERT_TRUE(looper.RemoveHandler(handlers[i].get()));
+	EXPECT_FALSE(looper.RemoveHandler(handlers[0].get()));
+
+	looper.PrimeQueue();
+	for (int i = 0; i < kHandlers; i++)
+		looper.PostMessage(static_cast<uint32>(i), handlers[i].get());
+	EXPECT_EQ(looper.Drain(), kHandlers);
+	int32 index = 1;
+	for (int i = 0; i < kHandlers; i++) {
+		if (i % 3 == 0) {
+			EXPECT_EQ(handlers[i]->Received(), 0) << i;
+			EXPECT_EQ(looper.IndexOfHandler(handlers[i].get()), -1);
+			continue;
+		}
+		EXPECT_EQ(handlers[i]->Received(), 1) << i;
+		EXPECT_EQ(looper.IndexOfHandler(handlers[i].get()), index);
+		EXPECT_EQ(looper.HandlerAt(index), handlers[i].get());
+		index++;
+	}
+	EXPECT_EQ(looper.CountHandlers(), index);
+	// A handler that left can come back, at the end.
+	ASSERT_TRUE(looper.AddHandler(handlers[0].get()));
+	EXPECT_EQ(looper.IndexOfHandler(handlers[0].get()), index);
+	for (auto& handler : handlers)
+		looper.RemoveHandler(handler.get());
+	EXPECT_EQ(looper.CountHandlers(), 1);
+}
+
+} // namespace

@@ -351,3 +351,25 @@ TEST(Utf8Corpus, UnicodeDataWhole)
 	const std::string lastChar = CharAt(text, starts, CharsBefore(starts, lastLine));
 	EXPECT_EQ(CharsBefore(starts, text.find(lastChar)), s.InStr(UTFString(lastChar.c_str())));
 }
+
+namespace {
+
+// Long ASCII runs are counted a block at a time; a lead byte just before such
+// a run reaches into it, and the run must then be counted a character at a
+// time. Every placement of one non-ASCII byte (a lead of each size, or a
+// stray continuation byte) around the block edges gives the byte-wise count.
+TEST(Utf8Corpus, AsciiRunsAfterALeadAtEveryBlockEdgeCountAsTheByteWiseWalk)
+{
+	const unsigned char kOdd[] = {0xC3, 0xE3, 0xF0, 0x80, 0xBF};
+	for (unsigned char odd : kOdd) {
+		for (size_t at = 0; at < 200; at++) {
+			std::string text(320, 'a');
+			text[at] = static_cast<char>(odd);
+			const UTFString s(text.c_str());
+			ASSERT_EQ(textmodel::Starts(text).size(), s.Length())
+			    << "byte " << static_cast<int>(odd) << " at " << at;
+		}
+	}
+}
+
+} // namespace
