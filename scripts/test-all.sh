@@ -33,55 +33,54 @@ trap cleanup EXIT
 total_pass=0
 total_fail=0
 failed_configs=()
+
+# build NAME PRESET: configures and builds PRESET; false (and counted as a
+# failure of NAME) when either step fails.
+build() {
+    if ! cmake --preset "$2" >/dev/null || ! cmake --build --preset "$2" -j"$jobs"; then
+        echo "=== $1: BUILD FAILED ==="
+        failed_configs+=("$1(build)")
+        total_fail=$((total_fail + 1))
+        return 1
+    fi
+}
+
+# tally NAME LOG RC: adds the counts of ctest's summary line in LOG to the
+# totals; NAME fails when RC is not 0, a test failed, or LOG has no summary.
+tally() {
+    local line failed all
+    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$2" | tail -n 1)
+    failed=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/')
+    all=$(echo "$line" | sed -E 's/.* failed out of ([0-9]+).*/\1/')
+    if [ -z "$line" ]; then failed=1; all=1; fi
+    total_pass=$((total_pass + all - failed))
+    total_fail=$((total_fail + failed))
+    if [ "$3" -ne 0 ] || [ "$failed" -ne 0 ]; then
+        failed_configs+=("$1")
+        [ "$failed" -eq 0 ] && total_fail=$((total_fail + 1))
+    fi
+}
+
 for cfg in $configs; do
     if [ "$cfg" = checks ]; then
         # The default build, run again with the checked mode on.
         echo "=== checks: build (default preset) ==="
-        if ! cmake --preset default >/dev/null || ! cmake --build --preset default -j"$jobs"; then
-            echo "=== checks: BUILD FAILED ==="
-            failed_configs+=("checks(build)")
-            total_fail=$((total_fail + 1))
-            continue
-        fi
+        build checks default || continue
         echo "=== checks: test with ZVKIT_CHECKS=1 ==="
         log="build/default/ctest-checks.log"
         ZVKIT_CHECKS=1 ctest --preset default -j"$jobs" -V > "$log" 2>&1
         rc=$?
         grep -E '^ *[0-9]+/[0-9]+ Test +#|tests passed' "$log"
         python3 scripts/check-reports.py < "$log" || rc=1
-        line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
-        failed=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/')
-        all=$(echo "$line" | sed -E 's/.* failed out of ([0-9]+).*/\1/')
-        if [ -z "$line" ]; then failed=1; all=1; fi
-        total_pass=$((total_pass + all - failed))
-        total_fail=$((total_fail + failed))
-        if [ "$rc" -ne 0 ] || [ "$failed" -ne 0 ]; then
-            failed_configs+=("checks")
-            [ "$failed" -eq 0 ] && total_fail=$((total_fail + 1))
-        fi
+        tally checks "$log" "$rc"
         continue
     fi
     echo "=== $cfg: configure and build ==="
-    if ! cmake --preset "$cfg" >/dev/null || ! cmake --build --preset "$cfg" -j"$jobs"; then
-        echo "=== $cfg: BUILD FAILED ==="
-        failed_configs+=("$cfg(build)")
-        total_fail=$((total_fail + 1))
-        continue
-    fi
+    build "$cfg" "$cfg" || continue
     echo "=== $cfg: test ==="
     log="build/$cfg/ctest.log"
     ctest --preset "$cfg" -j"$jobs" 2>&1 | tee "$log"
-    rc=${PIPESTATUS[0]}
-    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
-    failed=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/')
-    all=$(echo "$line" | sed -E 's/.* failed out of ([0-9]+).*/\1/')
-    if [ -z "$line" ]; then failed=1; all=1; fi
-    total_pass=$((total_pass + all - failed))
-    total_fail=$((total_fail + failed))
-    if [ "$rc" -ne 0 ] || [ "$failed" -ne 0 ]; then
-        failed_configs+=("$cfg")
-        [ "$failed" -eq 0 ] && total_fail=$((total_fail + 1))
-    fi
+    tally "$cfg" "$log" "${PIPESTATUS[0]}"
 done
 
 echo
