@@ -10,3 +10,14 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_sup
 	return "called_from_lib:libzmq.so\nrace:libzmq.so\n";
 }
 #endif
+
+// Under AddressSanitizer: libzmq, not built with it, can keep a small block
+// of its own past exit when a peer went away mid-connection (seen: 74 bytes
+// allocated and held by libzmq alone). Leaks whose allocation stack is
+// within libzmq are left out; every leak of ours is still reported.
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
+{
+	return "leak:libzmq.so\n";
+}
+#endif

@@ -10,9 +10,9 @@ target_link_libraries(zvkit_remote_peer PRIVATE ZvKit::zvremote Threads::Threads
 zvkit_set_warnings(zvkit_remote_peer)
 target_compile_definitions(${ZVKIT_TEST_TARGET} PRIVATE ZVKIT_REMOTE_PEER="$<TARGET_FILE:zvkit_remote_peer>")
 add_dependencies(${ZVKIT_TEST_TARGET} zvkit_remote_peer)
-# The race detector's suppressions for libzmq (TsanHooks.cpp) are found
-# through the dynamic symbol table: the executables export their symbols.
-if(ZVKIT_SANITIZE MATCHES "thread")
+# The race and leak detectors' suppressions for libzmq (TsanHooks.cpp) are
+# found through the dynamic symbol table: the executables export their symbols.
+if(ZVKIT_SANITIZE MATCHES "thread|address")
     target_link_options(${ZVKIT_TEST_TARGET} PRIVATE -rdynamic)
     target_link_options(zvkit_remote_peer PRIVATE -rdynamic)
 endif()
