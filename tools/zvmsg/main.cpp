@@ -257,22 +257,33 @@ int ParseOptions(const std::string& command, int argc, char** argv, Options* opt
 	return kExitOk;
 }
 
+// Reads path and examines its block; false (with *status raised and the
+// reason reported) when it cannot be read or is not a valid block.
+bool ReadValid(const std::string& path, const Options& options, Bytes* block, Examined* examined,
+               int* status)
+{
+	if (!ReadInput(path, block)) {
+		*status = std::max(*status, int(kExitIo));
+		return false;
+	}
+	*examined = Examine(*block, options.hasFrom ? &options.from : nullptr);
+	if (!examined->valid) {
+		ReportInvalid(path, *examined);
+		*status = std::max(*status, int(kExitInvalid));
+		return false;
+	}
+	return true;
+}
+
 int Dump(const Options& options)
 {
 	int status = kExitOk;
 	Json documents = Json::array();
 	for (const std::string& path : options.files) {
 		Bytes block;
-		if (!ReadInput(path, &block)) {
-			status = std::max(status, int(kExitIo));
+		Examined examined;
+		if (!ReadValid(path, options, &block, &examined, &status))
 			continue;
-		}
-		const Examined examined = Examine(block, options.hasFrom ? &options.from : nullptr);
-		if (!examined.valid) {
-			ReportInvalid(path, examined);
-			status = std::max(status, int(kExitInvalid));
-			continue;
-		}
 		if (examined.ambiguous)
 			NoteAmbiguous(path, examined);
 		ZvMessage message(0);
@@ -302,16 +313,9 @@ int Check(const Options& options)
 	int status = kExitOk;
 	for (const std::string& path : options.files) {
 		Bytes block;
-		if (!ReadInput(path, &block)) {
-			status = std::max(status, int(kExitIo));
+		Examined examined;
+		if (!ReadValid(path, options, &block, &examined, &status))
 			continue;
-		}
-		const Examined examined = Examine(block, options.hasFrom ? &options.from : nullptr);
-		if (!examined.valid) {
-			ReportInvalid(path, examined);
-			status = std::max(status, int(kExitInvalid));
-			continue;
-		}
 		const uint32 count = CountIn(block, examined.order);
 		printf("%s: ok, %s, %d fields, %zu bytes%s\n", Shown(path).c_str(),
 		       examined.ambiguous ? "either byte order" : OrderName(examined.order),
