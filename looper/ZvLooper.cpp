@@ -23,7 +23,7 @@
 using zvkit::internal::AcquireSemaphore;
 using zvkit::internal::kNoSemaphore;
 using zvkit::internal::LockHolder;
-using zvkit::internal::SpinUntil;
+using zvkit::internal::PollFor;
 using zvkit::internal::WaitResult;
 
 // How Quit stays clear of a looper that its own thread has deleted.
@@ -105,8 +105,6 @@ const int32 kMaxTakenAhead = 32;
 // bound (milliseconds).
 const int32 kStallGraceMs = 100;
 
-// Polls between two looks at the clock.
-const int kPollsPerClockRead = 16;
 const char* const kPreferredHandlerField = "_preferredhandler";
 const int32 kHandlerListStep = 16;
 // How long an ending looper waits for the posters through refs before it
@@ -555,18 +553,14 @@ bool ZvLooper::_AwaitMessage(uint32 access)
 		return first != WaitResult::kFailed;
 	// Polling is on once the run of short waits has been counted down.
 	if (fPollSkips <= 0) {
-		const bigtime_t until = system_time() + kPollBudget;
 		WaitResult polled = WaitResult::kTimedOut;
-		const auto poll = [&] {
-			polled = AcquireSemaphore(access, 0);
-			return polled != WaitResult::kTimedOut;
-		};
-		do {
-			if (SpinUntil(kPollsPerClockRead, 1, poll)) {
-				fPollFailures = 0;
-				return polled != WaitResult::kFailed;
-			}
-		} while (system_time() < until);
+		if (PollFor(kPollBudget, -1, [&] {
+			    polled = AcquireSemaphore(access, 0);
+			    return polled != WaitResult::kTimedOut;
+		    })) {
+			fPollFailures = 0;
+			return polled != WaitResult::kFailed;
+		}
 		fPollFailures = MIN(fPollFailures + 1, kMaxPollFailures);
 		fPollSkips = 1 << fPollFailures;
 	}

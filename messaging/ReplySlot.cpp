@@ -16,18 +16,13 @@ namespace {
 
 // A sender polls for its answer before it sleeps: a sleep and its wake-up
 // cost two system calls and often tens of microseconds before the woken
-// thread runs, longer than a looper that is ready takes to answer. Polling
-// pays only while the answering looper runs on another processor at the
-// same time, so a sender polls for at most kPollBudget microseconds, and
-// after a poll that missed it skips polling for its next requests, twice
-// as many after each further miss (up to 2^kMaxPollMisses); a hit starts
-// over. Kept per thread: each sender learns from its own requests.
+// thread runs, longer than a looper that is ready takes to answer. It polls
+// for at most kPollBudget microseconds, and backs off where polling does not
+// pay (see PollBackoff). Kept per thread: each sender learns from its own
+// requests.
 const bigtime_t kPollBudget = 20;
-const int32 kMaxPollMisses = 8;
-const int kPollsPerClockRead = 16;
 
-thread_local int32 tPollMisses = 0;
-thread_local int32 tPollSkips = 0;
+thread_local PollBackoff tSenderPoll;
 
 } // namespace
 
@@ -78,25 +73,14 @@ bool ReplySlot::IsSenderWaiting() const
 
 bool ReplySlot::_PollForAnswer(bigtime_t deadline) const
 {
-	if (tPollSkips > 0) {
-		tPollSkips--;
+	if (!tSenderPoll.ShouldPoll())
 		return false;
+	if (PollFor(kPollBudget, deadline,
+	            [this] { return fSettled.load(std::memory_order_acquire); })) {
+		tSenderPoll.Hit();
+		return true;
 	}
-	bigtime_t until = system_time() + kPollBudget;
-	if (deadline >= 0 && deadline < until)
-		until = deadline;
-	do {
-		for (int poll = 0; poll < kPollsPerClockRead; poll++) {
-			if (fSettled.load(std::memory_order_acquire)) {
-				tPollMisses = 0;
-				return true;
-			}
-			CpuRelax();
-		}
-	} while (system_time() < until);
-	if (tPollMisses < kMaxPollMisses)
-		tPollMisses++;
-	tPollSkips = 1 << tPollMisses;
+	tSenderPoll.Miss();
 	return false;
 }
 
