@@ -177,7 +177,12 @@ private:
 	// Takes, without waiting, up to 32 of the units already there; returns
 	// how many.
 	int32 _TakeAhead(uint32 access);
+	// Queues message (now the looper's) and releases a unit of access for
+	// it, whether or not it was queued: the post of PostMessage.
 	void _Post(ZvMessage* message, const ZvHandler* handler);
+	// Adds "_preferredhandler" for handler and queues message, waiting at
+	// most timeout for room; on failure deletes it. The queue's result.
+	status_t _Enqueue(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout);
 	// Checked mode, before a post: false (reported) when this looper is
 	// gone; reports a forwarded message and a post from the looper's own
 	// thread that will block for ever.

@@ -624,30 +624,34 @@ int32 ZvLooper::_TakeAhead(uint32 access)
 
 void ZvLooper::_Post(ZvMessage* message, const ZvHandler* handler)
 {
-	if (handler != nullptr)
-		message->AddPointer(kPreferredHandlerField, handler);
-	// Posting takes only the queue's lock, never the looper's, so a handler
-	// may post to its own looper from MessageReceived.
-	if (!fQueue->TryAddMessage(message))
-		delete message;
-	// After Quit this is semaphore 0 and the release fails; the message then
-	// stays queued and is deleted with the queue.
+	_Enqueue(message, handler, B_INFINITE_TIMEOUT);
+	// Released whether or not the message was queued: a unit without a
+	// message makes the loop find the queue empty, which it passes over.
+	// After Quit this is semaphore 0 and the release fails; a queued message
+	// then stays queued and is deleted with the queue.
 	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
 }
 
 status_t ZvLooper::_PostOwned(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout)
 {
+	const status_t status = _Enqueue(message, handler, timeout);
+	// Only a queued message gets its unit: a refused post leaves the loop
+	// as it was.
+	if (status == B_OK)
+		ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
+	return status;
+}
+
+status_t ZvLooper::_Enqueue(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout)
+{
 	if (handler != nullptr)
 		message->AddPointer(kPreferredHandlerField, handler);
+	// Posting takes only the queue's lock, never the looper's, so a handler
+	// may post to its own looper from MessageReceived.
 	const status_t status = fQueue->_AddMessageEtc(message, timeout);
-	if (status != B_OK) {
+	if (status != B_OK)
 		delete message;
-		return status;
-	}
-	// As in _Post: after Quit the release fails and the message stays
-	// queued until the queue is deleted.
-	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
-	return B_OK;
+	return status;
 }
 
 void ZvLooper::_Retire()
