@@ -65,7 +65,6 @@ class HandlerSet;
 
 class ZvMessage;
 class ZvMessageQueue;
-struct zv_looper_life;
 
 namespace zvkit::internal {
 class LooperControl;
@@ -212,11 +211,10 @@ private:
 	// The attached handlers as a set, made once the list grows long, so that
 	// a dispatch does not walk the list; changed with it, under both locks.
 	zvkit::internal::HandlerSet* fHandlerSet;
-	// This looper's entry in the process-wide table of live loopers, which
-	// lets Quit tell whether the looper still exists (see Quit).
-	zv_looper_life* fRecord;
 	// Shared with the refs and handlers that name this looper (see
-	// ZvLooperRef.h); the looper holds one reference.
+	// ZvLooperRef.h) and with the process-wide table of live loopers, which
+	// lets Quit tell whether the looper still exists (see Quit); the looper
+	// holds one reference.
 	zvkit::internal::LooperControl* fControl;
 
 	// What every post reads, on a cache line of its own: the loop writes
