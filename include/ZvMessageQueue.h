@@ -117,10 +117,6 @@ private:
 	// when the lock is gone. A negative timeout or B_INFINITE_TIMEOUT waits
 	// as AddMessage does. On an error the caller still owns the message.
 	status_t _AddMessageEtc(ZvMessage* message, bigtime_t timeout);
-	// Polls "_item_limit" briefly, before an adder over the bound sleeps on
-	// it, until deadline (system_time; negative: none).
-	// True when the wait is over: a unit was taken, or the semaphore is gone.
-	bool _PollForUnit(bigtime_t deadline);
 	// Lets count adders waiting on the bound through; for a looper whose
 	// loop has ended, so that posters blocked there can leave.
 	void _ReleaseAdders(int32 count);

@@ -8,13 +8,8 @@
 #include <OS.h>
 
 #include "base/internal/Semaphores.h"
-#include "base/internal/Spin.h"
 
-using zvkit::internal::AcquireSemaphore;
 using zvkit::internal::kNoSemaphore;
-using zvkit::internal::PollBackoff;
-using zvkit::internal::PollFor;
-using zvkit::internal::WaitResult;
 
 // Taking for the loop.
 //
@@ -31,19 +26,6 @@ using zvkit::internal::WaitResult;
 // messages one at a time; only the lock is taken less often.
 
 namespace {
-
-// An adder over the bound polls "_item_limit" for up to this many
-// microseconds before it sleeps on it. A queue at its bound with its looper
-// running lets an adder through at every removal, a few hundred nanoseconds
-// apart: a sleep and its wake-up (two system calls, and often tens of
-// microseconds before the woken thread runs) would cost far more than the
-// wait. Polling backs off where it does not pay (see PollBackoff), per
-// thread, since each poster meets bounds of its own.
-const bigtime_t kAdderPollBudget = 20;
-// Pauses between two looks at "_item_limit": each look takes the line the
-// remover writes at its next release away from it.
-const int kAdderPollPauses = 16;
-thread_local PollBackoff tAdderPoll;
 
 // The ring's smallest size; it never shrinks below this once allocated.
 const int32 kMinSlots = 16;
@@ -105,21 +87,13 @@ status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
 		fBlocked.fetch_add(1);
 		fUncovered.fetch_add(1);
 		Unlock();
-		const bool forever = timeout < 0 || timeout == B_INFINITE_TIMEOUT;
-		const bigtime_t deadline = forever ? -1 : system_time() + timeout;
-		// A post that may not wait does not poll either.
-		if (timeout != 0 && _PollForUnit(deadline)) {
-			// A unit taken by the poll, or the semaphore gone: the wait is
-			// over, as the sleep below would have ended.
-		} else if (forever) {
+		if (timeout < 0 || timeout == B_INFINITE_TIMEOUT) {
 			ZvSemaphore::Acquire(fLimitSem, -1);
 		} else {
 			// Only a wait that ran out refuses the message; any other failure
-			// goes on as the unbounded wait does. The time the poll took
-			// counts towards the time-out.
-			const bigtime_t left = MAX(deadline - system_time(), bigtime_t{0});
+			// goes on as the unbounded wait does.
 			const status_t waited =
-			    acquire_sem_etc(static_cast<sem_id>(fLimitSem), 1, B_RELATIVE_TIMEOUT, left);
+			    acquire_sem_etc(static_cast<sem_id>(fLimitSem), 1, B_RELATIVE_TIMEOUT, timeout);
 			if (waited == B_TIMED_OUT) {
 				// No longer waiting: this adder is not blocked and needs no
 				// unit. A unit already released for it stays on the
@@ -144,25 +118,6 @@ status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
 	fCount.fetch_add(1, std::memory_order_relaxed);
 	Unlock();
 	return B_OK;
-}
-
-bool ZvMessageQueue::_PollForUnit(bigtime_t deadline)
-{
-	if (!tAdderPoll.ShouldPoll())
-		return false;
-	WaitResult polled = WaitResult::kTimedOut;
-	if (PollFor(
-	        kAdderPollBudget, deadline,
-	        [&] {
-		        polled = AcquireSemaphore(fLimitSem, 0);
-		        return polled != WaitResult::kTimedOut;
-	        },
-	        kAdderPollPauses)) {
-		tAdderPoll.Hit();
-		return true;
-	}
-	tAdderPoll.Miss();
-	return false;
 }
 
 void ZvMessageQueue::_ReleaseAdders(int32 count)

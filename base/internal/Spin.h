@@ -61,18 +61,16 @@ template <typename Attempt> inline bool SpinUntil(int attempts, int maxPauses, A
 // Polls attempt() until it returns true or budget microseconds have passed,
 // or until deadline (system_time) when that comes first; a negative
 // deadline sets no limit of its own. The clock is read once every few
-// polls; between polls the processor pauses up to maxPauses times (as in
-// SpinUntil), fewer looks at a line the other thread is about to write.
-// Returns whether an attempt succeeded.
+// polls. Returns whether an attempt succeeded.
 template <typename Attempt>
-inline bool PollFor(bigtime_t budget, bigtime_t deadline, Attempt attempt, int maxPauses = 1)
+inline bool PollFor(bigtime_t budget, bigtime_t deadline, Attempt attempt)
 {
 	constexpr int kPollsPerClockRead = 16;
 	bigtime_t until = system_time() + budget;
 	if (deadline >= 0 && deadline < until)
 		until = deadline;
 	do {
-		if (SpinUntil(kPollsPerClockRead, maxPauses, attempt))
+		if (SpinUntil(kPollsPerClockRead, 1, attempt))
 			return true;
 	} while (system_time() < until);
 	return false;
