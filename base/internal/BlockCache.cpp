@@ -107,14 +107,14 @@ public:
 		// A thread making many blocks of a class (a message of many items)
 		// finds the store empty once per block: it is told so without the
 		// lock. A batch put there meanwhile is simply taken next time.
-		if (entry.available.load(std::memory_order_relaxed) == 0)
+		if (fAvailable[sizeClass].load(std::memory_order_relaxed) == 0)
 			return false;
 		std::lock_guard<BatchLock> hold(entry.lock);
 		if (entry.batches.empty())
 			return false;
 		*batch = entry.batches.back();
 		entry.batches.pop_back();
-		entry.available.store(entry.batches.size(), std::memory_order_relaxed);
+		fAvailable[sizeClass].store(entry.batches.size(), std::memory_order_relaxed);
 		return true;
 	}
 
@@ -128,7 +128,7 @@ public:
 			std::lock_guard<BatchLock> hold(entry.lock);
 			if (entry.batches.size() < maxBatches) {
 				entry.batches.emplace_back(blocks);
-				entry.available.store(entry.batches.size(), std::memory_order_relaxed);
+				fAvailable[sizeClass].store(entry.batches.size(), std::memory_order_relaxed);
 				return;
 			}
 		}
@@ -167,11 +167,12 @@ private:
 		// Guards batches.
 		BatchLock lock;
 		std::vector<Batch> batches;
-		// The number of batches, written under the lock, read without it.
-		std::atomic<size_t> available{0};
 	};
 
 	Class fClasses[kClassCount];
+	// Each class's number of batches, written under its lock, read without
+	// it (kept apart so that a class stays one line).
+	std::atomic<size_t> fAvailable[kClassCount] = {};
 };
 
 CentralStore& Central();
