@@ -58,8 +58,7 @@ NameIndex::Names NameIndex::_NamesOf(const Slot& slot)
 
 const char* NameIndex::_NameOf(const Slot& slot)
 {
-	// A field's items are never empty while it is in the table.
-	return slot.kind == kSingle ? slot.item->name : slot.field->items.front()->name;
+	return slot.kind == kSingle ? slot.item->name : slot.field->name;
 }
 
 size_t NameIndex::_Slot(const char* name, uint32 hash) const
@@ -140,6 +139,7 @@ void NameIndex::Added(ZvMessageItem* item)
 		Field* field = new Field;
 		field->type = first->type;
 		field->mixed = false;
+		memcpy(field->name, first->name, sizeof(field->name));
 		field->items.reserve(4);
 		field->items.push_back(first);
 		slot.kind = kField;

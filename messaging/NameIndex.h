@@ -88,11 +88,13 @@ public:
 	}
 
 private:
-	// A name of two items or more: its items in list order.
+	// A name of two items or more: its items in list order. The name is
+	// kept here too, so that a probe compares it without reaching an item.
 	struct Field
 	{
 		type_code type;
 		bool mixed;
+		char name[64];
 		std::vector<ZvMessageItem*> items;
 	};
 
