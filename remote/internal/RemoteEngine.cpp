@@ -28,6 +28,11 @@ constexpr bigtime_t kDeliverySlice = 100000;
 
 using Clock = std::chrono::steady_clock;
 
+void FreeBlock(void* data, void*)
+{
+	delete[] static_cast<uint8*>(data);
+}
+
 Clock::time_point DeadlineAfter(bigtime_t timeout)
 {
 	if (timeout < 0 || timeout == B_INFINITE_TIMEOUT ||
@@ -604,29 +609,68 @@ void RemoteEngine::_Flush(std::deque<Outgoing>& backlog, void* socket, bool rout
 {
 	size_t handled = 0;
 	while (!backlog.empty()) {
-		Outgoing& frame = backlog.front();
+		// Posts and requests waiting for the same DEALER go as one batch.
+		size_t count = 1;
+		if (!router) {
+			size_t bytes = backlog.front().size;
+			while (count < backlog.size() && count < kMaxBatchFrames &&
+			       BatchSize(count + 1, bytes + backlog[count].size) <= kMaxBatchBytes) {
+				bytes += backlog[count].size;
+				count++;
+			}
+		}
 		int sent;
-		if (router) {
-			sent = zmq_send(socket, frame.identity.data(), frame.identity.size(),
-			                ZMQ_DONTWAIT | ZMQ_SNDMORE);
-			if (sent >= 0)
-				sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
+		if (count > 1) {
+			sent = _SendBatch(backlog, count, socket);
 		} else {
-			sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
+			Outgoing& frame = backlog.front();
+			if (router) {
+				sent = zmq_send(socket, frame.identity.data(), frame.identity.size(),
+				                ZMQ_DONTWAIT | ZMQ_SNDMORE);
+				if (sent >= 0)
+					sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
+			} else {
+				sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
+			}
 		}
 		if (sent < 0) {
 			if (errno == EAGAIN || errno == EINTR)
 				break;
 			// The connection the answer was for is gone.
-			fStats.undeliverable.fetch_add(1, std::memory_order_relaxed);
+			fStats.undeliverable.fetch_add(count, std::memory_order_relaxed);
 		} else {
-			fStats.framesSent.fetch_add(1, std::memory_order_relaxed);
+			fStats.framesSent.fetch_add(count, std::memory_order_relaxed);
 		}
-		delete[] frame.data;
-		backlog.pop_front();
-		handled++;
+		for (size_t i = 0; i < count; i++) {
+			delete[] backlog.front().data;
+			backlog.pop_front();
+		}
+		handled += count;
 	}
 	_FrameDone(handled);
+}
+
+int RemoteEngine::_SendBatch(const std::deque<Outgoing>& backlog, size_t count, void* socket)
+{
+	fBatchSpans.clear();
+	for (size_t i = 0; i < count; i++)
+		fBatchSpans.push_back({backlog[i].data, backlog[i].size});
+	size_t size;
+	uint8* batch =
+	    BuildBatch(fWireOrder.load(std::memory_order_relaxed), fBatchSpans.data(), count, &size);
+	// ZeroMQ takes the block as it is and frees it once it was written.
+	zmq_msg_t message;
+	if (zmq_msg_init_data(&message, batch, size, FreeBlock, nullptr) != 0) {
+		delete[] batch;
+		return -1;
+	}
+	const int sent = zmq_msg_send(&message, socket, ZMQ_DONTWAIT);
+	if (sent < 0) {
+		const int error = errno;
+		zmq_msg_close(&message);
+		errno = error;
+	}
+	return sent;
 }
 
 void RemoteEngine::_FrameDone(size_t count)
@@ -666,8 +710,8 @@ void RemoteEngine::_ReceiveFromRouter()
 			more = zmq_msg_recv(&rest, fRouter, 0) >= 0 && zmq_msg_more(&rest) != 0;
 			zmq_msg_close(&rest);
 		}
-		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 		if (!whole || extra) {
+			fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 			_Refuse(fStats.refusedMalformed, "malformed", zmq_msg_size(&body), nullptr);
 		} else {
 			const std::string from(static_cast<const char*>(zmq_msg_data(&identity)),
@@ -698,10 +742,10 @@ void RemoteEngine::_ReceiveFromDealer(void* socket)
 			more = zmq_msg_recv(&rest, socket, 0) >= 0 && zmq_msg_more(&rest) != 0;
 			zmq_msg_close(&rest);
 		}
-		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
-		if (extra)
+		if (extra) {
+			fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 			_Refuse(fStats.refusedMalformed, "malformed", zmq_msg_size(&body), nullptr);
-		else
+		} else
 			_HandleIncoming(nullptr, static_cast<const uint8*>(zmq_msg_data(&body)),
 			                zmq_msg_size(&body));
 		zmq_msg_close(&body);
@@ -711,6 +755,29 @@ void RemoteEngine::_ReceiveFromDealer(void* socket)
 void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* data, size_t size)
 {
 	FrameHeader header;
+	if (identity == nullptr || !ReadFrameHeader(data, size, &header) ||
+	    header.kind != FrameKind::kBatch) {
+		_HandleFrame(identity, data, size);
+		return;
+	}
+	// A batch that is not well formed is refused whole, as one frame; in a
+	// well-formed one each frame counts, and is checked, on its own.
+	if (!SplitBatch(header, &fBatchFrames)) {
+		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
+		if (size > kMaxBatchBytes)
+			_Refuse(fStats.refusedOversized, "oversized", size, nullptr);
+		else
+			_Refuse(fStats.refusedMalformed, "malformed", size, nullptr);
+		return;
+	}
+	for (const FrameSpan& frame : fBatchFrames)
+		_HandleFrame(identity, frame.data, frame.size);
+}
+
+void RemoteEngine::_HandleFrame(const std::string* identity, const uint8* data, size_t size)
+{
+	fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
+	FrameHeader header;
 	const bool readable = ReadFrameHeader(data, size, &header);
 	const bool isRequest = readable && header.kind == FrameKind::kRequest;
 	if (size > MaxFrameSize()) {
@@ -719,9 +786,11 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 			_SendAnswer(*identity, header.request, B_BAD_DATA, nullptr);
 		return;
 	}
-	// Posts and requests come in through the ROUTER, answers through a
-	// DEALER; anything else is as malformed as a bad header.
-	const bool expected = readable && (identity != nullptr ? header.kind != FrameKind::kAnswer
+	// Posts and requests come in through the ROUTER, alone or in batches
+	// (never nested), answers through a DEALER; anything else is as
+	// malformed as a bad header.
+	const bool expected = readable && (identity != nullptr ? header.kind == FrameKind::kPost ||
+	                                                             header.kind == FrameKind::kRequest
 	                                                       : header.kind == FrameKind::kAnswer);
 	if (!expected) {
 		_Refuse(fStats.refusedMalformed, "malformed", size, readable ? &header : nullptr);

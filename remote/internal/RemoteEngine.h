@@ -143,9 +143,15 @@ private:
 	void _RunCommand(Command* command);
 	// Hands queued frames to the sockets until one would block.
 	void _Flush(std::deque<Outgoing>& backlog, void* socket, bool router);
+	// Sends the first count frames of backlog as one batch; zmq_send's
+	// result.
+	int _SendBatch(const std::deque<Outgoing>& backlog, size_t count, void* socket);
 	void _ReceiveFromRouter();
 	void _ReceiveFromDealer(void* socket);
+	// A frame as read from a socket: one frame, or a batch of them.
 	void _HandleIncoming(const std::string* identity, const uint8* data, size_t size);
+	// One post, request or answer, alone or taken from a batch.
+	void _HandleFrame(const std::string* identity, const uint8* data, size_t size);
 	void _HandleAnswer(const FrameHeader& header);
 	void _Refuse(std::atomic<uint64>& counter, const char* reason, size_t size,
 	             const FrameHeader* header);
@@ -185,6 +191,9 @@ private:
 	std::deque<Outgoing> fRouterBacklog;
 	// The I/O thread's message for reading posts into.
 	ZvMessage fScratch{static_cast<uint32>(0)};
+	// The I/O thread's lists for building and splitting batches.
+	std::vector<FrameSpan> fBatchSpans;
+	std::vector<FrameSpan> fBatchFrames;
 
 	std::mutex fTableLock;
 	std::map<std::string, ZvLooperRef, std::less<>> fPublished;
