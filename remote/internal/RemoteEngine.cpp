@@ -757,7 +757,7 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 	FrameHeader header;
 	if (identity == nullptr || !ReadFrameHeader(data, size, &header) ||
 	    header.kind != FrameKind::kBatch) {
-		_HandleFrame(identity, data, size);
+		_HandleFrame(identity, data, size, nullptr);
 		return;
 	}
 	// A batch that is not well formed is refused whole, as one frame; in a
@@ -770,11 +770,13 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 			_Refuse(fStats.refusedMalformed, "malformed", size, nullptr);
 		return;
 	}
+	TargetCache cache;
 	for (const FrameSpan& frame : fBatchFrames)
-		_HandleFrame(identity, frame.data, frame.size);
+		_HandleFrame(identity, frame.data, frame.size, &cache);
 }
 
-void RemoteEngine::_HandleFrame(const std::string* identity, const uint8* data, size_t size)
+void RemoteEngine::_HandleFrame(const std::string* identity, const uint8* data, size_t size,
+                                TargetCache* cache)
 {
 	fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 	FrameHeader header;
@@ -802,21 +804,19 @@ void RemoteEngine::_HandleFrame(const std::string* identity, const uint8* data, 
 	}
 
 	ZvLooperRef target;
-	if (!_FindTarget(header, &target)) {
+	if (!_FindTarget(header, cache, &target)) {
 		_Refuse(fStats.refusedUnknownTarget, "unknown target", size, &header);
 		if (isRequest)
 			_SendAnswer(*identity, header.request, B_BAD_VALUE, nullptr);
 		return;
 	}
-	// A post is read into the I/O thread's own message (the looper gets a
-	// copy); a request into one of its own, which a helper takes over.
-	ZvMessage* message = isRequest ? new ZvMessage(static_cast<uint32>(0)) : &fScratch;
-	// The bounded reader checks the block; the block must also be all of
-	// the frame's remaining bytes.
+	// The message is read into one of its own, which the looper (a post)
+	// or a helper (a request) takes over. The bounded reader checks the
+	// block; the block must also be all of the frame's remaining bytes.
+	ZvMessage* message = new ZvMessage(static_cast<uint32>(0));
 	if (message->Unflatten(header.body, header.bodySize, header.order) != B_OK ||
 	    static_cast<size_t>(message->FlattenedSize()) != header.bodySize) {
-		if (isRequest)
-			delete message;
+		delete message;
 		_Refuse(fStats.refusedMalformed, "malformed", size, &header);
 		if (isRequest)
 			_SendAnswer(*identity, header.request, B_BAD_DATA, nullptr);
@@ -854,10 +854,14 @@ void RemoteEngine::_HandleFrame(const std::string* identity, const uint8* data, 
 	// A full queue holds the I/O thread up: the sockets' own queues then
 	// fill and the senders wait, rather than anything being dropped.
 	status_t status;
-	do {
-		status = target.PostMessage(message, kDeliverySlice);
-	} while (status == B_TIMED_OUT && !IsStopped());
-	message->MakeEmpty();
+	for (;;) {
+		status = target.PostOwnedMessage(message, kDeliverySlice);
+		if (status != B_TIMED_OUT || IsStopped())
+			break;
+		// The refused post took the message with it: read it again.
+		message = new ZvMessage(static_cast<uint32>(0));
+		message->Unflatten(header.body, header.bodySize, header.order);
+	}
 	if (status == B_OK)
 		fStats.postsDelivered.fetch_add(1, std::memory_order_relaxed);
 	else if (status == B_BAD_VALUE)
@@ -891,13 +895,23 @@ void RemoteEngine::_HandleAnswer(const FrameHeader& header)
 	waiter->answered.notify_all();
 }
 
-bool RemoteEngine::_FindTarget(const FrameHeader& header, ZvLooperRef* target)
+bool RemoteEngine::_FindTarget(const FrameHeader& header, TargetCache* cache, ZvLooperRef* target)
 {
+	const std::string_view name(header.name, header.nameLength);
+	if (cache != nullptr && cache->found && cache->name == name) {
+		*target = cache->target;
+		return true;
+	}
 	std::lock_guard<std::mutex> hold(fTableLock);
-	const auto found = fPublished.find(std::string_view(header.name, header.nameLength));
+	const auto found = fPublished.find(name);
 	if (found == fPublished.end())
 		return false;
 	*target = found->second;
+	if (cache != nullptr) {
+		cache->found = true;
+		cache->name = found->first;
+		cache->target = found->second;
+	}
 	return true;
 }
 

@@ -150,12 +150,22 @@ private:
 	void _ReceiveFromDealer(void* socket);
 	// A frame as read from a socket: one frame, or a batch of them.
 	void _HandleIncoming(const std::string* identity, const uint8* data, size_t size);
-	// One post, request or answer, alone or taken from a batch.
-	void _HandleFrame(const std::string* identity, const uint8* data, size_t size);
+	// The target last found for the frames of one batch, which mostly
+	// name the same one.
+	struct TargetCache
+	{
+		bool found = false;
+		std::string name;
+		ZvLooperRef target;
+	};
+
+	// One post, request or answer, alone (cache null) or taken from a batch.
+	void _HandleFrame(const std::string* identity, const uint8* data, size_t size,
+	                  TargetCache* cache);
 	void _HandleAnswer(const FrameHeader& header);
 	void _Refuse(std::atomic<uint64>& counter, const char* reason, size_t size,
 	             const FrameHeader* header);
-	bool _FindTarget(const FrameHeader& header, ZvLooperRef* target);
+	bool _FindTarget(const FrameHeader& header, TargetCache* cache, ZvLooperRef* target);
 	void _FrameDone(size_t count);
 	// Watches socket's connections through a monitor socket.
 	void _Monitor(void* socket);
@@ -189,8 +199,6 @@ private:
 	std::vector<std::deque<Outgoing>> fDealerBacklogs;
 	std::vector<void*> fMonitors;
 	std::deque<Outgoing> fRouterBacklog;
-	// The I/O thread's message for reading posts into.
-	ZvMessage fScratch{static_cast<uint32>(0)};
 	// The I/O thread's lists for building and splitting batches.
 	std::vector<FrameSpan> fBatchSpans;
 	std::vector<FrameSpan> fBatchFrames;
