@@ -282,13 +282,7 @@ status_t RemoteEngine::Post(int32 peer, const char* name, const ZvMessage* messa
 	size_t length;
 	if (message == nullptr || !ValidName(name, &length) || IsStopped())
 		return B_BAD_VALUE;
-	Outgoing frame;
-	frame.peer = peer;
-	frame.data = BuildFrame(FrameKind::kPost, fWireOrder.load(std::memory_order_relaxed), 0, 0,
-	                        name, length, message, &frame.size);
-	if (frame.data == nullptr)
-		return B_BAD_DATA;
-	return _Enqueue(std::move(frame), timeout, false);
+	return _EnqueueMessage(peer, FrameKind::kPost, 0, 0, name, length, message, timeout);
 }
 
 status_t RemoteEngine::Request(int32 peer, const char* name, const ZvMessage* message,
@@ -307,12 +301,8 @@ status_t RemoteEngine::Request(int32 peer, const char* name, const ZvMessage* me
 		fWaiters.emplace(request, &waiter);
 	}
 	const bigtime_t wait = deadline == Clock::time_point::max() ? -1 : timeout;
-	Outgoing frame;
-	frame.peer = peer;
-	frame.data = BuildFrame(FrameKind::kRequest, fWireOrder.load(std::memory_order_relaxed),
-	                        request, wait, name, length, message, &frame.size);
 	status_t status =
-	    frame.data != nullptr ? _Enqueue(std::move(frame), timeout, false) : B_BAD_DATA;
+	    _EnqueueMessage(peer, FrameKind::kRequest, request, wait, name, length, message, timeout);
 
 	std::unique_lock<std::mutex> hold(fWaitersLock);
 	if (status == B_OK) {
@@ -330,14 +320,11 @@ status_t RemoteEngine::Request(int32 peer, const char* name, const ZvMessage* me
 	return status;
 }
 
-status_t RemoteEngine::_Enqueue(Outgoing&& frame, bigtime_t timeout, bool answer)
+status_t RemoteEngine::_WaitForRoom(std::unique_lock<std::mutex>& hold, bigtime_t timeout)
 {
-	std::unique_lock<std::mutex> hold(fLock);
-	if (!answer && !fStopping && fOutstanding >= static_cast<size_t>(fQueueLimit)) {
-		if (timeout == 0) {
-			delete[] frame.data;
+	if (!fStopping && fOutstanding >= static_cast<size_t>(fQueueLimit)) {
+		if (timeout == 0)
 			return B_WOULD_BLOCK;
-		}
 		const Clock::time_point deadline = DeadlineAfter(timeout);
 		fRoomWaiters++;
 		const auto roomy = [&] {
@@ -349,22 +336,90 @@ status_t RemoteEngine::_Enqueue(Outgoing&& frame, bigtime_t timeout, bool answer
 		else
 			room = fRoom.wait_until(hold, deadline, roomy);
 		fRoomWaiters--;
-		if (!room) {
-			delete[] frame.data;
+		if (!room)
 			return B_TIMED_OUT;
-		}
 	}
-	if (fStopping) {
-		delete[] frame.data;
-		return B_BAD_VALUE;
-	}
-	fOutbox.push_back(std::move(frame));
+	return fStopping ? B_BAD_VALUE : B_OK;
+}
+
+void RemoteEngine::_Queued(std::unique_lock<std::mutex>& hold)
+{
 	fOutstanding++;
 	const bool wake = !fWakePending;
 	fWakePending = true;
 	hold.unlock();
 	if (wake)
 		_Wake();
+}
+
+status_t RemoteEngine::_Enqueue(Outgoing&& frame)
+{
+	std::unique_lock<std::mutex> hold(fLock);
+	if (fStopping) {
+		delete[] frame.data;
+		return B_BAD_VALUE;
+	}
+	fOutbox.push_back(std::move(frame));
+	_Queued(hold);
+	return B_OK;
+}
+
+status_t RemoteEngine::_EnqueueMessage(int32 peer, FrameKind kind, uint64 request, int64 argument,
+                                       const char* name, size_t nameLength,
+                                       const ZvMessage* message, bigtime_t timeout)
+{
+	const ssize_t flatSize = message->FlattenedSize();
+	if (flatSize < 0)
+		return B_BAD_DATA;
+	const size_t entry = EntrySize(nameLength, static_cast<size_t>(flatSize));
+	const zv_byte_order order = fWireOrder.load(std::memory_order_relaxed);
+
+	std::unique_lock<std::mutex> hold(fLock);
+	const status_t status = _WaitForRoom(hold, timeout);
+	if (status != B_OK)
+		return status;
+	// The message joins the batch at the end of the queue when that one is
+	// for the same peer and has room; the I/O thread takes the queue whole,
+	// so a burst of posts made while it is busy becomes one batch.
+	Outgoing* batch = nullptr;
+	if (!fOutbox.empty()) {
+		Outgoing& last = fOutbox.back();
+		if (last.count > 0 && last.peer == peer && last.order == order &&
+		    last.count < kMaxBatchFrames && last.size + entry <= kMaxBatchBytes)
+			batch = &last;
+	}
+	const bool fresh = batch == nullptr;
+	if (fresh) {
+		fOutbox.emplace_back();
+		batch = &fOutbox.back();
+		batch->peer = peer;
+		batch->order = order;
+		batch->size = kFrameHeaderSize;
+	}
+	if (batch->size + entry > batch->capacity) {
+		// Doubling, from a size that suits one small message.
+		const size_t capacity =
+		    std::max(batch->size + entry,
+		             std::min(std::max<size_t>(batch->capacity * 2, 512), kMaxBatchBytes));
+		uint8* grown = new uint8[capacity];
+		if (batch->data != nullptr) {
+			memcpy(grown, batch->data, batch->size);
+			delete[] batch->data;
+		}
+		batch->data = grown;
+		batch->capacity = capacity;
+	}
+	if (!WriteEntry(batch->data + batch->size, kind, order, request, argument, name, nameLength,
+	                message, static_cast<size_t>(flatSize))) {
+		if (fresh) {
+			delete[] batch->data;
+			fOutbox.pop_back();
+		}
+		return B_BAD_DATA;
+	}
+	batch->size += entry;
+	batch->count++;
+	_Queued(hold);
 	return B_OK;
 }
 
@@ -387,7 +442,7 @@ void RemoteEngine::_SendAnswer(const std::string& identity, uint64 request, stat
 		frame.data = BuildFrame(FrameKind::kAnswer, fWireOrder.load(std::memory_order_relaxed),
 		                        request, B_BAD_DATA, nullptr, 0, nullptr, &frame.size);
 	fStats.requestsAnswered.fetch_add(1, std::memory_order_relaxed);
-	_Enqueue(std::move(frame), 0, true);
+	_Enqueue(std::move(frame));
 }
 
 // The I/O thread.
@@ -423,9 +478,10 @@ void RemoteEngine::_Run()
 			else if (frame.peer < 0 && fRouter != nullptr)
 				fRouterBacklog.push_back(std::move(frame));
 			else {
+				const size_t frames = FramesIn(frame);
 				delete[] frame.data;
-				fStats.undeliverable.fetch_add(1, std::memory_order_relaxed);
-				_FrameDone(1);
+				fStats.undeliverable.fetch_add(frames, std::memory_order_relaxed);
+				_FrameDone(frames);
 			}
 		}
 		batch.clear();
@@ -475,14 +531,17 @@ void RemoteEngine::_Run()
 
 	// What could not be handed over is lost; ZeroMQ sends the rest within
 	// the linger time when the context ends.
-	size_t left = fRouterBacklog.size();
-	for (Outgoing& frame : fRouterBacklog)
+	size_t left = 0;
+	for (Outgoing& frame : fRouterBacklog) {
+		left += FramesIn(frame);
 		delete[] frame.data;
+	}
 	fRouterBacklog.clear();
 	for (std::deque<Outgoing>& backlog : fDealerBacklogs) {
-		left += backlog.size();
-		for (Outgoing& frame : backlog)
+		for (Outgoing& frame : backlog) {
+			left += FramesIn(frame);
 			delete[] frame.data;
+		}
 		backlog.clear();
 	}
 	fStats.undeliverable.fetch_add(left, std::memory_order_relaxed);
@@ -609,59 +668,72 @@ void RemoteEngine::_Flush(std::deque<Outgoing>& backlog, void* socket, bool rout
 {
 	size_t handled = 0;
 	while (!backlog.empty()) {
-		// Posts and requests waiting for the same DEALER go as one batch.
-		size_t count = 1;
+		Outgoing& first = backlog.front();
+		// Batches that waited for the same DEALER (ZeroMQ's queue was full)
+		// go on as one.
+		size_t take = 1;
+		size_t frames = FramesIn(first);
 		if (!router) {
-			size_t bytes = backlog.front().size;
-			while (count < backlog.size() && count < kMaxBatchFrames &&
-			       BatchSize(count + 1, bytes + backlog[count].size) <= kMaxBatchBytes) {
-				bytes += backlog[count].size;
-				count++;
+			size_t size = first.size;
+			while (take < backlog.size() && backlog[take].order == first.order &&
+			       frames + backlog[take].count <= kMaxBatchFrames &&
+			       size + backlog[take].size - kFrameHeaderSize <= kMaxBatchBytes) {
+				size += backlog[take].size - kFrameHeaderSize;
+				frames += backlog[take].count;
+				take++;
 			}
 		}
 		int sent;
-		if (count > 1) {
-			sent = _SendBatch(backlog, count, socket);
+		if (router) {
+			sent = zmq_send(socket, first.identity.data(), first.identity.size(),
+			                ZMQ_DONTWAIT | ZMQ_SNDMORE);
+			if (sent >= 0)
+				sent = zmq_send(socket, first.data, first.size, ZMQ_DONTWAIT);
+		} else if (take > 1) {
+			sent = _SendMerged(backlog, take, frames, socket);
+		} else if (first.count == 1) {
+			// One frame goes alone, without the batch around it.
+			const size_t skip = kFrameHeaderSize + kBatchEntryHeader;
+			sent = zmq_send(socket, first.data + skip, first.size - skip, ZMQ_DONTWAIT);
 		} else {
-			Outgoing& frame = backlog.front();
-			if (router) {
-				sent = zmq_send(socket, frame.identity.data(), frame.identity.size(),
-				                ZMQ_DONTWAIT | ZMQ_SNDMORE);
-				if (sent >= 0)
-					sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
-			} else {
-				sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
-			}
+			WriteBatchHeader(first.data, first.order, first.count);
+			sent = zmq_send(socket, first.data, first.size, ZMQ_DONTWAIT);
 		}
 		if (sent < 0) {
 			if (errno == EAGAIN || errno == EINTR)
 				break;
 			// The connection the answer was for is gone.
-			fStats.undeliverable.fetch_add(count, std::memory_order_relaxed);
+			fStats.undeliverable.fetch_add(frames, std::memory_order_relaxed);
 		} else {
-			fStats.framesSent.fetch_add(count, std::memory_order_relaxed);
+			fStats.framesSent.fetch_add(frames, std::memory_order_relaxed);
 		}
-		for (size_t i = 0; i < count; i++) {
+		for (size_t i = 0; i < take; i++) {
 			delete[] backlog.front().data;
 			backlog.pop_front();
 		}
-		handled += count;
+		handled += frames;
 	}
 	_FrameDone(handled);
 }
 
-int RemoteEngine::_SendBatch(const std::deque<Outgoing>& backlog, size_t count, void* socket)
+int RemoteEngine::_SendMerged(const std::deque<Outgoing>& backlog, size_t take, size_t frames,
+                              void* socket)
 {
-	fBatchSpans.clear();
-	for (size_t i = 0; i < count; i++)
-		fBatchSpans.push_back({backlog[i].data, backlog[i].size});
-	size_t size;
-	uint8* batch =
-	    BuildBatch(fWireOrder.load(std::memory_order_relaxed), fBatchSpans.data(), count, &size);
+	size_t size = kFrameHeaderSize;
+	for (size_t i = 0; i < take; i++)
+		size += backlog[i].size - kFrameHeaderSize;
+	uint8* merged = new uint8[size];
+	WriteBatchHeader(merged, backlog.front().order, frames);
+	uint8* at = merged + kFrameHeaderSize;
+	for (size_t i = 0; i < take; i++) {
+		const size_t entries = backlog[i].size - kFrameHeaderSize;
+		memcpy(at, backlog[i].data + kFrameHeaderSize, entries);
+		at += entries;
+	}
 	// ZeroMQ takes the block as it is and frees it once it was written.
 	zmq_msg_t message;
-	if (zmq_msg_init_data(&message, batch, size, FreeBlock, nullptr) != 0) {
-		delete[] batch;
+	if (zmq_msg_init_data(&message, merged, size, FreeBlock, nullptr) != 0) {
+		delete[] merged;
 		return -1;
 	}
 	const int sent = zmq_msg_send(&message, socket, ZMQ_DONTWAIT);

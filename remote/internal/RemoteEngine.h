@@ -78,13 +78,23 @@ public:
 private:
 	// A frame on its way to a socket: a DEALER (peer >= 0) or the ROUTER,
 	// addressed to the connection identity.
+	//
+	// Posts and requests are gathered in batches as they are queued: data
+	// holds capacity bytes, room for a batch header and then count entries
+	// (WriteEntry), size bytes in all. Answers (count 0) are one whole frame
+	// each.
 	struct Outgoing
 	{
 		int32 peer = -1;
 		std::string identity;
 		uint8* data = nullptr;
 		size_t size = 0;
+		size_t capacity = 0;
+		uint32 count = 0;
+		zv_byte_order order = ZV_LITTLE_ENDIAN;
 	};
+
+	static size_t FramesIn(const Outgoing& frame) { return frame.count == 0 ? 1 : frame.count; }
 
 	// Bind and connect run in the I/O thread; the caller waits for done.
 	struct Command
@@ -131,9 +141,20 @@ private:
 		std::atomic<uint64> disconnects{0};
 	};
 
-	// Queues frame (taking it) after waiting at most timeout for room;
-	// answers skip the wait. Deletes the frame when refused.
-	status_t _Enqueue(Outgoing&& frame, bigtime_t timeout, bool answer);
+	// Waits (fLock held by hold) at most timeout for room in the send queue:
+	// B_OK, B_WOULD_BLOCK, B_TIMED_OUT, or B_BAD_VALUE once stopping.
+	status_t _WaitForRoom(std::unique_lock<std::mutex>& hold, bigtime_t timeout);
+	// Counts one more frame queued, lets go of fLock and wakes the I/O
+	// thread unless a wake-up is already pending.
+	void _Queued(std::unique_lock<std::mutex>& hold);
+	// Queues an answer (taking it) without waiting for room. Deletes the
+	// frame when refused.
+	status_t _Enqueue(Outgoing&& frame);
+	// Flattens message into the batch queued last for peer, or a new one,
+	// after waiting at most timeout for room.
+	status_t _EnqueueMessage(int32 peer, FrameKind kind, uint64 request, int64 argument,
+	                         const char* name, size_t nameLength, const ZvMessage* message,
+	                         bigtime_t timeout);
 	void _Wake();
 	void _SendAnswer(const std::string& identity, uint64 request, status_t status,
 	                 const ZvMessage* reply);
@@ -143,9 +164,9 @@ private:
 	void _RunCommand(Command* command);
 	// Hands queued frames to the sockets until one would block.
 	void _Flush(std::deque<Outgoing>& backlog, void* socket, bool router);
-	// Sends the first count frames of backlog as one batch; zmq_send's
-	// result.
-	int _SendBatch(const std::deque<Outgoing>& backlog, size_t count, void* socket);
+	// Sends the first take batches of backlog, frames frames in all, as one
+	// batch; zmq_send's result.
+	int _SendMerged(const std::deque<Outgoing>& backlog, size_t take, size_t frames, void* socket);
 	void _ReceiveFromRouter();
 	void _ReceiveFromDealer(void* socket);
 	// A frame as read from a socket: one frame, or a batch of them.
@@ -199,8 +220,7 @@ private:
 	std::vector<std::deque<Outgoing>> fDealerBacklogs;
 	std::vector<void*> fMonitors;
 	std::deque<Outgoing> fRouterBacklog;
-	// The I/O thread's lists for building and splitting batches.
-	std::vector<FrameSpan> fBatchSpans;
+	// The I/O thread's list for splitting batches.
 	std::vector<FrameSpan> fBatchFrames;
 
 	std::mutex fTableLock;

@@ -77,22 +77,21 @@ uint8* BuildFrame(FrameKind kind, zv_byte_order order, uint64 request, int64 arg
 	return frame;
 }
 
-uint8* BuildBatch(zv_byte_order order, const FrameSpan* frames, size_t count, size_t* size)
+bool WriteEntry(uint8* at, FrameKind kind, zv_byte_order order, uint64 request, int64 argument,
+                const char* name, size_t nameLength, const ZvMessage* message, size_t flatSize)
 {
-	size_t bytes = 0;
-	for (size_t i = 0; i < count; i++)
-		bytes += frames[i].size;
-	const size_t total = BatchSize(count, bytes);
-	uint8* batch = new uint8[total];
+	const size_t frameSize = kFrameHeaderSize + nameLength + flatSize;
+	PutWord32(at, static_cast<uint32>(frameSize), order);
+	uint8* frame = at + kBatchEntryHeader;
+	PutHeader(frame, kind, order, request, argument, nameLength);
+	if (nameLength > 0)
+		memcpy(frame + kFrameHeaderSize, name, nameLength);
+	return message->Flatten(frame + kFrameHeaderSize + nameLength, order) == B_OK;
+}
+
+void WriteBatchHeader(uint8* batch, zv_byte_order order, size_t count)
+{
 	PutHeader(batch, FrameKind::kBatch, order, count, 0, 0);
-	uint8* at = batch + kFrameHeaderSize;
-	for (size_t i = 0; i < count; i++) {
-		PutWord32(at, static_cast<uint32>(frames[i].size), order);
-		memcpy(at + kBatchEntryHeader, frames[i].data, frames[i].size);
-		at += kBatchEntryHeader + frames[i].size;
-	}
-	*size = total;
-	return batch;
 }
 
 bool SplitBatch(const FrameHeader& header, std::vector<FrameSpan>* frames)

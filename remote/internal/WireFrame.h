@@ -81,9 +81,22 @@ struct FrameHeader
 uint8* BuildFrame(FrameKind kind, zv_byte_order order, uint64 request, int64 argument,
                   const char* name, size_t nameLength, const ZvMessage* message, size_t* size);
 
-// Builds a batch of the count frames in a new buffer of *size bytes (free it
-// with delete[]). The caller keeps to kMaxBatchFrames and kMaxBatchBytes.
-uint8* BuildBatch(zv_byte_order order, const FrameSpan* frames, size_t count, size_t* size);
+// The bytes one frame takes as an entry of a batch (its length word
+// included).
+constexpr size_t EntrySize(size_t nameLength, size_t flatSize)
+{
+	return kBatchEntryHeader + kFrameHeaderSize + nameLength + flatSize;
+}
+
+// Writes at "at" a batch entry of EntrySize(nameLength, flatSize) bytes: the
+// length word, then a frame as BuildFrame makes it, with message (not null)
+// flattened in order. False when the message cannot be flattened in that
+// order.
+bool WriteEntry(uint8* at, FrameKind kind, zv_byte_order order, uint64 request, int64 argument,
+                const char* name, size_t nameLength, const ZvMessage* message, size_t flatSize);
+
+// Writes the header of a batch of count frames at batch.
+void WriteBatchHeader(uint8* batch, zv_byte_order order, size_t count);
 
 // The bytes a batch of frames of total bytes takes, entries and header
 // included, for count frames.
