@@ -5,8 +5,9 @@
 // requests come in, answers go out) and one DEALER socket per address it
 // connects to (posts and requests go out, answers come in). Other threads
 // hand it frames through a queue guarded by fLock and wake it with an
-// eventfd that its zmq_poll watches; it hands the frames to ZeroMQ in
-// batches, so a burst of posts costs one wake-up.
+// eventfd that its zmq_poll watches. Posts and requests are flattened
+// straight into the batch at the end of that queue when it is for the same
+// peer, so a burst of posts costs one wake-up and one ZeroMQ message.
 //
 // Requests that arrive are served by a few helper threads, each of which
 // posts one request to its target through ZvLooperRef::SendMessage and

@@ -91,7 +91,8 @@ constexpr size_t EntrySize(size_t nameLength, size_t flatSize)
 // Writes at "at" a batch entry of EntrySize(nameLength, flatSize) bytes: the
 // length word, then a frame as BuildFrame makes it, with message (not null)
 // flattened in order. False when the message cannot be flattened in that
-// order.
+// order. (The length word is read only in batches, which stay under
+// kMaxBatchBytes; a bigger frame is sent alone, without it.)
 bool WriteEntry(uint8* at, FrameKind kind, zv_byte_order order, uint64 request, int64 argument,
                 const char* name, size_t nameLength, const ZvMessage* message, size_t flatSize);
 
