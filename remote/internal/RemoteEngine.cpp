@@ -16,6 +16,12 @@ namespace internal {
 
 namespace {
 
+// The size a sender's batches stay under (receivers take up to
+// kMaxBatchBytes): big enough to carry a burst of small posts in few
+// ZeroMQ messages, small enough for the allocator to keep reusing.
+constexpr size_t kSendBatchBytes = 16 * 1024;
+// Whole batch buffers kept for reuse.
+constexpr size_t kSpareBuffers = 2;
 // Request helper threads: requests waiting for answers at once.
 constexpr int kHelpers = 4;
 // Frames read from one socket before the others get their turn.
@@ -148,6 +154,12 @@ void RemoteEngine::Stop()
 		fOutbox.clear();
 	}
 
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		for (uint8* buffer : fSpareBuffers)
+			delete[] buffer;
+		fSpareBuffers.clear();
+	}
 	zmq_ctx_term(fContext);
 	close(fWakeFd);
 }
@@ -385,7 +397,7 @@ status_t RemoteEngine::_EnqueueMessage(int32 peer, FrameKind kind, uint64 reques
 	if (!fOutbox.empty()) {
 		Outgoing& last = fOutbox.back();
 		if (last.count > 0 && last.peer == peer && last.order == order &&
-		    last.count < kMaxBatchFrames && last.size + entry <= kMaxBatchBytes)
+		    last.count < kMaxBatchFrames && last.size + entry <= kSendBatchBytes)
 			batch = &last;
 	}
 	const bool fresh = batch == nullptr;
@@ -397,11 +409,20 @@ status_t RemoteEngine::_EnqueueMessage(int32 peer, FrameKind kind, uint64 reques
 		batch->size = kFrameHeaderSize;
 	}
 	if (batch->size + entry > batch->capacity) {
-		// Doubling, from a size that suits one small message.
-		const size_t capacity =
+		// Doubling, from a size that suits one small message; a batch that
+		// grows takes a whole spare buffer when there is one.
+		size_t capacity =
 		    std::max(batch->size + entry,
-		             std::min(std::max<size_t>(batch->capacity * 2, 512), kMaxBatchBytes));
-		uint8* grown = new uint8[capacity];
+		             std::min(std::max<size_t>(batch->capacity * 2, 512), kSendBatchBytes));
+		uint8* grown;
+		if (batch->data != nullptr && !fSpareBuffers.empty() &&
+		    batch->size + entry <= kSendBatchBytes) {
+			grown = fSpareBuffers.back();
+			fSpareBuffers.pop_back();
+			capacity = kSendBatchBytes;
+		} else {
+			grown = new uint8[capacity];
+		}
 		if (batch->data != nullptr) {
 			memcpy(grown, batch->data, batch->size);
 			delete[] batch->data;
@@ -677,7 +698,7 @@ void RemoteEngine::_Flush(std::deque<Outgoing>& backlog, void* socket, bool rout
 			size_t size = first.size;
 			while (take < backlog.size() && backlog[take].order == first.order &&
 			       frames + backlog[take].count <= kMaxBatchFrames &&
-			       size + backlog[take].size - kFrameHeaderSize <= kMaxBatchBytes) {
+			       size + backlog[take].size - kFrameHeaderSize <= kSendBatchBytes) {
 				size += backlog[take].size - kFrameHeaderSize;
 				frames += backlog[take].count;
 				take++;
@@ -708,7 +729,11 @@ void RemoteEngine::_Flush(std::deque<Outgoing>& backlog, void* socket, bool rout
 			fStats.framesSent.fetch_add(frames, std::memory_order_relaxed);
 		}
 		for (size_t i = 0; i < take; i++) {
-			delete[] backlog.front().data;
+			Outgoing& done = backlog.front();
+			if (done.capacity == kSendBatchBytes)
+				fRecycle.push_back(done.data);
+			else
+				delete[] done.data;
 			backlog.pop_front();
 		}
 		handled += frames;
@@ -754,7 +779,17 @@ void RemoteEngine::_FrameDone(size_t count)
 		std::lock_guard<std::mutex> hold(fLock);
 		fOutstanding -= count;
 		notify = fRoomWaiters > 0;
+		// Whole batch buffers are kept for the next bursts: a buffer of
+		// 64 KiB given back to the system and taken again costs a page
+		// fault per page.
+		while (!fRecycle.empty() && fSpareBuffers.size() < kSpareBuffers) {
+			fSpareBuffers.push_back(fRecycle.back());
+			fRecycle.pop_back();
+		}
 	}
+	for (uint8* buffer : fRecycle)
+		delete[] buffer;
+	fRecycle.clear();
 	if (notify)
 		fRoom.notify_all();
 }
@@ -829,7 +864,8 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 	FrameHeader header;
 	if (identity == nullptr || !ReadFrameHeader(data, size, &header) ||
 	    header.kind != FrameKind::kBatch) {
-		_HandleFrame(identity, data, size, nullptr);
+		TargetCache cache;
+		_HandleFrame(identity, data, size, &cache);
 		return;
 	}
 	// A batch that is not well formed is refused whole, as one frame; in a
@@ -875,13 +911,14 @@ void RemoteEngine::_HandleFrame(const std::string* identity, const uint8* data, 
 		return;
 	}
 
-	ZvLooperRef target;
-	if (!_FindTarget(header, cache, &target)) {
+	const ZvLooperRef* found = _FindTarget(header, cache);
+	if (found == nullptr) {
 		_Refuse(fStats.refusedUnknownTarget, "unknown target", size, &header);
 		if (isRequest)
 			_SendAnswer(*identity, header.request, B_BAD_VALUE, nullptr);
 		return;
 	}
+	const ZvLooperRef& target = *found;
 	// The message is read into one of its own, which the looper (a post)
 	// or a helper (a request) takes over. The bounded reader checks the
 	// block; the block must also be all of the frame's remaining bytes.
@@ -967,24 +1004,19 @@ void RemoteEngine::_HandleAnswer(const FrameHeader& header)
 	waiter->answered.notify_all();
 }
 
-bool RemoteEngine::_FindTarget(const FrameHeader& header, TargetCache* cache, ZvLooperRef* target)
+const ZvLooperRef* RemoteEngine::_FindTarget(const FrameHeader& header, TargetCache* cache)
 {
 	const std::string_view name(header.name, header.nameLength);
-	if (cache != nullptr && cache->found && cache->name == name) {
-		*target = cache->target;
-		return true;
-	}
+	if (cache->found && cache->name == name)
+		return &cache->target;
 	std::lock_guard<std::mutex> hold(fTableLock);
 	const auto found = fPublished.find(name);
 	if (found == fPublished.end())
-		return false;
-	*target = found->second;
-	if (cache != nullptr) {
-		cache->found = true;
-		cache->name = found->first;
-		cache->target = found->second;
-	}
-	return true;
+		return nullptr;
+	cache->found = true;
+	cache->name = found->first;
+	cache->target = found->second;
+	return &cache->target;
 }
 
 void RemoteEngine::_Refuse(std::atomic<uint64>& counter, const char* reason, size_t size,

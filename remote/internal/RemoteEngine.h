@@ -172,8 +172,8 @@ private:
 	void _ReceiveFromDealer(void* socket);
 	// A frame as read from a socket: one frame, or a batch of them.
 	void _HandleIncoming(const std::string* identity, const uint8* data, size_t size);
-	// The target last found for the frames of one batch, which mostly
-	// name the same one.
+	// The target last found for the frames of one ZeroMQ message (a batch
+	// mostly names one target throughout).
 	struct TargetCache
 	{
 		bool found = false;
@@ -181,13 +181,15 @@ private:
 		ZvLooperRef target;
 	};
 
-	// One post, request or answer, alone (cache null) or taken from a batch.
+	// One post, request or answer, alone or taken from a batch.
 	void _HandleFrame(const std::string* identity, const uint8* data, size_t size,
 	                  TargetCache* cache);
 	void _HandleAnswer(const FrameHeader& header);
 	void _Refuse(std::atomic<uint64>& counter, const char* reason, size_t size,
 	             const FrameHeader* header);
-	bool _FindTarget(const FrameHeader& header, TargetCache* cache, ZvLooperRef* target);
+	// The ref published under the header's name, held by cache; null when
+	// there is none.
+	const ZvLooperRef* _FindTarget(const FrameHeader& header, TargetCache* cache);
 	void _FrameDone(size_t count);
 	// Watches socket's connections through a monitor socket.
 	void _Monitor(void* socket);
@@ -201,7 +203,7 @@ private:
 	std::thread fThread;
 	std::atomic<bool> fStopped{false};
 
-	// Guards everything up to fOutstanding.
+	// Guards everything up to fLingerMs.
 	std::mutex fLock;
 	std::condition_variable fRoom;
 	std::condition_variable fCommandDone;
@@ -211,6 +213,8 @@ private:
 	bool fStopping = false;
 	bool fWakePending = false;
 	int32 fRoomWaiters = 0;
+	// Buffers of kMaxBatchBytes that batches are done with.
+	std::vector<uint8*> fSpareBuffers;
 	size_t fOutstanding = 0;
 	int32 fQueueLimit = 10000;
 	int fLingerMs = 1000;
@@ -221,8 +225,10 @@ private:
 	std::vector<std::deque<Outgoing>> fDealerBacklogs;
 	std::vector<void*> fMonitors;
 	std::deque<Outgoing> fRouterBacklog;
-	// The I/O thread's list for splitting batches.
+	// The I/O thread's list for splitting batches, and of batch buffers to
+	// give back.
 	std::vector<FrameSpan> fBatchFrames;
+	std::vector<uint8*> fRecycle;
 
 	std::mutex fTableLock;
 	std::map<std::string, ZvLooperRef, std::less<>> fPublished;
