@@ -35,9 +35,12 @@ int64 Counter(const ZvMessage& stats, const char* name)
 
 TEST(RemoteProcesses, FourSenderProcessesDeliver100000MessagesInOrderWithNoneLost)
 {
+	// 4 sender processes post 25,000 messages each: 100,000 in total, one
+	// receiving looper, each sender's order checked.
 	zvtest::Watchdog watchdog(290s, "four senders");
 	constexpr int kSenders = 4;
 	constexpr int32 kEach = 25000;
+	static_assert(kSenders * kEach == 100000, "100,000 messages in all");
 	SocketFolder folder;
 	ASSERT_TRUE(folder.IsValid());
 	const std::string address = folder.Address("sink");
