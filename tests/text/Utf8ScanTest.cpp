@@ -109,16 +109,20 @@ TEST(Utf8Scan, EveryBlockTestCountsRandomBytesAsThePlainWalk)
 
 TEST(Utf8Scan, OneBadByteAtEveryOffsetOfLongTextIsCountedAsThePlainWalk)
 {
-	// A long run of three-byte characters with one byte replaced, at every
-	// offset across several blocks, by each kind of bad byte.
-	std::string base;
-	while (base.size() < 300)
-		base += "\xE6\x97\xA5";
-	for (const char bad : {'\x80', '\xC3', '\xE3', '\xF0', 'a'}) {
-		for (size_t at = 0; at < base.size(); at++) {
-			std::string text = base;
-			text[at] = bad;
-			ExpectEveryKindCountsAsThePlainWalk(text, "one bad byte");
+	// Long runs of three-byte characters and of ASCII with one byte
+	// replaced, at every offset across several blocks, by each kind of bad
+	// byte: a lead just before an ASCII block reaches into it.
+	std::string cjk;
+	while (cjk.size() < 300)
+		cjk += "\xE6\x97\xA5";
+	const std::string ascii(300, 'a');
+	for (const std::string& base : {cjk, ascii}) {
+		for (const char bad : {'\x80', '\xC3', '\xE3', '\xF0', 'a'}) {
+			for (size_t at = 0; at < base.size(); at++) {
+				std::string text = base;
+				text[at] = bad;
+				ExpectEveryKindCountsAsThePlainWalk(text, "one bad byte");
+			}
 		}
 	}
 }
