@@ -18,7 +18,6 @@
 #include <utility>
 
 using zvkit::internal::CharSize;
-using zvkit::internal::CopyAndCountChars;
 using zvkit::internal::CountChars;
 using zvkit::internal::WalkChars;
 
@@ -319,12 +318,9 @@ void UTFString::AssignBytes(const char* bytes, size_t byteLength)
 {
 	// Copy before releasing: bytes may lie in the current buffer.
 	char* buffer = new char[byteLength + 1];
-	const size_t length = CopyAndCountChars(buffer, bytes, byteLength);
+	memcpy(buffer, bytes, byteLength);
 	buffer[byteLength] = '\0';
-	delete[] fBuffer;
-	fBuffer = buffer;
-	fLength = static_cast<uint32>(length);
-	fLengthExact = true;
+	Adopt(buffer, byteLength);
 }
 
 size_t UTFString::ByteOffsetOf(uint32 index) const

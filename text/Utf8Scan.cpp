@@ -339,32 +339,6 @@ size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked, bool*
 	return i;
 }
 
-size_t CopyAndCountChars(char* destination, const char* source, size_t n)
-{
-	// Copied and counted a piece at a time, so that the count reads each
-	// piece while it is still in the first-level cache. The walk over a
-	// piece starts at a character start (where the walk over the whole text
-	// stands), so the pieces' counts add up to the whole text's; a character
-	// running past a piece's end is counted once, in the piece where it
-	// starts, and the next piece's walk starts after it.
-	const size_t kPiece = 16384;
-	const BlockScan scan = TheBlockScan();
-	size_t count = 0;
-	size_t walked = 0;
-	for (size_t copied = 0; copied < n;) {
-		const size_t end = std::min(n, copied + kPiece);
-		memcpy(destination + copied, source + copied, end - copied);
-		copied = end;
-		if (walked < end) {
-			size_t steps;
-			walked += Walk<false>(scan, destination + walked, end - walked, static_cast<size_t>(-1),
-			                      &steps, nullptr);
-			count += steps;
-		}
-	}
-	return count;
-}
-
 std::vector<BlockScanKind> AvailableBlockScans()
 {
 	std::vector<BlockScanKind> kinds = {BlockScanKind::kWords};

@@ -50,10 +50,6 @@ size_t CountChars(const char* text, size_t n, bool* wellFormed = nullptr);
 size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked = nullptr,
                  bool* cut = nullptr);
 
-// Copies n bytes from source to destination (which must not overlap) and
-// returns CountChars(destination, n), in one pass over the bytes.
-size_t CopyAndCountChars(char* destination, const char* source, size_t n);
-
 // The ways of testing 64-byte blocks; CountChars takes the fastest one the
 // processor has. For tests that compare them.
 enum class BlockScanKind

@@ -13,7 +13,6 @@ namespace {
 
 using zvkit::internal::AvailableBlockScans;
 using zvkit::internal::BlockScanKind;
-using zvkit::internal::CopyAndCountChars;
 using zvkit::internal::CountCharsUsing;
 
 // The walk by lead bytes (0x0-0xB one byte, 0xC-0xD two, 0xE three, 0xF
@@ -126,41 +125,6 @@ TEST(Utf8Scan, OneBadByteAtEveryOffsetOfLongTextIsCountedAsThePlainWalk)
 			}
 		}
 	}
-}
-
-TEST(Utf8Scan, CopyingAndCountingGivesTheBytesAndTheCountOfThePlainWalk)
-{
-	// Texts of several copy pieces (16 KiB), well-formed and malformed, with
-	// characters that straddle the pieces' edges and a last one cut short.
-	std::mt19937 random(3);
-	for (int round = 0; round < 60; round++) {
-		const size_t size = random() % 70000;
-		const unsigned rareness = round % 3 == 0 ? 0 : 2 + static_cast<unsigned>(random() % 500);
-		std::string text = RandomText(random, size, rareness);
-		if (round % 4 == 1 && !text.empty())
-			text.back() = '\xF0';
-		bool wellFormed;
-		const size_t plain = PlainCount(text, &wellFormed);
-		std::vector<char> copy(text.size() + 1, '\x55');
-		ASSERT_EQ(CopyAndCountChars(copy.data(), text.data(), text.size()), plain) << round;
-		ASSERT_EQ(std::string(copy.data(), text.size()), text) << round;
-		EXPECT_EQ(copy[text.size()], '\x55') << "wrote past the end";
-	}
-	// A lead byte at every offset around the first piece edge.
-	for (size_t at = 16384 - 4; at < 16384 + 4; at++) {
-		for (const char lead : {'\xC3', '\xE3', '\xF0'}) {
-			std::string text(20000, 'a');
-			text[at] = lead;
-			bool wellFormed;
-			std::vector<char> copy(text.size());
-			EXPECT_EQ(CopyAndCountChars(copy.data(), text.data(), text.size()),
-			          PlainCount(text, &wellFormed))
-			    << at;
-		}
-	}
-	char nothing = 'x';
-	EXPECT_EQ(CopyAndCountChars(&nothing, "", 0), 0u);
-	EXPECT_EQ(nothing, 'x');
 }
 
 } // namespace
