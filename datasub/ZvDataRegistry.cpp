@@ -143,11 +143,16 @@ void ZvDataRegistry::dr_AddEntry(zv_data_registry_entry* entry)
 
 void ZvDataRegistry::dr_RemoveEntry(zv_data_registry_entry* entry)
 {
-	// The newest attributes are the likeliest to go: look from the end (an
-	// entry is in the list once).
-	for (int32 i = fEntries.CountItems() - 1; i >= 0; i--) {
-		if (fEntries.ItemAt(i) == entry) {
-			fEntries.RemoveItem(i);
+	// The newest and the oldest attributes are the likeliest to go: look
+	// from both ends at once (an entry is in the list once).
+	zv_data_registry_entry* const* slots = fEntries.items;
+	for (int32 front = 0, back = fEntries.CountItems() - 1; front <= back; front++, back--) {
+		if (slots[back] == entry) {
+			fEntries.RemoveItem(back);
+			break;
+		}
+		if (slots[front] == entry) {
+			fEntries.RemoveItem(front);
 			break;
 		}
 	}

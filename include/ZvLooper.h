@@ -65,7 +65,6 @@ class HandlerSet;
 
 class ZvMessage;
 class ZvMessageQueue;
-struct zv_looper_life;
 
 namespace zvkit::internal {
 class LooperControl;
@@ -177,7 +176,12 @@ private:
 	// Takes, without waiting, up to 32 of the units already there; returns
 	// how many.
 	int32 _TakeAhead(uint32 access);
+	// Queues message (now the looper's) and releases a unit of access for
+	// it, whether or not it was queued: the post of PostMessage.
 	void _Post(ZvMessage* message, const ZvHandler* handler);
+	// Adds "_preferredhandler" for handler and queues message, waiting at
+	// most timeout for room; on failure deletes it. The queue's result.
+	status_t _Enqueue(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout);
 	// Checked mode, before a post: false (reported) when this looper is
 	// gone; reports a forwarded message and a post from the looper's own
 	// thread that will block for ever.
@@ -207,11 +211,10 @@ private:
 	// The attached handlers as a set, made once the list grows long, so that
 	// a dispatch does not walk the list; changed with it, under both locks.
 	zvkit::internal::HandlerSet* fHandlerSet;
-	// This looper's entry in the process-wide table of live loopers, which
-	// lets Quit tell whether the looper still exists (see Quit).
-	zv_looper_life* fRecord;
 	// Shared with the refs and handlers that name this looper (see
-	// ZvLooperRef.h); the looper holds one reference.
+	// ZvLooperRef.h) and with the process-wide table of live loopers, which
+	// lets Quit tell whether the looper still exists (see Quit); the looper
+	// holds one reference.
 	zvkit::internal::LooperControl* fControl;
 
 	// What every post reads, on a cache line of its own: the loop writes

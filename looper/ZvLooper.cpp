@@ -16,14 +16,14 @@
 #include "looper/internal/LiveLoopers.h"
 #include "looper/internal/LooperControl.h"
 
-#include <memory>
 #include <unordered_map>
 #include <unordered_set>
 
 using zvkit::internal::AcquireSemaphore;
 using zvkit::internal::kNoSemaphore;
 using zvkit::internal::LockHolder;
-using zvkit::internal::SpinUntil;
+using zvkit::internal::LooperControl;
+using zvkit::internal::PollFor;
 using zvkit::internal::WaitResult;
 
 // How Quit stays clear of a looper that its own thread has deleted.
@@ -36,35 +36,28 @@ using zvkit::internal::WaitResult;
 // (a caller's error, which Quit survives as long as no other looper was
 // built at the same address since).
 //
-// Every looper therefore has a life record, kept in a process-wide table of
-// live loopers keyed by the looper's address:
+// Every looper therefore is entered, with its control block (see
+// LooperControl.h), in a process-wide table of live loopers keyed by the
+// looper's address:
 //
-//  - the table holds the record from the constructor until the looper's
+//  - the table holds the block from the constructor until the looper's
 //    death begins (in LooperCaller, before the delete, and in the
 //    destructor for a looper that was never run);
-//  - the record's guard is held by Quit across its steps 1 to 3 and by the
-//    "QUIT" path of DispatchMessage across the same steps; the death of the
-//    looper takes the guard to mark the record dead, so it waits for those
-//    steps to finish and they never overlap the delete;
-//  - the record also keeps the thread identifier, so step 4 reads nothing
+//  - the block's end guard is held by Quit across its steps 1 to 3 and by
+//    the "QUIT" path of DispatchMessage across the same steps; the death of
+//    the looper takes the guard to mark the block dead, so it waits for
+//    those steps to finish and they never overlap the delete;
+//  - the block also keeps the thread identifier, so step 4 reads nothing
 //    from the looper: Quit copies what it needs under the guard and waits
 //    outside it (the thread is deleting the looper meanwhile).
 //
 // Quit looks its looper up by address and reads nothing from the object
-// itself before it holds the guard of a live record: entered on a live
-// looper, it is safe whenever the thread ends. The record is shared (the
-// table and each Quit in flight hold a reference), so it outlives the
-// looper as long as needed. Two threads may quit the same looper: the
-// second finds the record dead, or the semaphore and lock already gone.
-struct zv_looper_life
-{
-	// Serialises the ending steps (Quit, the "QUIT" path) against the
-	// looper's death, and two endings against each other, so that the
-	// looper's lock and semaphore are never deleted twice.
-	std::mutex guard;
-	bool alive = true;
-	uint32 thread = 0;
-};
+// itself before it holds the guard of a block that is not dead: entered on
+// a live looper, it is safe whenever the thread ends. The block is
+// refcounted (the table and each Quit in flight hold a reference), so it
+// outlives the looper as long as needed. Two threads may quit the same
+// looper: the second finds the block dead, or the semaphore and lock
+// already gone.
 
 namespace zvkit::internal {
 
@@ -105,8 +98,6 @@ const int32 kMaxTakenAhead = 32;
 // bound (milliseconds).
 const int32 kStallGraceMs = 100;
 
-// Polls between two looks at the clock.
-const int kPollsPerClockRead = 16;
 const char* const kPreferredHandlerField = "_preferredhandler";
 const int32 kHandlerListStep = 16;
 // How long an ending looper waits for the posters through refs before it
@@ -116,10 +107,11 @@ const bigtime_t kRetireWait = 100000;
 // Handler lists at least this long are also kept as a set.
 const int32 kHandlerSetThreshold = 16;
 
+// Each entry holds a reference to the looper's control block.
 struct LooperTable
 {
 	std::mutex lock;
-	std::unordered_map<const ZvLooper*, std::shared_ptr<zv_looper_life>> live;
+	std::unordered_map<const ZvLooper*, LooperControl*> live;
 };
 
 // Never destroyed: looper threads may still end (and unregister) while the
@@ -130,35 +122,39 @@ LooperTable& Table()
 	return *table;
 }
 
-zv_looper_life* Register(const ZvLooper* looper)
+void Register(const ZvLooper* looper, LooperControl* control)
 {
-	std::shared_ptr<zv_looper_life> record = std::make_shared<zv_looper_life>();
+	control->Acquire();
 	LooperTable& table = Table();
 	std::lock_guard<std::mutex> hold(table.lock);
-	table.live[looper] = record;
-	return record.get();
+	table.live[looper] = control;
 }
 
-std::shared_ptr<zv_looper_life> Find(const ZvLooper* looper)
+// The looper's block with a reference for the caller, or null when the
+// looper is not in the table.
+LooperControl* Find(const ZvLooper* looper)
 {
 	LooperTable& table = Table();
 	std::lock_guard<std::mutex> hold(table.lock);
 	auto found = table.live.find(looper);
 	if (found == table.live.end())
 		return nullptr;
+	found->second->Acquire();
 	return found->second;
 }
 
-std::shared_ptr<zv_looper_life> Take(const ZvLooper* looper)
+// Takes the looper out of the table; its block with the table's
+// reference, now the caller's, or null when it was not there.
+LooperControl* Take(const ZvLooper* looper)
 {
 	LooperTable& table = Table();
 	std::lock_guard<std::mutex> hold(table.lock);
 	auto found = table.live.find(looper);
 	if (found == table.live.end())
 		return nullptr;
-	std::shared_ptr<zv_looper_life> record = std::move(found->second);
+	LooperControl* control = found->second;
 	table.live.erase(found);
-	return record;
+	return control;
 }
 
 int32 LooperEntry(void* data)
@@ -170,7 +166,11 @@ int32 LooperEntry(void* data)
 
 bool zvkit::internal::LooperIsLive(const ZvLooper* looper)
 {
-	return looper != nullptr && Find(looper) != nullptr;
+	if (looper == nullptr)
+		return false;
+	LooperTable& table = Table();
+	std::lock_guard<std::mutex> hold(table.lock);
+	return table.live.count(looper) != 0;
 }
 
 bool zvkit::internal::CheckLooperLive(const ZvLooper* looper, const char* member)
@@ -187,9 +187,8 @@ bool zvkit::internal::CheckLooperLive(const ZvLooper* looper, const char* member
 ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCapacity)
     : ZvHandler(name), ZvLocker(), fQueueCapacity(queueCapacity), fRunning(false),
       fPriority(priority), fPreferredHandler(nullptr), fHandlers(kHandlerListStep), fThread(0),
-      fHandlerSet(nullptr), fRecord(nullptr), fControl(nullptr), fQueue(nullptr),
-      fLooperAccess(kNoSemaphore), fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1),
-      fStallReported(false)
+      fHandlerSet(nullptr), fControl(nullptr), fQueue(nullptr), fLooperAccess(kNoSemaphore),
+      fCurrentMessage(nullptr), fPollFailures(0), fPollSkips(1), fStallReported(false)
 {
 	// Before AddHandler: attaching records the looper's block.
 	fControl = new zvkit::internal::LooperControl(this);
@@ -197,7 +196,7 @@ ZvLooper::ZvLooper(const char* name, zv_thread_priority priority, int32 queueCap
 	fPreferredHandler = this;
 	AddHandler(this);
 	fLooperAccess.store(ZvSemaphore::Create(0, "fLooperAccess"), std::memory_order_release);
-	fRecord = Register(this);
+	Register(this, fControl);
 }
 
 ZvLooper::~ZvLooper()
@@ -228,16 +227,12 @@ ZvLooper::~ZvLooper()
 bool ZvLooper::Run()
 {
 	// A second thread would delete the looper a second time.
-	if (fThread.load(std::memory_order_acquire) != 0 || fRecord == nullptr)
+	if (fThread.load(std::memory_order_acquire) != 0)
 		return false;
 
 	const int32 thread = ZvThread::Create(&LooperEntry, this, fPriority, nullptr);
 	fThread.store(static_cast<uint32>(thread), std::memory_order_release);
 	fControl->SetThread(static_cast<uint32>(thread));
-	{
-		std::lock_guard<std::mutex> hold(fRecord->guard);
-		fRecord->thread = static_cast<uint32>(thread);
-	}
 	fRunning.store(true, std::memory_order_relaxed);
 	// From the resume on, the thread may end and delete this looper at any
 	// time (a "QUIT" message may already be queued): only the local copy of
@@ -247,8 +242,8 @@ bool ZvLooper::Run()
 
 bool ZvLooper::Quit()
 {
-	std::shared_ptr<zv_looper_life> record = Find(this);
-	if (record == nullptr) {
+	LooperControl* control = Find(this);
+	if (control == nullptr) {
 		if (zvkit::internal::ChecksOn()) {
 			zvkit::internal::CheckReport("ZvLooper::Quit",
 			                             "looper %p has ended and been deleted (a stale link); "
@@ -262,11 +257,12 @@ bool ZvLooper::Quit()
 	{
 		// While the guard is held the looper cannot be deleted: its death
 		// waits for the guard before the delete (see the comment at the top).
-		std::lock_guard<std::mutex> hold(record->guard);
-		if (record->alive)
+		std::lock_guard<std::mutex> hold(control->EndGuard());
+		if (!control->IsDead())
 			_EndLoop();
-		thread = record->thread;
+		thread = control->Thread();
 	}
+	control->Release();
 
 	// From here on the looper may be gone; only the copies are used.
 	if (thread == ZvThread::CurrentID())
@@ -452,9 +448,7 @@ void ZvLooper::DispatchMessage(ZvMessage* message, ZvHandler* target)
 		if (!Lock())
 			return;
 		// Serialised with a Quit from another thread (see the top).
-		std::unique_lock<std::mutex> hold;
-		if (fRecord != nullptr)
-			hold = std::unique_lock<std::mutex>(fRecord->guard);
+		const std::lock_guard<std::mutex> hold(fControl->EndGuard());
 		_EndLoop();
 		return;
 	}
@@ -555,18 +549,14 @@ bool ZvLooper::_AwaitMessage(uint32 access)
 		return first != WaitResult::kFailed;
 	// Polling is on once the run of short waits has been counted down.
 	if (fPollSkips <= 0) {
-		const bigtime_t until = system_time() + kPollBudget;
 		WaitResult polled = WaitResult::kTimedOut;
-		const auto poll = [&] {
-			polled = AcquireSemaphore(access, 0);
-			return polled != WaitResult::kTimedOut;
-		};
-		do {
-			if (SpinUntil(kPollsPerClockRead, 1, poll)) {
-				fPollFailures = 0;
-				return polled != WaitResult::kFailed;
-			}
-		} while (system_time() < until);
+		if (PollFor(kPollBudget, -1, [&] {
+			    polled = AcquireSemaphore(access, 0);
+			    return polled != WaitResult::kTimedOut;
+		    })) {
+			fPollFailures = 0;
+			return polled != WaitResult::kFailed;
+		}
 		fPollFailures = MIN(fPollFailures + 1, kMaxPollFailures);
 		fPollSkips = 1 << fPollFailures;
 	}
@@ -630,30 +620,34 @@ int32 ZvLooper::_TakeAhead(uint32 access)
 
 void ZvLooper::_Post(ZvMessage* message, const ZvHandler* handler)
 {
-	if (handler != nullptr)
-		message->AddPointer(kPreferredHandlerField, handler);
-	// Posting takes only the queue's lock, never the looper's, so a handler
-	// may post to its own looper from MessageReceived.
-	if (!fQueue->TryAddMessage(message))
-		delete message;
-	// After Quit this is semaphore 0 and the release fails; the message then
-	// stays queued and is deleted with the queue.
+	_Enqueue(message, handler, B_INFINITE_TIMEOUT);
+	// Released whether or not the message was queued: a unit without a
+	// message makes the loop find the queue empty, which it passes over.
+	// After Quit this is semaphore 0 and the release fails; a queued message
+	// then stays queued and is deleted with the queue.
 	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
 }
 
 status_t ZvLooper::_PostOwned(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout)
 {
+	const status_t status = _Enqueue(message, handler, timeout);
+	// Only a queued message gets its unit: a refused post leaves the loop
+	// as it was.
+	if (status == B_OK)
+		ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
+	return status;
+}
+
+status_t ZvLooper::_Enqueue(ZvMessage* message, const ZvHandler* handler, bigtime_t timeout)
+{
 	if (handler != nullptr)
 		message->AddPointer(kPreferredHandlerField, handler);
+	// Posting takes only the queue's lock, never the looper's, so a handler
+	// may post to its own looper from MessageReceived.
 	const status_t status = fQueue->_AddMessageEtc(message, timeout);
-	if (status != B_OK) {
+	if (status != B_OK)
 		delete message;
-		return status;
-	}
-	// As in _Post: after Quit the release fails and the message stays
-	// queued until the queue is deleted.
-	ZvSemaphore::Release(fLooperAccess.load(std::memory_order_acquire));
-	return B_OK;
+	return status;
 }
 
 void ZvLooper::_Retire()
@@ -707,12 +701,12 @@ void ZvLooper::_EndLoop()
 
 void ZvLooper::_Unregister()
 {
-	if (fRecord == nullptr)
-		return;
-	std::shared_ptr<zv_looper_life> record = Take(this);
-	if (record != nullptr) {
-		std::lock_guard<std::mutex> hold(record->guard);
-		record->alive = false;
+	// Out of the table, then marked dead once a Quit in flight has finished
+	// with the looper. A second call (the destructor after LooperCaller)
+	// finds nothing to take.
+	LooperControl* control = Take(this);
+	if (control != nullptr) {
+		control->MarkDead();
+		control->Release();
 	}
-	fRecord = nullptr;
 }

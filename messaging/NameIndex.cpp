@@ -33,7 +33,7 @@ uint32 HashName(const char* name, bool* tooLong)
 } // namespace
 
 NameIndex::NameIndex(const ZvList<ZvMessageItem*>& list)
-    : fSlots(kFirstSlots, nullptr), fFields(0), fCount(0)
+    : fSlots(new Slot[kFirstSlots]()), fSize(kFirstSlots), fFields(0), fCount(0)
 {
 	for (int32 i = 0; i < list.CountItems(); i++)
 		Added(list.ItemAt(i));
@@ -41,17 +41,32 @@ NameIndex::NameIndex(const ZvList<ZvMessageItem*>& list)
 
 NameIndex::~NameIndex()
 {
-	for (Field* field : fSlots)
-		delete field;
+	for (size_t i = 0; i < fSize; i++) {
+		if (fSlots[i].kind == kField)
+			delete fSlots[i].field;
+	}
+	delete[] fSlots;
+}
+
+NameIndex::Names NameIndex::_NamesOf(const Slot& slot)
+{
+	if (slot.kind == kSingle)
+		return Names{&slot.item, 1, slot.item->type, false};
+	const Field* field = slot.field;
+	return Names{field->items.data(), field->items.size(), field->type, field->mixed};
+}
+
+const char* NameIndex::_NameOf(const Slot& slot)
+{
+	return slot.kind == kSingle ? slot.item->name : slot.field->name;
 }
 
 size_t NameIndex::_Slot(const char* name, uint32 hash) const
 {
-	const size_t mask = fSlots.size() - 1;
+	const size_t mask = fSize - 1;
 	size_t slot = hash & mask;
-	while (fSlots[slot] != nullptr) {
-		const Field* field = fSlots[slot];
-		if (field->hash == hash && strcmp(field->name, name) == 0)
+	while (fSlots[slot].kind != kEmpty) {
+		if (fSlots[slot].hash == hash && strcmp(_NameOf(fSlots[slot]), name) == 0)
 			break;
 		slot = (slot + 1) & mask;
 	}
@@ -60,36 +75,40 @@ size_t NameIndex::_Slot(const char* name, uint32 hash) const
 
 void NameIndex::_Grow()
 {
-	std::vector<Field*> old(fSlots.size() * 2, nullptr);
-	old.swap(fSlots);
-	const size_t mask = fSlots.size() - 1;
-	for (Field* field : old) {
-		if (field == nullptr)
+	Slot* old = fSlots;
+	const size_t oldSize = fSize;
+	fSize = oldSize * 2;
+	fSlots = new Slot[fSize]();
+	const size_t mask = fSize - 1;
+	for (size_t i = 0; i < oldSize; i++) {
+		if (old[i].kind == kEmpty)
 			continue;
-		size_t slot = field->hash & mask;
-		while (fSlots[slot] != nullptr)
+		size_t slot = old[i].hash & mask;
+		while (fSlots[slot].kind != kEmpty)
 			slot = (slot + 1) & mask;
-		fSlots[slot] = field;
+		fSlots[slot] = old[i];
 	}
+	delete[] old;
 }
 
 void NameIndex::_Erase(size_t slot)
 {
 	// Backward-shift deletion: later entries of the probe run move into the
 	// hole when their home slot does not lie between the hole and them.
-	delete fSlots[slot];
-	fSlots[slot] = nullptr;
+	if (fSlots[slot].kind == kField)
+		delete fSlots[slot].field;
+	fSlots[slot] = Slot();
 	fFields--;
-	const size_t mask = fSlots.size() - 1;
+	const size_t mask = fSize - 1;
 	size_t hole = slot;
 	size_t next = (slot + 1) & mask;
-	while (fSlots[next] != nullptr) {
-		const size_t home = fSlots[next]->hash & mask;
+	while (fSlots[next].kind != kEmpty) {
+		const size_t home = fSlots[next].hash & mask;
 		const bool stays =
 		    hole <= next ? (hole < home && home <= next) : (hole < home || home <= next);
 		if (!stays) {
 			fSlots[hole] = fSlots[next];
-			fSlots[next] = nullptr;
+			fSlots[next] = Slot();
 			hole = next;
 		}
 		next = (next + 1) & mask;
@@ -101,23 +120,34 @@ void NameIndex::Added(ZvMessageItem* item)
 	fCount++;
 	bool tooLong;
 	const uint32 hash = HashName(item->name, &tooLong);
-	size_t slot = _Slot(item->name, hash);
-	Field* field = fSlots[slot];
-	if (field == nullptr) {
-		if (static_cast<size_t>(fFields + 1) * 2 > fSlots.size()) {
+	size_t at = _Slot(item->name, hash);
+	Slot& slot = fSlots[at];
+	if (slot.kind == kEmpty) {
+		if (static_cast<size_t>(fFields + 1) * 2 > fSize) {
 			_Grow();
-			slot = _Slot(item->name, hash);
+			at = _Slot(item->name, hash);
 		}
-		field = new Field;
-		field->hash = hash;
-		field->type = item->type;
-		field->mixed = false;
-		memcpy(field->name, item->name, sizeof(field->name));
-		fSlots[slot] = field;
+		fSlots[at].hash = hash;
+		fSlots[at].kind = kSingle;
+		fSlots[at].item = item;
 		fFields++;
-	} else if (item->type != field->type) {
-		field->mixed = true;
+		return;
 	}
+	if (slot.kind == kSingle) {
+		// The name's second item: it gets a record of its own.
+		ZvMessageItem* first = slot.item;
+		Field* field = new Field;
+		field->type = first->type;
+		field->mixed = false;
+		memcpy(field->name, first->name, sizeof(field->name));
+		field->items.reserve(4);
+		field->items.push_back(first);
+		slot.kind = kField;
+		slot.field = field;
+	}
+	Field* field = slot.field;
+	if (item->type != field->type)
+		field->mixed = true;
 	field->items.push_back(item);
 }
 
@@ -126,38 +156,59 @@ void NameIndex::Removed(ZvMessageItem* item)
 	fCount--;
 	bool tooLong;
 	const uint32 hash = HashName(item->name, &tooLong);
-	const size_t slot = _Slot(item->name, hash);
-	Field* field = fSlots[slot];
-	if (field == nullptr)
+	const size_t at = _Slot(item->name, hash);
+	Slot& slot = fSlots[at];
+	if (slot.kind == kEmpty)
 		return;
+	if (slot.kind == kSingle) {
+		if (slot.item == item)
+			_Erase(at);
+		return;
+	}
 	// Items are mostly removed from the end of their name.
-	std::vector<ZvMessageItem*>& items = field->items;
+	std::vector<ZvMessageItem*>& items = slot.field->items;
 	for (size_t i = items.size(); i-- > 0;) {
 		if (items[i] == item) {
 			items.erase(items.begin() + static_cast<ptrdiff_t>(i));
 			break;
 		}
 	}
-	// A name that once mixed types stays marked so: its typed lookups walk
-	// its own items, which is still right.
+	// A name keeps its record down to its last item, and a name that once
+	// mixed types stays marked so: its typed lookups walk its own items,
+	// which is still right.
 	if (items.empty())
-		_Erase(slot);
+		_Erase(at);
 }
 
-const NameIndex::Field* NameIndex::Find(const char* name) const
+bool NameIndex::Find(const char* name, Names* names) const
 {
 	bool tooLong;
 	const uint32 hash = HashName(name, &tooLong);
 	if (tooLong)
-		return nullptr;
-	return fSlots[_Slot(name, hash)];
+		return false;
+	const Slot& slot = fSlots[_Slot(name, hash)];
+	if (slot.kind == kEmpty)
+		return false;
+	*names = _NamesOf(slot);
+	return true;
 }
 
 ZvMessageItem* NameIndex::Find(const char* name, type_code type, int32 index) const
 {
-	const Field* field = Find(name);
-	if (field == nullptr || index < 0)
+	if (index < 0)
 		return nullptr;
+	bool tooLong;
+	const uint32 hash = HashName(name, &tooLong);
+	if (tooLong)
+		return nullptr;
+	const Slot& slot = fSlots[_Slot(name, hash)];
+	if (slot.kind == kSingle) {
+		ZvMessageItem* item = slot.item;
+		return index == 0 && (type == ZV_ANY_TYPE || type == item->type) ? item : nullptr;
+	}
+	if (slot.kind == kEmpty)
+		return nullptr;
+	const Field* field = slot.field;
 	const std::vector<ZvMessageItem*>& items = field->items;
 	if (type == ZV_ANY_TYPE || !field->mixed) {
 		if (type != ZV_ANY_TYPE && type != field->type)

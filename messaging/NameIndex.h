@@ -43,16 +43,16 @@ constexpr int32 kNameIndexThreshold = 24;
 class NameIndex
 {
 public:
-	// The items of one name, in list order.
-	struct Field
+	// The items of one name, in list order, as a lookup hands them out. The
+	// pointers stay valid until the index changes.
+	struct Names
 	{
-		uint32 hash;
+		ZvMessageItem* const* items;
+		size_t count;
 		// The type of the first item, and whether any other item of the name
 		// has another type.
 		type_code type;
 		bool mixed;
-		char name[64];
-		std::vector<ZvMessageItem*> items;
 	};
 
 	// An index of every item of list.
@@ -72,22 +72,55 @@ public:
 	// item, still holding its name, was removed from the list.
 	void Removed(ZvMessageItem* item);
 
-	// The items called name, or null.
-	const Field* Find(const char* name) const;
+	// The items called name in *names; false when there are none.
+	bool Find(const char* name, Names* names) const;
 	// The index-th item called name whose type is type (ZV_ANY_TYPE: any),
 	// or null.
 	ZvMessageItem* Find(const char* name, type_code type, int32 index) const;
 
-	// Calls visit(field) for every distinct name.
+	// Calls visit(names) for every distinct name.
 	template <typename Visit> void ForEachField(Visit visit) const
 	{
-		for (const Field* field : fSlots) {
-			if (field != nullptr)
-				visit(*field);
+		for (size_t i = 0; i < fSize; i++) {
+			if (fSlots[i].kind != kEmpty)
+				visit(_NamesOf(fSlots[i]));
 		}
 	}
 
 private:
+	// A name of two items or more: its items in list order. The name is
+	// kept here too, so that a probe compares it without reaching an item.
+	struct Field
+	{
+		type_code type;
+		bool mixed;
+		char name[64];
+		std::vector<ZvMessageItem*> items;
+	};
+
+	enum : uint32
+	{
+		kEmpty = 0,
+		kSingle = 1,
+		kField = 2
+	};
+
+	// One slot of the table. A name of one item, by far the most common
+	// case, keeps that item here: a lookup then reads the slot and the item
+	// only (the item holds the name it is compared with), with no record
+	// of its own to allocate on the way in or to miss in the cache.
+	struct Slot
+	{
+		uint32 hash;
+		uint32 kind;
+		union {
+			ZvMessageItem* item; // kSingle
+			Field* field;        // kField
+		};
+	};
+
+	static Names _NamesOf(const Slot& slot);
+	static const char* _NameOf(const Slot& slot);
 	// The slot holding name, or the empty slot where it would go.
 	size_t _Slot(const char* name, uint32 hash) const;
 	void _Grow();
@@ -95,7 +128,8 @@ private:
 
 	// Open addressing with linear probing; the size is a power of two and at
 	// most half the slots are used.
-	std::vector<Field*> fSlots;
+	Slot* fSlots;
+	size_t fSize;
 	int32 fFields;
 	int32 fCount;
 };

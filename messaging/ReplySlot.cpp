@@ -16,22 +16,17 @@ namespace {
 
 // A sender polls for its answer before it sleeps: a sleep and its wake-up
 // cost two system calls and often tens of microseconds before the woken
-// thread runs, longer than a looper that is ready takes to answer. Polling
-// pays only while the answering looper runs on another processor at the
-// same time, so a sender polls for at most kPollBudget microseconds, and
-// after a poll that missed it skips polling for its next requests, twice
-// as many after each further miss (up to 2^kMaxPollMisses); a hit starts
-// over. Kept per thread: each sender learns from its own requests.
+// thread runs, longer than a looper that is ready takes to answer. It polls
+// for at most kPollBudget microseconds, and backs off where polling does not
+// pay (see PollBackoff). Kept per thread: each sender learns from its own
+// requests.
 const bigtime_t kPollBudget = 20;
-const int32 kMaxPollMisses = 8;
-const int kPollsPerClockRead = 16;
 
-thread_local int32 tPollMisses = 0;
-thread_local int32 tPollSkips = 0;
+thread_local PollBackoff tSenderPoll;
 
 } // namespace
 
-ReplySlot::ReplySlot() : fRefs(2), fState(kWaiting), fSettled(false), fAnswer(nullptr) {}
+ReplySlot::ReplySlot() : fRefs(2), fState(kWaiting), fSleeping(false), fAnswer(nullptr) {}
 
 ReplySlot::~ReplySlot()
 {
@@ -44,78 +39,76 @@ void ReplySlot::Release()
 		delete this;
 }
 
+// The first answer and the sender's time-out race for the slot with one
+// compare-and-swap on fState each, from kWaiting: whoever wins decides what
+// both sides are told (B_OK to both, or B_TIMED_OUT to both). An answer
+// that wins publishes its copy with a release store; a sender that polls
+// sees it without a lock. Only a sender that sleeps needs fLock: it says so
+// in fSleeping before it looks at fState a last time, and an answer looks
+// at fSleeping after it publishes (both sequentially consistent), so at
+// least one of the two sees the other.
 status_t ReplySlot::Answer(const ZvMessage* reply)
 {
-	// The copy is made before the lock: the sender never waits for it.
+	// The copy is made before the claim: the sender never waits for it.
 	ZvMessage* answer = reply != nullptr ? new ZvMessage(reply) : nullptr;
-	status_t status;
-	{
-		std::lock_guard<std::mutex> hold(fLock);
-		if (fState == kWaiting) {
-			fState = kAnswered;
-			fAnswer = answer;
-			answer = nullptr;
-			fSettled.store(true, std::memory_order_release);
+	int32 state = kWaiting;
+	if (fState.compare_exchange_strong(state, kClaimed, std::memory_order_acq_rel)) {
+		fAnswer = answer;
+		fState.store(kAnswered, std::memory_order_seq_cst);
+		if (fSleeping.load(std::memory_order_seq_cst)) {
+			std::lock_guard<std::mutex> hold(fLock);
 			fAnswered.notify_one();
-			status = B_OK;
-		} else if (fState == kAbandoned) {
-			// Later answers are duplicates, even after a time-out.
-			fState = kAnswered;
-			status = B_TIMED_OUT;
-		} else {
-			status = B_DUPLICATE_REPLY;
 		}
+		return B_OK;
 	}
 	delete answer;
-	return status;
+	// Later answers are duplicates, even after a time-out.
+	if (state == kAbandoned &&
+	    fState.compare_exchange_strong(state, kAnswered, std::memory_order_acq_rel))
+		return B_TIMED_OUT;
+	return B_DUPLICATE_REPLY;
 }
 
 bool ReplySlot::IsSenderWaiting() const
 {
-	std::lock_guard<std::mutex> hold(fLock);
-	return fState == kWaiting;
+	return fState.load(std::memory_order_acquire) == kWaiting;
 }
 
 bool ReplySlot::_PollForAnswer(bigtime_t deadline) const
 {
-	if (tPollSkips > 0) {
-		tPollSkips--;
+	if (!tSenderPoll.ShouldPoll())
 		return false;
+	if (PollFor(kPollBudget, deadline, [this] { return _IsPublished(); })) {
+		tSenderPoll.Hit();
+		return true;
 	}
-	bigtime_t until = system_time() + kPollBudget;
-	if (deadline >= 0 && deadline < until)
-		until = deadline;
-	do {
-		for (int poll = 0; poll < kPollsPerClockRead; poll++) {
-			if (fSettled.load(std::memory_order_acquire)) {
-				tPollMisses = 0;
-				return true;
-			}
-			CpuRelax();
-		}
-	} while (system_time() < until);
-	if (tPollMisses < kMaxPollMisses)
-		tPollMisses++;
-	tPollSkips = 1 << tPollMisses;
+	tSenderPoll.Miss();
 	return false;
+}
+
+bool ReplySlot::_SleepForAnswer(bigtime_t deadline)
+{
+	std::unique_lock<std::mutex> hold(fLock);
+	fSleeping.store(true, std::memory_order_seq_cst);
+	const auto published = [this] { return _IsPublished(); };
+	if (deadline < 0) {
+		fAnswered.wait(hold, published);
+		return true;
+	}
+	const bigtime_t left = deadline - system_time();
+	return fAnswered.wait_for(hold, std::chrono::microseconds(left > 0 ? left : 0), published);
 }
 
 status_t ReplySlot::Wait(bigtime_t deadline, ZvMessage* reply, bool* answered)
 {
-	// Whatever the poll finds, the state is read again under the lock.
-	_PollForAnswer(deadline);
-	std::unique_lock<std::mutex> hold(fLock);
-	const auto done = [this] { return fState != kWaiting; };
-	if (deadline < 0) {
-		fAnswered.wait(hold, done);
-	} else {
-		const bigtime_t left = deadline - system_time();
-		if (!fAnswered.wait_for(hold, std::chrono::microseconds(left > 0 ? left : 0), done)) {
-			fState = kAbandoned;
+	if (!_PollForAnswer(deadline) && !_SleepForAnswer(deadline)) {
+		int32 state = kWaiting;
+		if (fState.compare_exchange_strong(state, kAbandoned, std::memory_order_acq_rel))
 			return B_TIMED_OUT;
-		}
+		// An answer claimed the slot first: it is being published, a matter
+		// of a few instructions, and the sender takes it.
+		_SleepForAnswer(-1);
 	}
-
 	*answered = fAnswer != nullptr;
 	if (fAnswer != nullptr)
 		*reply = *fAnswer;

@@ -51,22 +51,34 @@ private:
 	~ReplySlot();
 	// Polls briefly for the answer before the sender sleeps (see Wait).
 	bool _PollForAnswer(bigtime_t deadline) const;
+	// The sender's sleep until the answer is published or deadline passes
+	// (negative: none); false on the time-out.
+	bool _SleepForAnswer(bigtime_t deadline);
+	bool _IsPublished() const { return fState.load(std::memory_order_seq_cst) == kAnswered; }
 
+	// kWaiting: the sender waits. kClaimed: an answer won and is being
+	// published (the sender may no longer give up). kAnswered: published,
+	// fAnswer final. kAbandoned: the sender gave up; the next answer is
+	// told so and moves the slot to kAnswered.
 	enum State
 	{
 		kWaiting,
+		kClaimed,
 		kAnswered,
 		kAbandoned
 	};
 
 	std::atomic<int32> fRefs;
-	mutable std::mutex fLock;
-	std::condition_variable fAnswered;
-	State fState;
-	// Set with fState leaving kWaiting, for the sender's poll.
-	std::atomic<bool> fSettled;
-	// The reply's copy; null with kAnswered means "no reply".
+	std::atomic<int32> fState;
+	// Set by a sender that sleeps, before it looks at fState once more; an
+	// answer that then sees it wakes the sender under fLock.
+	std::atomic<bool> fSleeping;
+	// The reply's copy, written once before kAnswered; null means "no
+	// reply".
 	ZvMessage* fAnswer;
+	// Only for a sender that sleeps.
+	std::mutex fLock;
+	std::condition_variable fAnswered;
 };
 
 } // namespace zvkit::internal

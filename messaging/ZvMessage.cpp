@@ -199,13 +199,13 @@ int32 ZvMessage::CountNames(type_code type) const
 		if (type == ZV_ANY_TYPE)
 			return index->CountNames();
 		int32 names = 0;
-		index->ForEachField([type, &names](const NameIndex::Field& field) {
+		index->ForEachField([type, &names](const NameIndex::Names& field) {
 			if (!field.mixed) {
 				names += field.type == type ? 1 : 0;
 				return;
 			}
-			for (const ZvMessageItem* item : field.items) {
-				if (item->type == type) {
+			for (size_t i = 0; i < field.count; i++) {
+				if (field.items[i]->type == type) {
 					names++;
 					return;
 				}
@@ -279,10 +279,11 @@ bool ZvMessage::GetInfo(const char* name, type_code* type, int32* count) const
 	int32 found = 0;
 	const NameIndex* index = name != nullptr ? _LargeIndex() : nullptr;
 	if (index != nullptr) {
-		if (const NameIndex::Field* field = index->Find(name)) {
+		NameIndex::Names field;
+		if (index->Find(name, &field)) {
 			if (type != nullptr)
-				*type = field->items.front()->type;
-			found = static_cast<int32>(field->items.size());
+				*type = field.items[0]->type;
+			found = static_cast<int32>(field.count);
 		}
 	} else if (name != nullptr) {
 		for (int32 i = 0; i < items.CountItems(); i++) {
@@ -305,14 +306,14 @@ bool ZvMessage::RemoveName(const char* name)
 		return false;
 
 	if (const NameIndex* index = _LargeIndex()) {
-		const NameIndex::Field* field = index->Find(name);
-		if (field == nullptr)
+		NameIndex::Names field;
+		if (!index->Find(name, &field))
 			return false;
 		// The index tells how many items bear the name: the walk goes from
 		// the end, where the newest values are, and stops at the last one.
 		// The items removed, and so the list's shrinking, are the same as
 		// for a walk from the start.
-		int32 remaining = static_cast<int32>(field->items.size());
+		int32 remaining = static_cast<int32>(field.count);
 		for (int32 i = items.CountItems() - 1; i >= 0 && remaining > 0; i--) {
 			if (NameMatches(items.ItemAt(i), name)) {
 				_DeleteItemAt(i);

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
 #include <mutex>
 #include <stdint.h>
 #include <vector>
@@ -103,11 +104,17 @@ public:
 	bool Take(size_t sizeClass, Batch* batch)
 	{
 		Class& entry = fClasses[sizeClass];
+		// A thread making many blocks of a class (a message of many items)
+		// finds the store empty once per block: it is told so without the
+		// lock. A batch put there meanwhile is simply taken next time.
+		if (fAvailable[sizeClass].load(std::memory_order_relaxed) == 0)
+			return false;
 		std::lock_guard<BatchLock> hold(entry.lock);
 		if (entry.batches.empty())
 			return false;
 		*batch = entry.batches.back();
 		entry.batches.pop_back();
+		fAvailable[sizeClass].store(entry.batches.size(), std::memory_order_relaxed);
 		return true;
 	}
 
@@ -121,6 +128,7 @@ public:
 			std::lock_guard<BatchLock> hold(entry.lock);
 			if (entry.batches.size() < maxBatches) {
 				entry.batches.emplace_back(blocks);
+				fAvailable[sizeClass].store(entry.batches.size(), std::memory_order_relaxed);
 				return;
 			}
 		}
@@ -162,6 +170,9 @@ private:
 	};
 
 	Class fClasses[kClassCount];
+	// Each class's number of batches, written under its lock, read without
+	// it (kept apart so that a class stays one line).
+	std::atomic<size_t> fAvailable[kClassCount] = {};
 };
 
 CentralStore& Central();

@@ -2,11 +2,17 @@
 //
 // A lock held for a few hundred nanoseconds is cheaper to poll than to sleep
 // on (a sleep and its wake-up are two system calls); SpinUntil polls a
-// bounded number of times and leaves the sleep to the caller.
+// bounded number of times and leaves the sleep to the caller. PollFor does
+// the same for a bounded time, and PollBackoff decides when such a poll is
+// worth trying at all.
 //
-// Thread safety: stateless.
+// Thread safety: the functions are stateless; a PollBackoff belongs to one
+// thread (keep it thread_local or in an object only that thread uses).
 #ifndef _ZV_INTERNAL_SPIN_H
 #define _ZV_INTERNAL_SPIN_H
+
+#include <OS.h>
+#include <SupportDefs.h>
 
 namespace zvkit::internal {
 
@@ -51,6 +57,58 @@ template <typename Attempt> inline bool SpinUntil(int attempts, int maxPauses, A
 	}
 	return false;
 }
+
+// Polls attempt() until it returns true or budget microseconds have passed,
+// or until deadline (system_time) when that comes first; a negative
+// deadline sets no limit of its own. The clock is read once every few
+// polls. Returns whether an attempt succeeded.
+template <typename Attempt>
+inline bool PollFor(bigtime_t budget, bigtime_t deadline, Attempt attempt)
+{
+	constexpr int kPollsPerClockRead = 16;
+	bigtime_t until = system_time() + budget;
+	if (deadline >= 0 && deadline < until)
+		until = deadline;
+	do {
+		if (SpinUntil(kPollsPerClockRead, 1, attempt))
+			return true;
+	} while (system_time() < until);
+	return false;
+}
+
+// Whether a thread about to sleep for something another thread will do
+// should poll for it first. Polling pays only while the other thread runs on
+// another processor at the same time; where the two share one (a loaded
+// machine, a virtual machine whose processors take turns), every poll keeps
+// the other off the processor for as long as it lasts. So a poll that
+// misses turns polling off for the next waits, twice as many after each
+// further miss (up to 2^kMaxMisses); a hit turns it back on at once.
+class PollBackoff
+{
+public:
+	// Whether this wait should poll first; counts a skipped wait otherwise.
+	bool ShouldPoll()
+	{
+		if (fSkips <= 0)
+			return true;
+		fSkips--;
+		return false;
+	}
+	// The poll caught what it waited for.
+	void Hit() { fMisses = 0; }
+	// The poll ran out: skip polling for the next 2^misses waits.
+	void Miss()
+	{
+		if (fMisses < kMaxMisses)
+			fMisses++;
+		fSkips = 1 << fMisses;
+	}
+
+private:
+	static constexpr int32 kMaxMisses = 8;
+	int32 fMisses = 0;
+	int32 fSkips = 0;
+};
 
 } // namespace zvkit::internal
 

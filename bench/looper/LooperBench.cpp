@@ -1,5 +1,18 @@
 // Looper framework benchmarks.
 //
+// Placement. The machine these run on has two processors shared with other
+// work, and a producer/consumer pair swings between two regimes depending
+// on where the scheduler puts it: on two processors, the two sides run at
+// once and meet on shared cache lines (and a consumer that catches up goes
+// to sleep, so that each post has to wake it); on one processor they take
+// turns in long slices, with no meeting at all. Asio's post, for one, is
+// twice as fast in the second regime as in the first, and runs that mixed
+// the two gave ratios from 0.5 to 2. So every case with two threads pins
+// them: the producer (or sender) on processor 0 and the consumer on
+// processor 1 ("apart", the plain case names), and, for the throughput
+// cases, both on processor 0 ("OneCpu" names). "Unpinned" cases leave
+// placement to the scheduler, as before, for reference.
+//
 // Throughput: one producer posts small messages (two int32 fields) to one
 // consumer thread that counts them; one iteration is a batch of kBatch
 // messages, timed until the consumer has counted the last one. Peers:
@@ -28,6 +41,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <pthread.h>
+#include <sched.h>
 #include <semaphore.h>
 
 #include <atomic>
@@ -35,6 +50,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -68,6 +84,82 @@ public:
 private:
 	sem_t fSem;
 };
+
+// Where the two threads of a case run (see Placement at the top).
+enum Placement
+{
+	kApart,
+	kOneCpu,
+	kUnpinned
+};
+
+const int kProducerCpu = 0;
+int ConsumerCpu(Placement placement)
+{
+	return placement == kOneCpu ? 0 : 1;
+}
+
+// Pins the calling thread to cpu; a negative cpu lets it run anywhere.
+void PinThisThread(int cpu)
+{
+	cpu_set_t set;
+	CPU_ZERO(&set);
+	if (cpu < 0) {
+		for (int i = 0; i < CPU_SETSIZE; i++)
+			CPU_SET(i, &set);
+	} else {
+		CPU_SET(cpu, &set);
+	}
+	pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
+}
+
+// Pins the producer for the life of a case and lets it go afterwards.
+class ProducerPlacement
+{
+public:
+	explicit ProducerPlacement(Placement placement) : fPinned(placement != kUnpinned)
+	{
+		if (fPinned)
+			PinThisThread(kProducerCpu);
+	}
+	~ProducerPlacement()
+	{
+		if (fPinned)
+			PinThisThread(-1);
+	}
+
+private:
+	bool fPinned;
+};
+
+// Pins a running looper's thread to cpu: a handler attached for the
+// purpose pins the thread that runs it.
+class PinHandler : public ZvHandler
+{
+public:
+	PinHandler(int cpu) : ZvHandler("pin"), fCpu(cpu) {}
+	void MessageReceived(ZvMessage*) override
+	{
+		PinThisThread(fCpu);
+		fDone.Raise();
+	}
+	void Wait() { fDone.Wait(); }
+
+private:
+	int fCpu;
+	Signal fDone;
+};
+
+void PinLooper(ZvLooper* looper, Placement placement)
+{
+	if (placement == kUnpinned)
+		return;
+	PinHandler pin(ConsumerCpu(placement));
+	looper->AddHandler(&pin);
+	looper->PostMessage(1, &pin);
+	pin.Wait();
+	looper->RemoveHandler(&pin);
+}
 
 // Counts messages and raises the signal at each multiple of kBatch.
 class Counter
@@ -108,8 +200,9 @@ private:
 // with post(looper, handler, ref, message), ref naming the handler; the
 // looper's queue is bounded at capacity.
 template <typename Post>
-void PostThroughput(benchmark::State& state, int32 capacity, Post post)
+void PostThroughput(benchmark::State& state, Placement placement, int32 capacity, Post post)
 {
+	const ProducerPlacement producer(placement);
 	Signal done;
 	Counter counter(&done);
 	CountingHandler handler(&counter);
@@ -117,6 +210,7 @@ void PostThroughput(benchmark::State& state, int32 capacity, Post post)
 	looper->AddHandler(&handler);
 	looper->SetPreferredHandler(&handler);
 	looper->Run();
+	PinLooper(looper, placement);
 	const ZvLooperRef ref(&handler);
 	ZvMessage message(1);
 	message.AddInt32("a", 0);
@@ -135,44 +229,52 @@ void PostThroughput(benchmark::State& state, int32 capacity, Post post)
 	state.SetItemsProcessed(state.iterations() * kBatch);
 }
 
-void PostThroughput_zvkit(benchmark::State& state)
+void PostThroughput_zvkit(benchmark::State& state, Placement placement)
 {
-	PostThroughput(state, kQueueCapacity,
-	               [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&,
-	                  const ZvMessage* message) { looper->PostMessage(message, nullptr); });
+	PostThroughput(state, placement, kQueueCapacity,
+	               [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&, const ZvMessage* message) {
+		               looper->PostMessage(message, nullptr);
+	               });
 }
 
 // The same with the queue bound at 256 messages: the poster waits whenever
 // it runs ahead of the loop by that many.
-void PostThroughputBound256_zvkit(benchmark::State& state)
+void PostThroughputBound256_zvkit(benchmark::State& state, Placement placement)
 {
-	PostThroughput(state, 256,
-	               [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&,
-	                  const ZvMessage* message) { looper->PostMessage(message, nullptr); });
+	PostThroughput(state, placement, 256,
+	               [](ZvLooper* looper, ZvHandler*, const ZvLooperRef&, const ZvMessage* message) {
+		               looper->PostMessage(message, nullptr);
+	               });
 }
 
 void RefPost_ref(benchmark::State& state)
 {
-	PostThroughput(state, kQueueCapacity,
-	               [](ZvLooper*, ZvHandler*, const ZvLooperRef& ref,
-	                  const ZvMessage* message) { ref.PostMessage(message); });
+	PostThroughput(state, kApart, kQueueCapacity,
+	               [](ZvLooper*, ZvHandler*, const ZvLooperRef& ref, const ZvMessage* message) {
+		               ref.PostMessage(message);
+	               });
 }
 
 void RefPost_looper(benchmark::State& state)
 {
-	PostThroughput(state, kQueueCapacity,
+	PostThroughput(state, kApart, kQueueCapacity,
 	               [](ZvLooper* looper, ZvHandler* handler, const ZvLooperRef&,
 	                  const ZvMessage* message) { looper->PostMessage(message, handler); });
 }
 
 #ifdef ZVKIT_HAVE_ASIO
-void PostThroughput_asio(benchmark::State& state)
+void PostThroughput_asio(benchmark::State& state, Placement placement)
 {
+	const ProducerPlacement producer(placement);
 	Signal done;
 	Counter counter(&done);
 	boost::asio::io_context context(1);
 	auto work = boost::asio::make_work_guard(context);
-	std::thread runner([&context] { context.run(); });
+	std::thread runner([&context, placement] {
+		if (placement != kUnpinned)
+			PinThisThread(ConsumerCpu(placement));
+		context.run();
+	});
 	for (auto _ : state) {
 		for (int32 i = 0; i < kBatch; i++)
 			boost::asio::post(context, [&counter, a = i, b = int32{0}] { counter.Count(a, b); });
@@ -233,12 +335,15 @@ private:
 	bool fClosed = false;
 };
 
-void PostThroughput_mutexcv(benchmark::State& state)
+void PostThroughput_mutexcv(benchmark::State& state, Placement placement)
 {
+	const ProducerPlacement producer(placement);
 	Signal done;
 	Counter counter(&done);
 	MutexQueue queue;
 	std::thread consumer([&] {
+		if (placement != kUnpinned)
+			PinThisThread(ConsumerCpu(placement));
 		while (std::unique_ptr<SmallMessage> message = queue.Pop())
 			counter.Count(message->a, message->b);
 	});
@@ -325,6 +430,7 @@ private:
 
 void PingPong_zvkit(benchmark::State& state)
 {
+	const ProducerPlacement producer(kApart);
 	Signal done;
 	Bouncer ping(&done), pong(&done);
 	ping.SetPartner(&pong);
@@ -335,6 +441,9 @@ void PingPong_zvkit(benchmark::State& state)
 	right->AddHandler(&pong);
 	left->Run();
 	right->Run();
+	// As the request/reply case: one side on each processor.
+	PinLooper(left, kOneCpu);
+	PinLooper(right, kApart);
 	for (auto _ : state) {
 		// 2 * kRoundTrips hops; the handler that receives 0 signals.
 		left->PostMessage(2 * kRoundTrips, &ping);
@@ -347,11 +456,13 @@ void PingPong_zvkit(benchmark::State& state)
 
 void PingPong_semaphore(benchmark::State& state)
 {
+	const ProducerPlacement producer(kApart);
 	sem_t ping, pong;
 	sem_init(&ping, 0, 0);
 	sem_init(&pong, 0, 0);
 	std::atomic<bool> stop{false};
 	std::thread partner([&] {
+		PinThisThread(ConsumerCpu(kApart));
 		for (;;) {
 			while (sem_wait(&ping) != 0) {
 			}
@@ -389,10 +500,12 @@ public:
 
 void RequestReply_zvkit(benchmark::State& state)
 {
+	const ProducerPlacement sender(kApart);
 	Answerer answerer;
 	ZvLooper* looper = new ZvLooper("answers", ZV_NORMAL_PRIORITY, 16);
 	looper->AddHandler(&answerer);
 	looper->Run();
+	PinLooper(looper, kApart);
 	const ZvLooperRef ref(&answerer);
 	const ZvMessage request(1);
 	ZvMessage reply(0);
@@ -422,29 +535,32 @@ BENCHMARK(PingPong_zvkit)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
-BENCHMARK(PostThroughput_zvkit)
-    ->Name("PostThroughput:zvkit")
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(PostThroughputBound256_zvkit)
-    ->Name("PostThroughputBound256:zvkit")
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+// The throughput cases in each placement; the plain names are "apart".
+static void RegisterThroughput(const char* suffix, Placement placement)
+{
+	const std::string tail = suffix;
+	const auto add = [&](const std::string& name, void (*run)(benchmark::State&, Placement)) {
+		benchmark::RegisterBenchmark(name.c_str(), run, placement)
+		    ->UseRealTime()
+		    ->Unit(benchmark::kMillisecond);
+	};
+	add("PostThroughput" + tail + ":zvkit", PostThroughput_zvkit);
+	add("PostThroughputBound256" + tail + ":zvkit", PostThroughputBound256_zvkit);
 #ifdef ZVKIT_HAVE_ASIO
-BENCHMARK(PostThroughput_asio)
-    ->Name("PostThroughput:asio")
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-// Asio's post has no bound: the bounded looper is compared with it as is.
-BENCHMARK(PostThroughput_asio)
-    ->Name("PostThroughputBound256:asio")
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+	add("PostThroughput" + tail + ":asio", PostThroughput_asio);
+	// Asio's post has no bound: the bounded looper is compared with it as is.
+	add("PostThroughputBound256" + tail + ":asio", PostThroughput_asio);
 #endif
-BENCHMARK(PostThroughput_mutexcv)
-    ->Name("PostThroughput:mutex+condvar")
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+	add("PostThroughput" + tail + ":mutex+condvar", PostThroughput_mutexcv);
+}
+
+static const bool kThroughputRegistered = [] {
+	RegisterThroughput("", kApart);
+	RegisterThroughput("OneCpu", kOneCpu);
+	RegisterThroughput("Unpinned", kUnpinned);
+	return true;
+}();
+
 BENCHMARK(PingPong_zvkit)->Name("PingPong:zvkit")->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(PingPong_semaphore)->Name("PingPong:sem_t")->UseRealTime()->Unit(benchmark::kMillisecond);
 

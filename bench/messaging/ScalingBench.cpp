@@ -3,11 +3,26 @@
 // name, adding, removing the last and the first value, flattening and
 // unflattening. Each case reports its time per operation in the per_op
 // counter, so sizes compare directly.
+//
+// Beside them run peers of the same size that do only what no layout can
+// avoid, so that growth that comes from the memory hierarchy (data that no
+// longer fits the caches) shows as growth of the peer too:
+//  - Scale/Peer/HashFind: a std::unordered_map<std::string, int32> lookup;
+//  - Scale/Peer/HashAddAndFind: building that map, one insert and one find
+//    per name;
+//  - Scale/Peer/RemoveFirstAndAdd: erasing the first of count pointers of a
+//    std::vector (a move of every later pointer) and appending one;
+//  - Scale/Peer/AllocateItems: allocating count item-sized blocks, writing
+//    a name and a value into each, and freeing them (per block).
 #include <ZvMessage.h>
 
 #include <benchmark/benchmark.h>
 
+#include <string.h>
+
+#include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -173,5 +188,103 @@ void Unflatten(benchmark::State& state)
 	PerOp(state, count);
 }
 BENCHMARK(Unflatten)->Name("Scale/Unflatten")->RangeMultiplier(10)->Range(10, 100000);
+
+void PeerHashFind(benchmark::State& state)
+{
+	const int count = static_cast<int>(state.range(0));
+	const std::vector<std::string>& names = Names(count);
+	std::unordered_map<std::string, int32> map;
+	for (int i = 0; i < count; i++)
+		map.emplace(names[i], i);
+	int next = 0;
+	int32 value = 0;
+	for (auto _ : state) {
+		auto found = map.find(names[next]);
+		value = found->second;
+		benchmark::DoNotOptimize(value);
+		if (++next == count)
+			next = 0;
+	}
+	PerOp(state, 1);
+}
+BENCHMARK(PeerHashFind)->Name("Scale/Peer/HashFind")->RangeMultiplier(10)->Range(10, 100000);
+
+void PeerHashAddAndFind(benchmark::State& state)
+{
+	const int count = static_cast<int>(state.range(0));
+	const std::vector<std::string>& names = Names(count);
+	for (auto _ : state) {
+		std::unordered_map<std::string, int32> map;
+		int32 value = 0;
+		for (int i = 0; i < count; i++) {
+			map.emplace(names[i], i);
+			value = map.find(names[i])->second;
+		}
+		benchmark::DoNotOptimize(value);
+	}
+	PerOp(state, count);
+}
+BENCHMARK(PeerHashAddAndFind)
+    ->Name("Scale/Peer/HashAddAndFind")
+    ->RangeMultiplier(10)
+    ->Range(10, 100000);
+
+void PeerRemoveFirst(benchmark::State& state)
+{
+	const int count = static_cast<int>(state.range(0));
+	std::vector<std::unique_ptr<int32>> owned;
+	std::vector<int32*> list;
+	for (int i = 0; i < count; i++) {
+		owned.push_back(std::make_unique<int32>(i));
+		list.push_back(owned.back().get());
+	}
+	for (auto _ : state) {
+		int32* first = list.front();
+		list.erase(list.begin());
+		list.push_back(first);
+		benchmark::DoNotOptimize(list.data());
+	}
+	PerOp(state, 1);
+}
+BENCHMARK(PeerRemoveFirst)
+    ->Name("Scale/Peer/RemoveFirstAndAdd")
+    ->RangeMultiplier(10)
+    ->Range(10, 100000);
+
+// A block the size of a message item.
+struct PeerItem
+{
+	uint32 type;
+	int32 size;
+	uint8* data;
+	char name[64];
+	uint8 value[32];
+};
+
+void PeerAllocateItems(benchmark::State& state)
+{
+	const int count = static_cast<int>(state.range(0));
+	const std::vector<std::string>& names = Names(count);
+	std::vector<PeerItem*> blocks(static_cast<size_t>(count));
+	for (auto _ : state) {
+		for (int i = 0; i < count; i++) {
+			PeerItem* item = new PeerItem;
+			item->type = 1;
+			item->size = 4;
+			item->data = item->value;
+			memcpy(item->value, &i, sizeof(i));
+			strcpy(item->name, names[i].c_str());
+			blocks[i] = item;
+		}
+		for (int i = count; i-- > 0;)
+			delete blocks[i];
+		benchmark::DoNotOptimize(blocks.data());
+	}
+	PerOp(state, count);
+}
+BENCHMARK(PeerAllocateItems)
+    ->Name("Scale/Peer/AllocateItems")
+    ->RangeMultiplier(10)
+    ->Range(10, 100000);
 
 } // namespace

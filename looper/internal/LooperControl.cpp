@@ -7,7 +7,10 @@
 
 namespace zvkit::internal {
 
-LooperControl::LooperControl(ZvLooper* looper) : fState(0), fRefs(1), fLooper(looper), fThread(0) {}
+LooperControl::LooperControl(ZvLooper* looper)
+    : fState(0), fRefs(1), fLooper(looper), fThread(0), fDead(false)
+{
+}
 
 void LooperControl::Release()
 {

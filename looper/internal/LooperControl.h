@@ -2,9 +2,11 @@
 // names.
 //
 // LooperControl: one per looper, made by its constructor. The looper holds
-// one reference, each ZvLooperRef (and each handler attached to the looper)
-// another; the last release deletes the block, so a ref can always read it
-// even after the looper is gone. The block says whether the looper is still
+// one reference, the process-wide table of live loopers another while the
+// looper is in it, each ZvLooperRef (and each handler attached to the
+// looper) another; the last release deletes the block, so a ref, or a Quit
+// that found the looper in the table, can always read it even after the
+// looper is gone. The block says whether the looper is still
 // accepting posts and counts the posters that are using the looper right
 // now (between Enter and Leave). A looper that begins to end marks the block
 // (MarkEnding: Enter fails from then on); before the looper object is
@@ -12,6 +14,11 @@
 // left (WaitForPosters). So a poster that entered may touch the looper until
 // it leaves, and no one else ever does. Posting takes only this looper's
 // block, never a lock shared by all loopers.
+//
+// The block also answers the other question about a looper's life: has its
+// deletion begun? Its end guard serialises the ending steps (Quit, a "QUIT"
+// message) with the start of the looper's death (MarkDead), so that those
+// steps never overlap the delete; see ZvLooper.cpp.
 //
 // HandlerControl: one per handler, made by its constructor. It records the
 // handler's current attachment: the looper's block, and a stamp that
@@ -83,6 +90,19 @@ public:
 	// false when timeout (microseconds) passed first.
 	bool WaitForPosters(bigtime_t timeout);
 
+	// Held across the ending steps, and by MarkDead: while it is held and
+	// IsDead() is false, the looper object exists.
+	std::mutex& EndGuard() { return fEndGuard; }
+	// Whether the looper's death has begun; read under EndGuard().
+	bool IsDead() const { return fDead; }
+	// The looper's side, just before it is deleted: waits for the ending
+	// steps in flight and marks the looper dead.
+	void MarkDead()
+	{
+		std::lock_guard<std::mutex> hold(fEndGuard);
+		fDead = true;
+	}
+
 private:
 	~LooperControl() = default;
 	void _WakeEnding();
@@ -97,6 +117,9 @@ private:
 	// Only for the ending looper's wait for the last poster.
 	std::mutex fLock;
 	std::condition_variable fDrained;
+	std::mutex fEndGuard;
+	// Guarded by fEndGuard.
+	bool fDead;
 };
 
 class HandlerControl

@@ -13,6 +13,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <deque>
 #include <memory>
 #include <string>
 #include <thread>
@@ -474,6 +475,33 @@ TEST_F(ZvDataRegistryTest, ThousandsOfAttributesAreEachFoundAndKeepTheirOrder)
 	EXPECT_TRUE(Subscribed(firsts[0].get()));
 	firsts.clear();
 	seconds.clear();
+	EXPECT_EQ(zv_registry, nullptr);
+}
+
+TEST_F(ZvDataRegistryTest, AttributesLeavingFromBothEndsKeepTheOthersInOrder)
+{
+	const int kAttributes = 200;
+	std::deque<std::unique_ptr<ZvDataSubscriber>> subscribers;
+	std::deque<std::string> expected;
+	for (int i = 0; i < kAttributes; i++) {
+		expected.push_back("ends-" + std::to_string(i));
+		subscribers.push_back(std::make_unique<ZvDataSubscriber>(expected.back().c_str(), 0));
+	}
+	// The oldest and the newest go in turn; after each, the list holds the
+	// rest in their order of creation.
+	for (int i = 0; i < kAttributes - 1; i++) {
+		if (i % 2 == 0) {
+			subscribers.pop_front();
+			expected.pop_front();
+		} else {
+			subscribers.pop_back();
+			expected.pop_back();
+		}
+		ASSERT_EQ(AttributeNames(), std::vector<std::string>(expected.begin(), expected.end()))
+		    << "after " << i + 1 << " removals";
+	}
+	EXPECT_TRUE(Subscribed(subscribers.front().get()));
+	subscribers.clear();
 	EXPECT_EQ(zv_registry, nullptr);
 }
 

@@ -14,6 +14,7 @@
 #include <OS.h>
 #include <ZvMessenger.h>
 
+#include "KitThread.h"
 #include "LooperTestSupport.h"
 #include "Polling.h"
 
@@ -30,6 +31,7 @@ using namespace std::chrono_literals;
 using looper_test::PreferredField;
 using looper_test::RecordingHandler;
 using looper_test::TestLooper;
+using zvtest::KitThread;
 
 constexpr uint32 kAsk = 0x41534B20;    // 'ASK '
 constexpr uint32 kAnswer = 0x414E5352; // 'ANSR'
@@ -102,39 +104,6 @@ private:
 	zvtest::Latch fGone{1};
 	TestLooper* fLooper;
 	bool fEnded = false;
-};
-
-// A thread of the kit's (whose waits the kit can report) running body.
-class KitThread
-{
-public:
-	explicit KitThread(std::function<void()> body) : fBody(std::move(body))
-	{
-		fThread = ZvThread::Create(&KitThread::Entry, this, ZV_NORMAL_PRIORITY, "kit thread");
-		ZvThread::Resume(static_cast<uint32>(fThread));
-	}
-	~KitThread() { Join(); }
-	uint32 ID() const { return static_cast<uint32>(fThread); }
-	bool IsWaitingOn(const char* semaphore) const
-	{
-		return zvtest::IsWaitingOnSemaphore(fThread, semaphore);
-	}
-	void Join()
-	{
-		if (!fJoined)
-			ZvThread::Wait(static_cast<uint32>(fThread), nullptr);
-		fJoined = true;
-	}
-
-private:
-	static int32 Entry(void* data)
-	{
-		static_cast<KitThread*>(data)->fBody();
-		return 0;
-	}
-	std::function<void()> fBody;
-	int32 fThread = 0;
-	bool fJoined = false;
 };
 
 // --- Validity -----------------------------------------------------------

@@ -13,6 +13,7 @@
 
 #include <OS.h>
 
+#include "KitThread.h"
 #include "LooperTestSupport.h"
 #include "Polling.h"
 
@@ -637,21 +638,11 @@ TEST(ZvLooperTest, TheBoundOfTheQueueHoldsAsIfTheLoopTookOneMessageAtATime)
 	looper.PostMessage(5, nullptr);
 	// The sixth post, from a thread of the kit's (whose waits the kit can
 	// report).
-	struct Post
-	{
-		static int32 Sixth(void* data)
-		{
-			static_cast<ZvLooper*>(data)->PostMessage(6, nullptr);
-			return 0;
-		}
-	};
-	const int32 poster = ZvThread::Create(&Post::Sixth, &looper, ZV_NORMAL_PRIORITY, "poster");
-	ASSERT_GT(poster, 0);
-	ASSERT_TRUE(ZvThread::Resume(static_cast<uint32>(poster)));
-	EXPECT_TRUE(
-	    zvtest::WaitUntil([&] { return zvtest::IsWaitingOnSemaphore(poster, "_item_limit"); }));
+	zvtest::KitThread poster([&] { looper.PostMessage(6, nullptr); }, "poster");
+	ASSERT_TRUE(poster.Started());
+	EXPECT_TRUE(poster.WaitsOn("_item_limit"));
 	ASSERT_TRUE(looper.ProcessOne());
-	EXPECT_TRUE(ZvThread::Wait(static_cast<uint32>(poster), nullptr));
+	EXPECT_TRUE(poster.Join());
 
 	EXPECT_EQ(looper.Drain(), 4);
 	ExpectOwnWhatsInOrder(looper, 6);
@@ -698,21 +689,11 @@ TEST(ZvLooperTest, ATurnThatFindsNothingReleasesTheBoundWhenTheBoundIsZero)
 	// blocked here would trip the watchdog.
 	for (uint32 what = 1; what <= 3; what++)
 		looper.PostMessage(what, nullptr);
-	struct Post
-	{
-		static int32 Fourth(void* data)
-		{
-			static_cast<ZvLooper*>(data)->PostMessage(4, nullptr);
-			return 0;
-		}
-	};
-	const int32 poster = ZvThread::Create(&Post::Fourth, &looper, ZV_NORMAL_PRIORITY, "poster");
-	ASSERT_GT(poster, 0);
-	ASSERT_TRUE(ZvThread::Resume(static_cast<uint32>(poster)));
-	EXPECT_TRUE(
-	    zvtest::WaitUntil([&] { return zvtest::IsWaitingOnSemaphore(poster, "_item_limit"); }));
+	zvtest::KitThread poster([&] { looper.PostMessage(4, nullptr); }, "poster");
+	ASSERT_TRUE(poster.Started());
+	EXPECT_TRUE(poster.WaitsOn("_item_limit"));
 	ASSERT_TRUE(looper.ProcessOne());
-	EXPECT_TRUE(ZvThread::Wait(static_cast<uint32>(poster), nullptr));
+	EXPECT_TRUE(poster.Join());
 	EXPECT_EQ(looper.Drain(), 3);
 	ExpectOwnWhatsInOrder(looper, 4);
 }

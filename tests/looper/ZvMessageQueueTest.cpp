@@ -5,6 +5,7 @@
 #include <ZvMessageQueue.h>
 #include <ZvThread.h>
 
+#include "KitThread.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -37,13 +38,14 @@ class BackgroundAdd
 {
 public:
 	BackgroundAdd(ZvMessageQueue& queue, ZvMessage* message)
-	    : fQueue(queue), fMessage(message), fDone(1),
-	      fThread(ZvThread::Create(&Add, this, ZV_NORMAL_PRIORITY, "adder"))
+	    : fDone(1), fThread(
+	                    [this, &queue, message] {
+		                    queue.AddMessage(message);
+		                    fDone.CountDown();
+	                    },
+	                    "adder")
 	{
-		ZvThread::Resume(static_cast<uint32>(fThread));
 	}
-
-	~BackgroundAdd() { ZvThread::Wait(static_cast<uint32>(fThread), nullptr); }
 
 	bool FinishesWithin(std::chrono::milliseconds limit) { return fDone.WaitFor(limit); }
 	bool HasFinished() { return fDone.WaitFor(0ms); }
@@ -52,25 +54,15 @@ public:
 	// returns instead (or neither happens within WaitUntil's limit).
 	bool WaitsForRoom()
 	{
-		return zvtest::WaitUntil([this] {
-			       return HasFinished() || zvtest::IsWaitingOnSemaphore(fThread, "_item_limit");
-		       }) &&
+		return zvtest::WaitUntil(
+		           [this] { return HasFinished() || fThread.IsWaitingOn("_item_limit"); }) &&
 		       !HasFinished();
 	}
 
 private:
-	static int32 Add(void* data)
-	{
-		BackgroundAdd* self = static_cast<BackgroundAdd*>(data);
-		self->fQueue.AddMessage(self->fMessage);
-		self->fDone.CountDown();
-		return 0;
-	}
-
-	ZvMessageQueue& fQueue;
-	ZvMessage* fMessage;
 	zvtest::Latch fDone;
-	const int32 fThread;
+	// Declared last: joined by its destructor before the latch goes.
+	zvtest::KitThread fThread;
 };
 
 class ZvMessageQueueTest : public ::testing::Test

@@ -529,6 +529,64 @@ TEST(ZvMessageLookupTest, TypedLookupsCountOnlyItemsOfTheirTypeUnderAMixedName)
 	EXPECT_EQ(31, message.CountNames(ZV_INT32_TYPE));
 }
 
+// A name of one value and a name of several are held differently by the
+// index; a name that grows from one value to several and back, and one that
+// shares its hash slot run with others, answers as the walk does.
+TEST(ZvMessageLookupTest, ANameGoingFromOneValueToSeveralAndBackIsFoundEachStep)
+{
+	ZvMessage message(0);
+	AddFields(&message, 40);
+	message.AddInt32("grow", 0);
+	int32 value = -1;
+	type_code type = 0;
+	int32 count = 0;
+	ASSERT_TRUE(message.FindInt32("grow", &value));
+	EXPECT_EQ(0, value);
+	EXPECT_FALSE(message.HasInt32("grow", 1));
+	EXPECT_FALSE(message.HasString("grow", 0));
+
+	message.AddString("grow", "one");
+	message.AddInt32("grow", 2);
+	ASSERT_TRUE(message.GetInfo("grow", &type, &count));
+	EXPECT_EQ(ZV_INT32_TYPE, type);
+	EXPECT_EQ(3, count);
+	ASSERT_TRUE(message.FindInt32("grow", 1, &value));
+	EXPECT_EQ(2, value);
+	const char* text = nullptr;
+	ASSERT_TRUE(message.FindString("grow", &text));
+	EXPECT_STREQ("one", text);
+
+	// Down to the string alone: typed lookups still see only its type.
+	ASSERT_TRUE(message.RemoveData("grow", 0));
+	ASSERT_TRUE(message.RemoveData("grow", 1));
+	ASSERT_TRUE(message.GetInfo("grow", &type, &count));
+	EXPECT_EQ(ZV_STRING_TYPE, type);
+	EXPECT_EQ(1, count);
+	EXPECT_FALSE(message.HasInt32("grow", 0));
+	ASSERT_TRUE(message.FindString("grow", &text));
+	EXPECT_STREQ("one", text);
+
+	ASSERT_TRUE(message.RemoveData("grow", 0));
+	EXPECT_FALSE(message.GetInfo("grow", &type, &count));
+	EXPECT_FALSE(message.RemoveName("grow"));
+
+	// Back to one value, then a single-valued name removed by RemoveName.
+	message.AddInt32("grow", 9);
+	ASSERT_TRUE(message.FindInt32("grow", &value));
+	EXPECT_EQ(9, value);
+	EXPECT_TRUE(message.RemoveName("grow"));
+	EXPECT_FALSE(message.HasInt32("grow", 0));
+
+	// Every other name is untouched, and the count of names is right.
+	for (int32 i = 0; i < 40; i++) {
+		const std::string name = "f" + std::to_string(i);
+		ASSERT_TRUE(message.FindInt32(name.c_str(), &value)) << name;
+		EXPECT_EQ(i, value);
+	}
+	EXPECT_EQ(40, message.CountNames(ZV_ANY_TYPE));
+	EXPECT_EQ(0, message.CountNames(ZV_STRING_TYPE));
+}
+
 // A derived class that appends to and removes from the list itself.
 class ListChangingMessage : public ZvMessage
 {
