@@ -159,6 +159,38 @@ ZvMessage Numbered(int32 n)
 	return message;
 }
 
+// The "n" of each numbered message a receiving looper is handed, in the order
+// handed, with a latch for the number expected.
+class NumberLog
+{
+public:
+	explicit NumberLog(int32 expected) : fArrived(expected) {}
+
+	void Record(ZvMessage* message)
+	{
+		int32 n = -1;
+		message->FindInt32("n", &n);
+		{
+			std::lock_guard<std::mutex> hold(fLock);
+			fSeen.push_back(n);
+		}
+		fArrived.CountDown();
+	}
+
+	bool WaitFor(std::chrono::milliseconds limit) { return fArrived.WaitFor(limit); }
+
+	std::vector<int32> Seen()
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		return fSeen;
+	}
+
+private:
+	std::mutex fLock;
+	std::vector<int32> fSeen;
+	zvtest::Latch fArrived;
+};
+
 // A raw DEALER connected to address, for frames no endpoint would send.
 class RawDealer
 {
@@ -223,20 +255,15 @@ TEST_F(RemotePair, APostArrivesAsAnOrdinaryPostWithItsFields)
 TEST_F(RemotePair, PostsFromOneEndpointArriveInTheOrderSent)
 {
 	constexpr int32 kCount = 2000;
-	zvtest::Latch all(kCount);
-	std::vector<int32> seen;
-	SetReceive([&](ZvMessage* message) {
-		int32 n = -1;
-		message->FindInt32("n", &n);
-		seen.push_back(n);
-		all.CountDown();
-	});
+	NumberLog log(kCount);
+	SetReceive([&](ZvMessage* message) { log.Record(message); });
 	for (int32 n = 0; n < kCount; n++) {
 		ZvMessage message(kSequence);
 		message.AddInt32("n", n);
 		ASSERT_EQ(fRef.PostMessage(&message), B_OK);
 	}
-	ASSERT_TRUE(all.WaitFor(30s));
+	ASSERT_TRUE(log.WaitFor(30s));
+	const std::vector<int32> seen = log.Seen();
 	ASSERT_EQ(seen.size(), static_cast<size_t>(kCount));
 	for (int32 n = 0; n < kCount; n++)
 		ASSERT_EQ(seen[n], n);
@@ -511,18 +538,8 @@ TEST_F(RemotePair, MalformedBatchesAreRefusedWholeAndCountedOnce)
 	NoticeBox notices(8);
 	RunningLooper reports([&](ZvMessage* message) { notices.Take(message); });
 	fServer.SetReportTarget(reports.Ref());
-	std::mutex lock;
-	std::vector<int32> seen;
-	zvtest::Latch delivered(2);
-	SetReceive([&](ZvMessage* message) {
-		int32 n = -1;
-		message->FindInt32("n", &n);
-		{
-			std::lock_guard<std::mutex> hold(lock);
-			seen.push_back(n);
-		}
-		delivered.CountDown();
-	});
+	NumberLog delivered(2);
+	SetReceive([&](ZvMessage* message) { delivered.Record(message); });
 	RawDealer raw(fAddress);
 	ASSERT_TRUE(raw.IsConnected());
 	const ZvMessage first = Numbered(0);
@@ -558,10 +575,7 @@ TEST_F(RemotePair, MalformedBatchesAreRefusedWholeAndCountedOnce)
 	// A good batch from the same socket is delivered, in order.
 	ASSERT_TRUE(raw.Send(HandBatch({good, HandFrame(1, "service", &second)})));
 	ASSERT_TRUE(delivered.WaitFor(10s));
-	{
-		std::lock_guard<std::mutex> hold(lock);
-		EXPECT_EQ(seen, (std::vector<int32>{0, 1}));
-	}
+	EXPECT_EQ(delivered.Seen(), (std::vector<int32>{0, 1}));
 	zv_remote_stats stats;
 	ASSERT_EQ(fServer.GetStats(&stats), B_OK);
 	EXPECT_EQ(stats.refusedMalformed, 7u);
@@ -581,21 +595,12 @@ TEST_F(RemotePair, EachFrameInABatchIsCheckedAndCountedOnItsOwn)
 	RunningLooper reports([&](ZvMessage* message) { notices.Take(message); });
 	fServer.SetReportTarget(reports.Ref());
 	ASSERT_EQ(fServer.SetMaxFrameSize(4096), B_OK);
-	std::mutex lock;
-	std::vector<int32> seen;
-	zvtest::Latch delivered(3);
+	NumberLog delivered(3);
 	SetReceive([&](ZvMessage* message) {
-		if (message->what == kEcho) {
+		if (message->what == kEcho)
 			Echo(message);
-			return;
-		}
-		int32 n = -1;
-		message->FindInt32("n", &n);
-		{
-			std::lock_guard<std::mutex> hold(lock);
-			seen.push_back(n);
-		}
-		delivered.CountDown();
+		else
+			delivered.Record(message);
 	});
 	RawDealer raw(fAddress);
 	ASSERT_TRUE(raw.IsConnected());
@@ -623,10 +628,7 @@ TEST_F(RemotePair, EachFrameInABatchIsCheckedAndCountedOnItsOwn)
 	})));
 
 	ASSERT_TRUE(delivered.WaitFor(10s));
-	{
-		std::lock_guard<std::mutex> hold(lock);
-		EXPECT_EQ(seen, (std::vector<int32>{0, 1, 2}));
-	}
+	EXPECT_EQ(delivered.Seen(), (std::vector<int32>{0, 1, 2}));
 	// The request in the batch is answered to the raw socket.
 	const std::vector<uint8> answer = raw.Receive();
 	ASSERT_GE(answer.size(), 24u);
