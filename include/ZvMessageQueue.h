@@ -25,8 +25,8 @@
 // as if it were removed then. The count is the difference of two running
 // totals, one written by adders and one by the remover, so that the two
 // sides do not write one shared line per message. The object is aligned to
-// a cache line: the lock, the ring and the adders' total; the bound; and
-// the looper's taken messages with the removers' total each have lines of
+// a cache line: the lock, the ring and the adders' total; the bound; the
+// removers' total; and the looper's taken messages each have lines of
 // their own.
 //
 // Release policy (an addition; the default keeps the rule above): with
@@ -204,16 +204,16 @@ private:
 	std::atomic<int32> fUncovered;
 	std::atomic<int32> fPolicy;
 
+	// Messages ever removed (see fAdded), and the last fAdded the remover
+	// read, which can only understate the count; both on the remover's line.
+	alignas(64) std::atomic<uint32> fRemoved;
+	uint32 fAddedSeen;
+
 	// Messages taken out of the ring by _TakeBatch and not yet handed out
 	// by _TakeNext, oldest at fTakenHead; used by the loop's thread only.
 	alignas(64) ZvMessage* fTaken[kTakenMax];
 	int32 fTakenHead;
 	int32 fTakenCount;
-	// Messages ever removed (see fAdded), and the last fAdded the remover
-	// read, which can only understate the count; on the remover's line,
-	// after the taken messages' head and count.
-	std::atomic<uint32> fRemoved;
-	uint32 fAddedSeen;
 };
 
 #endif // _ZV_MESSAGE_QUEUE_H

@@ -56,8 +56,8 @@ const int32 kPrefetched = 3;
 ZvMessageQueue::ZvMessageQueue(int32 limit)
     : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fAdded(0), fRemovedSeen(0),
       fAddedAtSeen(0), fCeilingOwn(0), fCeilingStride(0), fLimit(limit), fLimitSem(kNoSemaphore),
-      fCeiling(0), fBlocked(0), fUncovered(0), fPolicy(ZV_QUEUE_SOFT_BOUND), fTaken(),
-      fTakenHead(0), fTakenCount(0), fRemoved(0), fAddedSeen(0)
+      fCeiling(0), fBlocked(0), fUncovered(0), fPolicy(ZV_QUEUE_SOFT_BOUND), fRemoved(0),
+      fAddedSeen(0), fTaken(), fTakenHead(0), fTakenCount(0)
 {
 	// Half the bound: the loop reads fAdded only once the queue is that
 	// long; a cap keeps the adders' raises rare for huge bounds.
@@ -262,20 +262,12 @@ void ZvMessageQueue::_CountRemoval()
 	// Messages added before this removal are at least the last fAdded seen:
 	// when that leaves the queue at or above the bound, it is so.
 	uint32 added = fAddedSeen;
+	if (static_cast<int32>(added - removed) < fLimit)
+		added = fAddedSeen = fAdded.load(std::memory_order_seq_cst);
 	if (static_cast<int32>(added - removed) >= fLimit) {
 		fRemoved.store(removed, std::memory_order_release);
 		_ReleaseAtLimit(static_cast<int32>(added - removed));
 		return;
-	}
-	// Near the bound by the adders' ceiling: look at fAdded before deciding.
-	// Far from it, fAdded (on the adders' busy line) is not read at all.
-	if (static_cast<int32>(fCeiling.load(std::memory_order_acquire) - removed) >= fLimit) {
-		added = fAddedSeen = fAdded.load(std::memory_order_seq_cst);
-		if (static_cast<int32>(added - removed) >= fLimit) {
-			fRemoved.store(removed, std::memory_order_release);
-			_ReleaseAtLimit(static_cast<int32>(added - removed));
-			return;
-		}
 	}
 
 	fRemoved.store(removed, std::memory_order_seq_cst);
@@ -288,9 +280,9 @@ void ZvMessageQueue::_CountRemoval()
 	}
 	const uint32 now = fAdded.load(std::memory_order_seq_cst);
 	if (now - added <= 1) {
-		// At most one add completed since added was read: counting it or
-		// not gives what the removal saw in one order of the two or the
-		// other (it would have to count for the bound in both to make them
+		// At most one add completed during the removal: counting it or not
+		// gives what the removal saw in one order of the two or the other
+		// (it would have to count for the bound in both to make them
 		// differ, at once over it for the adder and at it for the loop).
 		fAddedSeen = now;
 		_ReleaseAtLimit(static_cast<int32>(now - removed));
