@@ -80,6 +80,13 @@ public:
 	status_t PostMessage(const ZvMessage* message, bigtime_t timeout = B_INFINITE_TIMEOUT) const;
 	status_t PostMessage(uint32 what, bigtime_t timeout = B_INFINITE_TIMEOUT) const;
 
+	// Posts message itself instead of a copy, for a sender that made it
+	// with new only to post it (a bridge that reads messages from outside).
+	// The ref takes message whatever the result: the looper owns it once
+	// queued, and it is deleted when it was not (same results as
+	// PostMessage). message must not be a request or be queued elsewhere.
+	status_t PostOwnedMessage(ZvMessage* message, bigtime_t timeout = B_INFINITE_TIMEOUT) const;
+
 	// Posts a copy of message as a request and waits for the answer; timeout
 	// bounds the whole call (room in the queue, then the answer):
 	//  - B_OK: reply holds the answer, or, when the request was deleted

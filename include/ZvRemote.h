@@ -77,9 +77,11 @@ enum
 	ZV_REMOTE_NAME_LENGTH = 63
 };
 
-// An endpoint's counters, since it was made. Every frame received is
-// counted once in framesReceived and then either delivered, answered, or
-// counted in one of the refused or late counters.
+// An endpoint's counters, since it was made. A frame is one post, request
+// or answer; the frames of a batch (several posts and requests sent as one
+// ZeroMQ message) count one by one, a batch refused whole counts as one.
+// Every frame received is counted once in framesReceived and then either
+// delivered, answered, or counted in one of the refused or late counters.
 struct zv_remote_stats
 {
 	uint64 framesSent;           // frames handed to ZeroMQ

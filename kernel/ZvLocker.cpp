@@ -44,6 +44,18 @@ int32 ZvLocker::LockWithTimeout(int32 timeout)
 	return AcquireLock(timeout, false);
 }
 
+namespace {
+
+// The wait of a lock that a poll found taken (or gone). An untimed lock polls
+// briefly before it sleeps: holders keep the lock for short stretches. Out of
+// line, so that the uncontended path of the lock calls keeps few registers.
+__attribute__((noinline)) WaitResult WaitForSemaphore(uint32 sem, int32 timeout)
+{
+	return timeout < 0 ? AcquireShortHold(sem) : AcquireSemaphore(sem, timeout);
+}
+
+} // namespace
+
 int32 ZvLocker::AcquireLock(int32 timeout, bool expiryLocks)
 {
 	const uint32 me = CurrentThread();
@@ -51,12 +63,15 @@ int32 ZvLocker::AcquireLock(int32 timeout, bool expiryLocks)
 		fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 		return 1;
 	}
-	// An untimed lock polls briefly before it sleeps: holders keep the lock
-	// for short stretches.
+	// A free semaphore is taken by a poll whatever the time-out; only a
+	// taken (or deleted) one goes on to the wait, which answers as the
+	// time-out asks.
 	const uint32 sem = fSem.load(std::memory_order_relaxed);
-	const WaitResult result = timeout < 0 ? AcquireShortHold(sem) : AcquireSemaphore(sem, timeout);
-	if (result == WaitResult::kFailed || (result == WaitResult::kTimedOut && !expiryLocks))
-		return WaitCode(result);
+	if (AcquireSemaphore(sem, 0) != WaitResult::kAcquired) {
+		const WaitResult result = WaitForSemaphore(sem, timeout);
+		if (result == WaitResult::kFailed || (result == WaitResult::kTimedOut && !expiryLocks))
+			return WaitCode(result);
+	}
 	fOwner.store(me, std::memory_order_relaxed);
 	fCount.store(1, std::memory_order_relaxed);
 	fLocked.store(true, std::memory_order_release);

@@ -110,6 +110,24 @@ status_t ZvLooperRef::PostMessage(uint32 what, bigtime_t timeout) const
 	return _Post(nullptr, what, nullptr, timeout);
 }
 
+status_t ZvLooperRef::PostOwnedMessage(ZvMessage* message, bigtime_t timeout) const
+{
+	if (message == nullptr)
+		return B_BAD_VALUE;
+	status_t status = B_BAD_VALUE;
+	if (fLooper != nullptr && fLooper->Enter()) {
+		// As _Post, without the copy.
+		if (fHandlerControl == nullptr || fHandlerControl->Holds(fStamp)) {
+			message->RemoveName(kPreferredHandlerField);
+			status = fLooper->Looper()->_PostOwned(message, fHandler, timeout);
+			message = nullptr;
+		}
+		fLooper->Leave();
+	}
+	delete message;
+	return status;
+}
+
 status_t ZvLooperRef::SendMessage(uint32 what, ZvMessage* reply, bigtime_t timeout) const
 {
 	const ZvMessage message(what);

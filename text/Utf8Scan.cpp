@@ -11,8 +11,9 @@
 // a character start that no earlier lead reaches past. The count therefore
 // always equals the number of steps of the byte-wise walk.
 //
-// Where the processor has AVX2 a block is two 32-byte vectors; otherwise
-// eight 64-bit words (the 32-bit build always takes the words).
+// Where the processor has AVX-512 BW a block is one 64-byte vector, where it
+// has AVX2 two 32-byte vectors; otherwise eight 64-bit words (the 32-bit
+// build always takes the words).
 #include "Utf8Scan.h"
 
 #include <string.h>
@@ -156,12 +157,51 @@ __attribute__((target("avx2"))) size_t ScanBlocksAvx2(const char* p, size_t bloc
 	return good;
 }
 
+// One 64-byte vector at a time, where the processor has AVX-512 BW: the
+// block test becomes two 64-bit masks compared for equality, and the
+// continuation bytes a population count.
+__attribute__((target("avx512f,avx512bw"))) size_t ScanBlocksAvx512(const char* p, size_t blocks,
+                                                                    size_t* starts)
+{
+	const __m512i continuationLimit = _mm512_set1_epi8(-64);
+	const __m512i after2 = _mm512_set1_epi8(static_cast<char>(0xBF));
+	const __m512i after3 = _mm512_set1_epi8(static_cast<char>(0xDF));
+	const __m512i after4 = _mm512_set1_epi8(static_cast<char>(0xEF));
+	size_t continuationCount = 0;
+	size_t good = 0;
+	for (; good < blocks; good++) {
+		const char* block = p + good * kBlock;
+		const __m512i bytes = _mm512_loadu_si512(block);
+		// ASCII blocks, the common case, are told apart first.
+		if (_mm512_movepi8_mask(bytes) == 0 && NothingReaches(block))
+			continue;
+		const __m512i back1 = _mm512_loadu_si512(block - 1);
+		const __m512i back2 = _mm512_loadu_si512(block - 2);
+		const __m512i back3 = _mm512_loadu_si512(block - 3);
+		// 0x80-0xBF as signed bytes are the ones below -64.
+		const __mmask64 continuation = _mm512_cmplt_epi8_mask(bytes, continuationLimit);
+		// Non-zero where a lead 1, 2 or 3 bytes back reaches this byte.
+		const __m512i reaching = _mm512_or_si512(
+		    _mm512_subs_epu8(back1, after2),
+		    _mm512_or_si512(_mm512_subs_epu8(back2, after3), _mm512_subs_epu8(back3, after4)));
+		const __mmask64 reached = _mm512_test_epi8_mask(reaching, reaching);
+		// Every byte is either reached and a continuation byte, or neither.
+		if (reached != continuation)
+			break;
+		continuationCount += static_cast<size_t>(__builtin_popcountll(continuation));
+	}
+	*starts += good * kBlock - continuationCount;
+	return good;
+}
+
 #endif
 
 BlockScan ChooseBlockScan()
 {
 #if defined(__x86_64__)
 	__builtin_cpu_init();
+	if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"))
+		return ScanBlocksAvx512;
 	if (__builtin_cpu_supports("avx2"))
 		return ScanBlocksAvx2;
 #endif
@@ -228,9 +268,9 @@ template <bool kCheck> inline size_t SkipOverhang(const char* text, size_t n, si
 // character stepped over (past n when that character is cut short) and the
 // number of characters.
 template <bool kCheck>
-size_t Walk(const char* text, size_t n, size_t limit, size_t* steps, bool* wellFormed)
+size_t Walk(BlockScan scanBlocks, const char* text, size_t n, size_t limit, size_t* steps,
+            bool* wellFormed)
 {
-	const BlockScan scanBlocks = TheBlockScan();
 	size_t i = 0;
 	size_t count = 0;
 	bool ok = true;
@@ -280,16 +320,16 @@ size_t CountChars(const char* text, size_t n, bool* wellFormed)
 {
 	size_t count;
 	if (wellFormed != nullptr)
-		Walk<true>(text, n, static_cast<size_t>(-1), &count, wellFormed);
+		Walk<true>(TheBlockScan(), text, n, static_cast<size_t>(-1), &count, wellFormed);
 	else
-		Walk<false>(text, n, static_cast<size_t>(-1), &count, nullptr);
+		Walk<false>(TheBlockScan(), text, n, static_cast<size_t>(-1), &count, nullptr);
 	return count;
 }
 
 size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked, bool* cut)
 {
 	size_t steps;
-	size_t i = Walk<false>(text, n, count, &steps, nullptr);
+	size_t i = Walk<false>(TheBlockScan(), text, n, count, &steps, nullptr);
 	if (cut != nullptr)
 		*cut = i > n;
 	if (i > n)
@@ -297,6 +337,38 @@ size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked, bool*
 	if (walked != nullptr)
 		*walked = steps;
 	return i;
+}
+
+std::vector<BlockScanKind> AvailableBlockScans()
+{
+	std::vector<BlockScanKind> kinds = {BlockScanKind::kWords};
+#if defined(__x86_64__)
+	__builtin_cpu_init();
+	if (__builtin_cpu_supports("avx2"))
+		kinds.push_back(BlockScanKind::kAvx2);
+	if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw"))
+		kinds.push_back(BlockScanKind::kAvx512);
+#endif
+	return kinds;
+}
+
+size_t CountCharsUsing(BlockScanKind kind, const char* text, size_t n, bool* wellFormed)
+{
+	BlockScan scan = ScanBlocksWords;
+#if defined(__x86_64__)
+	if (kind == BlockScanKind::kAvx2)
+		scan = ScanBlocksAvx2;
+	else if (kind == BlockScanKind::kAvx512)
+		scan = ScanBlocksAvx512;
+#else
+	(void)kind;
+#endif
+	size_t count;
+	bool ok;
+	Walk<true>(scan, text, n, static_cast<size_t>(-1), &count, &ok);
+	if (wellFormed != nullptr)
+		*wellFormed = ok;
+	return count;
 }
 
 } // namespace zvkit::internal

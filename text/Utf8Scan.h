@@ -22,6 +22,8 @@
 
 #include <stddef.h>
 
+#include <vector>
+
 namespace zvkit::internal {
 
 // Size (1..4) of the character whose first byte is b, without branches:
@@ -47,6 +49,22 @@ size_t CountChars(const char* text, size_t n, bool* wellFormed = nullptr);
 // of them was cut short by the end of the range.
 size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked = nullptr,
                  bool* cut = nullptr);
+
+// The ways of testing 64-byte blocks; CountChars takes the fastest one the
+// processor has. For tests that compare them.
+enum class BlockScanKind
+{
+	kWords,
+	kAvx2,
+	kAvx512
+};
+
+// The kinds this processor can run (kWords always).
+std::vector<BlockScanKind> AvailableBlockScans();
+
+// CountChars with the given kind of block test (one AvailableBlockScans
+// lists); *wellFormed as CountChars sets it.
+size_t CountCharsUsing(BlockScanKind kind, const char* text, size_t n, bool* wellFormed);
 
 } // namespace zvkit::internal
 

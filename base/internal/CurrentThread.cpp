@@ -5,7 +5,14 @@
 
 namespace zvkit::internal {
 
-thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec"))) = 0;
+__thread uint32 tCurrentThread __attribute__((tls_model("initial-exec"))) = 0;
+
+uint32 LookUpCurrentThread()
+{
+	const uint32 id = static_cast<uint32>(find_thread(nullptr));
+	tCurrentThread = id;
+	return id;
+}
 
 namespace {
 

@@ -15,15 +15,20 @@
 
 namespace zvkit::internal {
 
-extern thread_local uint32 tCurrentThread __attribute__((tls_model("initial-exec")));
+// __thread rather than thread_local: the word needs no constructor, and an
+// extern thread_local would make every reader call the variable's
+// initialisation wrapper first.
+extern __thread uint32 tCurrentThread __attribute__((tls_model("initial-exec")));
+
+// Asks the platform and fills the cache; kept out of line so that the
+// readers' fast path stays small.
+uint32 LookUpCurrentThread();
 
 inline uint32 CurrentThread()
 {
-	uint32 id = tCurrentThread;
-	if (__builtin_expect(id == 0, 0)) {
-		id = static_cast<uint32>(find_thread(nullptr));
-		tCurrentThread = id;
-	}
+	const uint32 id = tCurrentThread;
+	if (__builtin_expect(id == 0, 0))
+		return LookUpCurrentThread();
 	return id;
 }
 

@@ -6,7 +6,10 @@
 //  - Throughput: a batch of posts, timed until the receiving looper has
 //    dispatched the last one. The peer sends the same frames (header, name
 //    and flattened message, built once) from a DEALER to a ROUTER whose
-//    thread only counts them.
+//    thread receives (copies out) and counts them, one ZeroMQ message per
+//    post as a raw ZeroMQ program sends them. The bridge gathers the posts
+//    a sender makes while its I/O thread is busy into batch frames: the
+//    same bytes plus a 4-byte length each and a header per batch.
 //  - RoundTrip: one request and its answer at a time. The peer's ROUTER
 //    thread sends each frame straight back.
 #include <ZvLooper.h>
@@ -144,13 +147,15 @@ struct Bridge
 	ZvRemoteRef ref;
 };
 
-// A DEALER and a ROUTER; the ROUTER's thread counts frames or echoes them
-// until it receives a one-byte frame.
+// A DEALER and a ROUTER, each with a context (and so a ZeroMQ I/O thread)
+// of its own, as in two processes and as the two endpoints of a Bridge; the
+// ROUTER's thread counts frames or echoes them until it receives a
+// one-byte frame.
 struct RawPair
 {
-	explicit RawPair(bool echo) : context(zmq_ctx_new())
+	explicit RawPair(bool echo) : context(zmq_ctx_new()), peerContext(zmq_ctx_new())
 	{
-		router = zmq_socket(context, ZMQ_ROUTER);
+		router = zmq_socket(peerContext, ZMQ_ROUTER);
 		dealer = zmq_socket(context, ZMQ_DEALER);
 		const int hwm = 10000;
 		for (void* socket : {router, dealer}) {
@@ -186,11 +191,13 @@ struct RawPair
 		zmq_close(dealer);
 		zmq_close(router);
 		zmq_ctx_term(context);
+		zmq_ctx_term(peerContext);
 	}
 
 	Folder folder;
 	Countdown countdown;
 	void* context;
+	void* peerContext;
 	void* router;
 	void* dealer;
 	std::thread thread;

@@ -3,6 +3,7 @@
 
 #include "looper/internal/TimerService.h"
 
+#include "looper/internal/ProcessService.h"
 #include "looper/internal/TimerSchedule.h"
 
 #include <ZvMessage.h>
@@ -15,10 +16,6 @@ namespace zvkit {
 namespace internal {
 
 namespace {
-
-// Guards gService; held across fork() so that the child finds it free.
-std::mutex gServiceLock;
-TimerService* gService = nullptr;
 
 // The longest single sleep: keeps a far deadline within the range of the
 // time_t of 32-bit builds. The thread then looks at its set again.
@@ -47,24 +44,15 @@ bigtime_t TimerEntry::_Deadline() const
 
 TimerService* TimerService::Get()
 {
-	std::lock_guard<std::mutex> hold(gServiceLock);
-	if (gService == nullptr) {
-		static const bool registered =
-		    pthread_atfork(&_BeforeFork, &_AfterForkParent, &_AfterForkChild) == 0;
-		(void)registered;
-		TimerService* service = new TimerService;
-		pthread_attr_t attributes;
-		pthread_attr_init(&attributes);
-		pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-		pthread_t thread;
-		if (pthread_create(&thread, &attributes, &_ThreadEntry, service) == 0)
-			pthread_setname_np(thread, "zv timer");
-		else
-			service->fOrphaned = true;
-		pthread_attr_destroy(&attributes);
-		gService = service;
-	}
-	return gService;
+	return ProcessService<TimerService>::Get();
+}
+
+TimerService* TimerService::_Create()
+{
+	TimerService* service = new TimerService;
+	if (!StartServiceThread(&_ThreadEntry, service, "zv timer"))
+		service->fOrphaned = true;
+	return service;
 }
 
 TimerService::TimerService() : fInFlight(nullptr), fOrphaned(false)
@@ -225,35 +213,16 @@ void TimerService::_Unschedule(TimerEntry* entry)
 	entry->fScheduled = false;
 }
 
-void TimerService::_BeforeFork()
-{
-	gServiceLock.lock();
-	if (gService != nullptr)
-		gService->fLock.lock();
-}
-
-void TimerService::_AfterForkParent()
-{
-	if (gService != nullptr)
-		gService->fLock.unlock();
-	gServiceLock.unlock();
-}
-
-void TimerService::_AfterForkChild()
+void TimerService::_ForgetThreadInChild()
 {
 	// The thread did not come along. A post it had in flight is the
 	// parent's; in the child that entry is simply off the schedule.
-	if (gService != nullptr) {
-		for (const auto& item : gService->fQueue)
-			item.second->fScheduled = false;
-		gService->fQueue.clear();
-		if (gService->fInFlight != nullptr)
-			gService->fInFlight->fInFlight = false;
-		gService->fOrphaned = true;
-		gService->fLock.unlock();
-		gService = nullptr;
-	}
-	gServiceLock.unlock();
+	for (const auto& item : fQueue)
+		item.second->fScheduled = false;
+	fQueue.clear();
+	if (fInFlight != nullptr)
+		fInFlight->fInFlight = false;
+	fOrphaned = true;
 }
 
 } // namespace internal

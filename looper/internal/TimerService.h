@@ -37,6 +37,7 @@ namespace zvkit {
 namespace internal {
 
 class TimerService;
+template <typename Service> class ProcessService;
 
 // One runner's schedule and state; every field after the constants is
 // guarded by its service's lock.
@@ -108,9 +109,12 @@ private:
 	void _Schedule(TimerEntry* entry);
 	void _Unschedule(TimerEntry* entry);
 
-	static void _BeforeFork();
-	static void _AfterForkParent();
-	static void _AfterForkChild();
+	friend class ProcessService<TimerService>;
+
+	// A new service with its thread started (orphaned when that failed).
+	static TimerService* _Create();
+	// In a forked child, with fLock held: leaves this service inert.
+	void _ForgetThreadInChild();
 
 	std::mutex fLock;
 	// Wakes the thread for an earlier deadline; waits on the monotonic

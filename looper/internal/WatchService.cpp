@@ -2,6 +2,8 @@
 
 #include "looper/internal/WatchService.h"
 
+#include "looper/internal/ProcessService.h"
+
 #include <ZvDescriptorWatch.h>
 #include <ZvMessage.h>
 
@@ -16,10 +18,6 @@ namespace zvkit {
 namespace internal {
 
 namespace {
-
-// Guards gService; held across fork() so that the child finds it free.
-std::mutex gServiceLock;
-WatchService* gService = nullptr;
 
 const char* const kDescriptorField = "_descriptor";
 const char* const kEventsField = "_events";
@@ -77,28 +75,15 @@ WatchEntry::~WatchEntry()
 
 WatchService* WatchService::Get()
 {
-	std::lock_guard<std::mutex> hold(gServiceLock);
-	if (gService == nullptr) {
-		static const bool registered =
-		    pthread_atfork(&_BeforeFork, &_AfterForkParent, &_AfterForkChild) == 0;
-		(void)registered;
-		WatchService* service = new WatchService;
-		if (service->fEpoll >= 0) {
-			pthread_attr_t attributes;
-			pthread_attr_init(&attributes);
-			pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-			pthread_t thread;
-			if (pthread_create(&thread, &attributes, &_ThreadEntry, service) == 0)
-				pthread_setname_np(thread, "zv epoll");
-			else
-				service->fOrphaned = true;
-			pthread_attr_destroy(&attributes);
-		} else {
-			service->fOrphaned = true;
-		}
-		gService = service;
-	}
-	return gService;
+	return ProcessService<WatchService>::Get();
+}
+
+WatchService* WatchService::_Create()
+{
+	WatchService* service = new WatchService;
+	if (service->fEpoll < 0 || !StartServiceThread(&_ThreadEntry, service, "zv epoll"))
+		service->fOrphaned = true;
+	return service;
 }
 
 WatchService::WatchService()
@@ -256,36 +241,17 @@ void WatchService::_Deliver(std::unique_lock<std::mutex>& hold, WatchEntry* entr
 	}
 }
 
-void WatchService::_BeforeFork()
-{
-	gServiceLock.lock();
-	if (gService != nullptr)
-		gService->fLock.lock();
-}
-
-void WatchService::_AfterForkParent()
-{
-	if (gService != nullptr)
-		gService->fLock.unlock();
-	gServiceLock.unlock();
-}
-
-void WatchService::_AfterForkChild()
+void WatchService::_ForgetThreadInChild()
 {
 	// The thread did not come along, and the epoll instance is the
 	// parent's: the child's copy is closed and never used again.
-	if (gService != nullptr) {
-		if (gService->fInFlight != nullptr)
-			gService->fInFlight->fInFlight = false;
-		gService->fRetries.clear();
-		if (gService->fEpoll >= 0)
-			close(gService->fEpoll);
-		gService->fEpoll = -1;
-		gService->fOrphaned = true;
-		gService->fLock.unlock();
-		gService = nullptr;
-	}
-	gServiceLock.unlock();
+	if (fInFlight != nullptr)
+		fInFlight->fInFlight = false;
+	fRetries.clear();
+	if (fEpoll >= 0)
+		close(fEpoll);
+	fEpoll = -1;
+	fOrphaned = true;
 }
 
 } // namespace internal

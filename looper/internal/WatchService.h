@@ -38,6 +38,7 @@ namespace zvkit {
 namespace internal {
 
 class WatchService;
+template <typename Service> class ProcessService;
 
 // One watch; the fields after the constants are guarded by its service's
 // lock.
@@ -100,9 +101,13 @@ private:
 	void _Deliver(std::unique_lock<std::mutex>& hold, WatchEntry* entry, uint32 events);
 	uint32 _EpollEvents(const WatchEntry* entry) const;
 
-	static void _BeforeFork();
-	static void _AfterForkParent();
-	static void _AfterForkChild();
+	friend class ProcessService<WatchService>;
+
+	// A new service with its thread started (orphaned when there is no
+	// epoll instance or no thread).
+	static WatchService* _Create();
+	// In a forked child, with fLock held: leaves this service inert.
+	void _ForgetThreadInChild();
 
 	int fEpoll;
 	std::mutex fLock;

@@ -16,6 +16,12 @@ namespace internal {
 
 namespace {
 
+// The size a sender's batches stay under (receivers take up to
+// kMaxBatchBytes): big enough to carry a burst of small posts in few
+// ZeroMQ messages, small enough for the allocator to keep reusing.
+constexpr size_t kSendBatchBytes = 16 * 1024;
+// Whole batch buffers kept for reuse.
+constexpr size_t kSpareBuffers = 2;
 // Request helper threads: requests waiting for answers at once.
 constexpr int kHelpers = 4;
 // Frames read from one socket before the others get their turn.
@@ -27,6 +33,11 @@ constexpr int kHighWaterMark = 10000;
 constexpr bigtime_t kDeliverySlice = 100000;
 
 using Clock = std::chrono::steady_clock;
+
+void FreeBlock(void* data, void*)
+{
+	delete[] static_cast<uint8*>(data);
+}
 
 Clock::time_point DeadlineAfter(bigtime_t timeout)
 {
@@ -143,6 +154,12 @@ void RemoteEngine::Stop()
 		fOutbox.clear();
 	}
 
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		for (uint8* buffer : fSpareBuffers)
+			delete[] buffer;
+		fSpareBuffers.clear();
+	}
 	zmq_ctx_term(fContext);
 	close(fWakeFd);
 }
@@ -277,13 +294,7 @@ status_t RemoteEngine::Post(int32 peer, const char* name, const ZvMessage* messa
 	size_t length;
 	if (message == nullptr || !ValidName(name, &length) || IsStopped())
 		return B_BAD_VALUE;
-	Outgoing frame;
-	frame.peer = peer;
-	frame.data = BuildFrame(FrameKind::kPost, fWireOrder.load(std::memory_order_relaxed), 0, 0,
-	                        name, length, message, &frame.size);
-	if (frame.data == nullptr)
-		return B_BAD_DATA;
-	return _Enqueue(std::move(frame), timeout, false);
+	return _EnqueueMessage(peer, FrameKind::kPost, 0, 0, name, length, message, timeout);
 }
 
 status_t RemoteEngine::Request(int32 peer, const char* name, const ZvMessage* message,
@@ -302,12 +313,8 @@ status_t RemoteEngine::Request(int32 peer, const char* name, const ZvMessage* me
 		fWaiters.emplace(request, &waiter);
 	}
 	const bigtime_t wait = deadline == Clock::time_point::max() ? -1 : timeout;
-	Outgoing frame;
-	frame.peer = peer;
-	frame.data = BuildFrame(FrameKind::kRequest, fWireOrder.load(std::memory_order_relaxed),
-	                        request, wait, name, length, message, &frame.size);
 	status_t status =
-	    frame.data != nullptr ? _Enqueue(std::move(frame), timeout, false) : B_BAD_DATA;
+	    _EnqueueMessage(peer, FrameKind::kRequest, request, wait, name, length, message, timeout);
 
 	std::unique_lock<std::mutex> hold(fWaitersLock);
 	if (status == B_OK) {
@@ -325,14 +332,11 @@ status_t RemoteEngine::Request(int32 peer, const char* name, const ZvMessage* me
 	return status;
 }
 
-status_t RemoteEngine::_Enqueue(Outgoing&& frame, bigtime_t timeout, bool answer)
+status_t RemoteEngine::_WaitForRoom(std::unique_lock<std::mutex>& hold, bigtime_t timeout)
 {
-	std::unique_lock<std::mutex> hold(fLock);
-	if (!answer && !fStopping && fOutstanding >= static_cast<size_t>(fQueueLimit)) {
-		if (timeout == 0) {
-			delete[] frame.data;
+	if (!fStopping && fOutstanding >= static_cast<size_t>(fQueueLimit)) {
+		if (timeout == 0)
 			return B_WOULD_BLOCK;
-		}
 		const Clock::time_point deadline = DeadlineAfter(timeout);
 		fRoomWaiters++;
 		const auto roomy = [&] {
@@ -344,22 +348,99 @@ status_t RemoteEngine::_Enqueue(Outgoing&& frame, bigtime_t timeout, bool answer
 		else
 			room = fRoom.wait_until(hold, deadline, roomy);
 		fRoomWaiters--;
-		if (!room) {
-			delete[] frame.data;
+		if (!room)
 			return B_TIMED_OUT;
-		}
 	}
-	if (fStopping) {
-		delete[] frame.data;
-		return B_BAD_VALUE;
-	}
-	fOutbox.push_back(std::move(frame));
+	return fStopping ? B_BAD_VALUE : B_OK;
+}
+
+void RemoteEngine::_Queued(std::unique_lock<std::mutex>& hold)
+{
 	fOutstanding++;
 	const bool wake = !fWakePending;
 	fWakePending = true;
 	hold.unlock();
 	if (wake)
 		_Wake();
+}
+
+status_t RemoteEngine::_Enqueue(Outgoing&& frame)
+{
+	std::unique_lock<std::mutex> hold(fLock);
+	if (fStopping) {
+		delete[] frame.data;
+		return B_BAD_VALUE;
+	}
+	fOutbox.push_back(std::move(frame));
+	_Queued(hold);
+	return B_OK;
+}
+
+status_t RemoteEngine::_EnqueueMessage(int32 peer, FrameKind kind, uint64 request, int64 argument,
+                                       const char* name, size_t nameLength,
+                                       const ZvMessage* message, bigtime_t timeout)
+{
+	const ssize_t flatSize = message->FlattenedSize();
+	if (flatSize < 0)
+		return B_BAD_DATA;
+	const size_t entry = EntrySize(nameLength, static_cast<size_t>(flatSize));
+	const zv_byte_order order = fWireOrder.load(std::memory_order_relaxed);
+
+	std::unique_lock<std::mutex> hold(fLock);
+	const status_t status = _WaitForRoom(hold, timeout);
+	if (status != B_OK)
+		return status;
+	// The message joins the batch at the end of the queue when that one is
+	// for the same peer and has room; the I/O thread takes the queue whole,
+	// so a burst of posts made while it is busy becomes one batch.
+	Outgoing* batch = nullptr;
+	if (!fOutbox.empty()) {
+		Outgoing& last = fOutbox.back();
+		if (last.count > 0 && last.peer == peer && last.order == order &&
+		    last.count < kMaxBatchFrames && last.size + entry <= kSendBatchBytes)
+			batch = &last;
+	}
+	const bool fresh = batch == nullptr;
+	if (fresh) {
+		fOutbox.emplace_back();
+		batch = &fOutbox.back();
+		batch->peer = peer;
+		batch->order = order;
+		batch->size = kFrameHeaderSize;
+	}
+	if (batch->size + entry > batch->capacity) {
+		// Doubling, from a size that suits one small message; a batch that
+		// grows takes a whole spare buffer when there is one.
+		size_t capacity =
+		    std::max(batch->size + entry,
+		             std::min(std::max<size_t>(batch->capacity * 2, 512), kSendBatchBytes));
+		uint8* grown;
+		if (batch->data != nullptr && !fSpareBuffers.empty() &&
+		    batch->size + entry <= kSendBatchBytes) {
+			grown = fSpareBuffers.back();
+			fSpareBuffers.pop_back();
+			capacity = kSendBatchBytes;
+		} else {
+			grown = new uint8[capacity];
+		}
+		if (batch->data != nullptr) {
+			memcpy(grown, batch->data, batch->size);
+			delete[] batch->data;
+		}
+		batch->data = grown;
+		batch->capacity = capacity;
+	}
+	if (!WriteEntry(batch->data + batch->size, kind, order, request, argument, name, nameLength,
+	                message, static_cast<size_t>(flatSize))) {
+		if (fresh) {
+			delete[] batch->data;
+			fOutbox.pop_back();
+		}
+		return B_BAD_DATA;
+	}
+	batch->size += entry;
+	batch->count++;
+	_Queued(hold);
 	return B_OK;
 }
 
@@ -382,7 +463,7 @@ void RemoteEngine::_SendAnswer(const std::string& identity, uint64 request, stat
 		frame.data = BuildFrame(FrameKind::kAnswer, fWireOrder.load(std::memory_order_relaxed),
 		                        request, B_BAD_DATA, nullptr, 0, nullptr, &frame.size);
 	fStats.requestsAnswered.fetch_add(1, std::memory_order_relaxed);
-	_Enqueue(std::move(frame), 0, true);
+	_Enqueue(std::move(frame));
 }
 
 // The I/O thread.
@@ -418,9 +499,10 @@ void RemoteEngine::_Run()
 			else if (frame.peer < 0 && fRouter != nullptr)
 				fRouterBacklog.push_back(std::move(frame));
 			else {
+				const size_t frames = FramesIn(frame);
 				delete[] frame.data;
-				fStats.undeliverable.fetch_add(1, std::memory_order_relaxed);
-				_FrameDone(1);
+				fStats.undeliverable.fetch_add(frames, std::memory_order_relaxed);
+				_FrameDone(frames);
 			}
 		}
 		batch.clear();
@@ -470,14 +552,17 @@ void RemoteEngine::_Run()
 
 	// What could not be handed over is lost; ZeroMQ sends the rest within
 	// the linger time when the context ends.
-	size_t left = fRouterBacklog.size();
-	for (Outgoing& frame : fRouterBacklog)
+	size_t left = 0;
+	for (Outgoing& frame : fRouterBacklog) {
+		left += FramesIn(frame);
 		delete[] frame.data;
+	}
 	fRouterBacklog.clear();
 	for (std::deque<Outgoing>& backlog : fDealerBacklogs) {
-		left += backlog.size();
-		for (Outgoing& frame : backlog)
+		for (Outgoing& frame : backlog) {
+			left += FramesIn(frame);
 			delete[] frame.data;
+		}
 		backlog.clear();
 	}
 	fStats.undeliverable.fetch_add(left, std::memory_order_relaxed);
@@ -604,29 +689,85 @@ void RemoteEngine::_Flush(std::deque<Outgoing>& backlog, void* socket, bool rout
 {
 	size_t handled = 0;
 	while (!backlog.empty()) {
-		Outgoing& frame = backlog.front();
+		Outgoing& first = backlog.front();
+		// Batches that waited for the same DEALER (ZeroMQ's queue was full)
+		// go on as one.
+		size_t take = 1;
+		size_t frames = FramesIn(first);
+		if (!router) {
+			size_t size = first.size;
+			while (take < backlog.size() && backlog[take].order == first.order &&
+			       frames + backlog[take].count <= kMaxBatchFrames &&
+			       size + backlog[take].size - kFrameHeaderSize <= kSendBatchBytes) {
+				size += backlog[take].size - kFrameHeaderSize;
+				frames += backlog[take].count;
+				take++;
+			}
+		}
 		int sent;
 		if (router) {
-			sent = zmq_send(socket, frame.identity.data(), frame.identity.size(),
+			sent = zmq_send(socket, first.identity.data(), first.identity.size(),
 			                ZMQ_DONTWAIT | ZMQ_SNDMORE);
 			if (sent >= 0)
-				sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
+				sent = zmq_send(socket, first.data, first.size, ZMQ_DONTWAIT);
+		} else if (take > 1) {
+			sent = _SendMerged(backlog, take, frames, socket);
+		} else if (first.count == 1) {
+			// One frame goes alone, without the batch around it.
+			const size_t skip = kFrameHeaderSize + kBatchEntryHeader;
+			sent = zmq_send(socket, first.data + skip, first.size - skip, ZMQ_DONTWAIT);
 		} else {
-			sent = zmq_send(socket, frame.data, frame.size, ZMQ_DONTWAIT);
+			WriteBatchHeader(first.data, first.order, first.count);
+			sent = zmq_send(socket, first.data, first.size, ZMQ_DONTWAIT);
 		}
 		if (sent < 0) {
 			if (errno == EAGAIN || errno == EINTR)
 				break;
 			// The connection the answer was for is gone.
-			fStats.undeliverable.fetch_add(1, std::memory_order_relaxed);
+			fStats.undeliverable.fetch_add(frames, std::memory_order_relaxed);
 		} else {
-			fStats.framesSent.fetch_add(1, std::memory_order_relaxed);
+			fStats.framesSent.fetch_add(frames, std::memory_order_relaxed);
 		}
-		delete[] frame.data;
-		backlog.pop_front();
-		handled++;
+		for (size_t i = 0; i < take; i++) {
+			Outgoing& done = backlog.front();
+			if (done.capacity == kSendBatchBytes)
+				fRecycle.push_back(done.data);
+			else
+				delete[] done.data;
+			backlog.pop_front();
+		}
+		handled += frames;
 	}
 	_FrameDone(handled);
+}
+
+int RemoteEngine::_SendMerged(const std::deque<Outgoing>& backlog, size_t take, size_t frames,
+                              void* socket)
+{
+	size_t size = kFrameHeaderSize;
+	for (size_t i = 0; i < take; i++)
+		size += backlog[i].size - kFrameHeaderSize;
+	uint8* merged = new uint8[size];
+	WriteBatchHeader(merged, backlog.front().order, frames);
+	uint8* at = merged + kFrameHeaderSize;
+	for (size_t i = 0; i < take; i++) {
+		const size_t entries = backlog[i].size - kFrameHeaderSize;
+		memcpy(at, backlog[i].data + kFrameHeaderSize, entries);
+		at += entries;
+	}
+	// ZeroMQ takes the block as it is and frees it once it was written.
+	zmq_msg_t message;
+	if (zmq_msg_init_data(&message, merged, size, FreeBlock, nullptr) != 0) {
+		delete[] merged;
+		return -1;
+	}
+	const int sent = zmq_msg_send(&message, socket, ZMQ_DONTWAIT);
+	if (sent < 0) {
+		const int error = errno;
+		zmq_msg_close(&message);
+		errno = error;
+	}
+	return sent;
 }
 
 void RemoteEngine::_FrameDone(size_t count)
@@ -638,7 +779,17 @@ void RemoteEngine::_FrameDone(size_t count)
 		std::lock_guard<std::mutex> hold(fLock);
 		fOutstanding -= count;
 		notify = fRoomWaiters > 0;
+		// Whole batch buffers are kept for the next bursts: a buffer of
+		// 64 KiB given back to the system and taken again costs a page
+		// fault per page.
+		while (!fRecycle.empty() && fSpareBuffers.size() < kSpareBuffers) {
+			fSpareBuffers.push_back(fRecycle.back());
+			fRecycle.pop_back();
+		}
 	}
+	for (uint8* buffer : fRecycle)
+		delete[] buffer;
+	fRecycle.clear();
 	if (notify)
 		fRoom.notify_all();
 }
@@ -666,8 +817,8 @@ void RemoteEngine::_ReceiveFromRouter()
 			more = zmq_msg_recv(&rest, fRouter, 0) >= 0 && zmq_msg_more(&rest) != 0;
 			zmq_msg_close(&rest);
 		}
-		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 		if (!whole || extra) {
+			fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 			_Refuse(fStats.refusedMalformed, "malformed", zmq_msg_size(&body), nullptr);
 		} else {
 			const std::string from(static_cast<const char*>(zmq_msg_data(&identity)),
@@ -698,10 +849,10 @@ void RemoteEngine::_ReceiveFromDealer(void* socket)
 			more = zmq_msg_recv(&rest, socket, 0) >= 0 && zmq_msg_more(&rest) != 0;
 			zmq_msg_close(&rest);
 		}
-		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
-		if (extra)
+		if (extra) {
+			fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
 			_Refuse(fStats.refusedMalformed, "malformed", zmq_msg_size(&body), nullptr);
-		else
+		} else
 			_HandleIncoming(nullptr, static_cast<const uint8*>(zmq_msg_data(&body)),
 			                zmq_msg_size(&body));
 		zmq_msg_close(&body);
@@ -711,6 +862,32 @@ void RemoteEngine::_ReceiveFromDealer(void* socket)
 void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* data, size_t size)
 {
 	FrameHeader header;
+	if (identity == nullptr || !ReadFrameHeader(data, size, &header) ||
+	    header.kind != FrameKind::kBatch) {
+		TargetCache cache;
+		_HandleFrame(identity, data, size, &cache);
+		return;
+	}
+	// A batch that is not well formed is refused whole, as one frame; in a
+	// well-formed one each frame counts, and is checked, on its own.
+	if (!SplitBatch(header, &fBatchFrames)) {
+		fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
+		if (size > kMaxBatchBytes)
+			_Refuse(fStats.refusedOversized, "oversized", size, nullptr);
+		else
+			_Refuse(fStats.refusedMalformed, "malformed", size, nullptr);
+		return;
+	}
+	TargetCache cache;
+	for (const FrameSpan& frame : fBatchFrames)
+		_HandleFrame(identity, frame.data, frame.size, &cache);
+}
+
+void RemoteEngine::_HandleFrame(const std::string* identity, const uint8* data, size_t size,
+                                TargetCache* cache)
+{
+	fStats.framesReceived.fetch_add(1, std::memory_order_relaxed);
+	FrameHeader header;
 	const bool readable = ReadFrameHeader(data, size, &header);
 	const bool isRequest = readable && header.kind == FrameKind::kRequest;
 	if (size > MaxFrameSize()) {
@@ -719,9 +896,11 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 			_SendAnswer(*identity, header.request, B_BAD_DATA, nullptr);
 		return;
 	}
-	// Posts and requests come in through the ROUTER, answers through a
-	// DEALER; anything else is as malformed as a bad header.
-	const bool expected = readable && (identity != nullptr ? header.kind != FrameKind::kAnswer
+	// Posts and requests come in through the ROUTER, alone or in batches
+	// (never nested), answers through a DEALER; anything else is as
+	// malformed as a bad header.
+	const bool expected = readable && (identity != nullptr ? header.kind == FrameKind::kPost ||
+	                                                             header.kind == FrameKind::kRequest
 	                                                       : header.kind == FrameKind::kAnswer);
 	if (!expected) {
 		_Refuse(fStats.refusedMalformed, "malformed", size, readable ? &header : nullptr);
@@ -732,22 +911,21 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 		return;
 	}
 
-	ZvLooperRef target;
-	if (!_FindTarget(header, &target)) {
+	const ZvLooperRef* found = _FindTarget(header, cache);
+	if (found == nullptr) {
 		_Refuse(fStats.refusedUnknownTarget, "unknown target", size, &header);
 		if (isRequest)
 			_SendAnswer(*identity, header.request, B_BAD_VALUE, nullptr);
 		return;
 	}
-	// A post is read into the I/O thread's own message (the looper gets a
-	// copy); a request into one of its own, which a helper takes over.
-	ZvMessage* message = isRequest ? new ZvMessage(static_cast<uint32>(0)) : &fScratch;
-	// The bounded reader checks the block; the block must also be all of
-	// the frame's remaining bytes.
+	const ZvLooperRef& target = *found;
+	// The message is read into one of its own, which the looper (a post)
+	// or a helper (a request) takes over. The bounded reader checks the
+	// block; the block must also be all of the frame's remaining bytes.
+	ZvMessage* message = new ZvMessage(static_cast<uint32>(0));
 	if (message->Unflatten(header.body, header.bodySize, header.order) != B_OK ||
 	    static_cast<size_t>(message->FlattenedSize()) != header.bodySize) {
-		if (isRequest)
-			delete message;
+		delete message;
 		_Refuse(fStats.refusedMalformed, "malformed", size, &header);
 		if (isRequest)
 			_SendAnswer(*identity, header.request, B_BAD_DATA, nullptr);
@@ -785,10 +963,14 @@ void RemoteEngine::_HandleIncoming(const std::string* identity, const uint8* dat
 	// A full queue holds the I/O thread up: the sockets' own queues then
 	// fill and the senders wait, rather than anything being dropped.
 	status_t status;
-	do {
-		status = target.PostMessage(message, kDeliverySlice);
-	} while (status == B_TIMED_OUT && !IsStopped());
-	message->MakeEmpty();
+	for (;;) {
+		status = target.PostOwnedMessage(message, kDeliverySlice);
+		if (status != B_TIMED_OUT || IsStopped())
+			break;
+		// The refused post took the message with it: read it again.
+		message = new ZvMessage(static_cast<uint32>(0));
+		message->Unflatten(header.body, header.bodySize, header.order);
+	}
 	if (status == B_OK)
 		fStats.postsDelivered.fetch_add(1, std::memory_order_relaxed);
 	else if (status == B_BAD_VALUE)
@@ -822,14 +1004,19 @@ void RemoteEngine::_HandleAnswer(const FrameHeader& header)
 	waiter->answered.notify_all();
 }
 
-bool RemoteEngine::_FindTarget(const FrameHeader& header, ZvLooperRef* target)
+const ZvLooperRef* RemoteEngine::_FindTarget(const FrameHeader& header, TargetCache* cache)
 {
+	const std::string_view name(header.name, header.nameLength);
+	if (cache->found && cache->name == name)
+		return &cache->target;
 	std::lock_guard<std::mutex> hold(fTableLock);
-	const auto found = fPublished.find(std::string_view(header.name, header.nameLength));
+	const auto found = fPublished.find(name);
 	if (found == fPublished.end())
-		return false;
-	*target = found->second;
-	return true;
+		return nullptr;
+	cache->found = true;
+	cache->name = found->first;
+	cache->target = found->second;
+	return &cache->target;
 }
 
 void RemoteEngine::_Refuse(std::atomic<uint64>& counter, const char* reason, size_t size,

@@ -5,8 +5,9 @@
 // requests come in, answers go out) and one DEALER socket per address it
 // connects to (posts and requests go out, answers come in). Other threads
 // hand it frames through a queue guarded by fLock and wake it with an
-// eventfd that its zmq_poll watches; it hands the frames to ZeroMQ in
-// batches, so a burst of posts costs one wake-up.
+// eventfd that its zmq_poll watches. Posts and requests are flattened
+// straight into the batch at the end of that queue when it is for the same
+// peer, so a burst of posts costs one wake-up and one ZeroMQ message.
 //
 // Requests that arrive are served by a few helper threads, each of which
 // posts one request to its target through ZvLooperRef::SendMessage and
@@ -78,13 +79,23 @@ public:
 private:
 	// A frame on its way to a socket: a DEALER (peer >= 0) or the ROUTER,
 	// addressed to the connection identity.
+	//
+	// Posts and requests are gathered in batches as they are queued: data
+	// holds capacity bytes, room for a batch header and then count entries
+	// (WriteEntry), size bytes in all. Answers (count 0) are one whole frame
+	// each.
 	struct Outgoing
 	{
 		int32 peer = -1;
 		std::string identity;
 		uint8* data = nullptr;
 		size_t size = 0;
+		size_t capacity = 0;
+		uint32 count = 0;
+		zv_byte_order order = ZV_LITTLE_ENDIAN;
 	};
+
+	static size_t FramesIn(const Outgoing& frame) { return frame.count == 0 ? 1 : frame.count; }
 
 	// Bind and connect run in the I/O thread; the caller waits for done.
 	struct Command
@@ -131,9 +142,20 @@ private:
 		std::atomic<uint64> disconnects{0};
 	};
 
-	// Queues frame (taking it) after waiting at most timeout for room;
-	// answers skip the wait. Deletes the frame when refused.
-	status_t _Enqueue(Outgoing&& frame, bigtime_t timeout, bool answer);
+	// Waits (fLock held by hold) at most timeout for room in the send queue:
+	// B_OK, B_WOULD_BLOCK, B_TIMED_OUT, or B_BAD_VALUE once stopping.
+	status_t _WaitForRoom(std::unique_lock<std::mutex>& hold, bigtime_t timeout);
+	// Counts one more frame queued, lets go of fLock and wakes the I/O
+	// thread unless a wake-up is already pending.
+	void _Queued(std::unique_lock<std::mutex>& hold);
+	// Queues an answer (taking it) without waiting for room. Deletes the
+	// frame when refused.
+	status_t _Enqueue(Outgoing&& frame);
+	// Flattens message into the batch queued last for peer, or a new one,
+	// after waiting at most timeout for room.
+	status_t _EnqueueMessage(int32 peer, FrameKind kind, uint64 request, int64 argument,
+	                         const char* name, size_t nameLength, const ZvMessage* message,
+	                         bigtime_t timeout);
 	void _Wake();
 	void _SendAnswer(const std::string& identity, uint64 request, status_t status,
 	                 const ZvMessage* reply);
@@ -143,13 +165,31 @@ private:
 	void _RunCommand(Command* command);
 	// Hands queued frames to the sockets until one would block.
 	void _Flush(std::deque<Outgoing>& backlog, void* socket, bool router);
+	// Sends the first take batches of backlog, frames frames in all, as one
+	// batch; zmq_send's result.
+	int _SendMerged(const std::deque<Outgoing>& backlog, size_t take, size_t frames, void* socket);
 	void _ReceiveFromRouter();
 	void _ReceiveFromDealer(void* socket);
+	// A frame as read from a socket: one frame, or a batch of them.
 	void _HandleIncoming(const std::string* identity, const uint8* data, size_t size);
+	// The target last found for the frames of one ZeroMQ message (a batch
+	// mostly names one target throughout).
+	struct TargetCache
+	{
+		bool found = false;
+		std::string name;
+		ZvLooperRef target;
+	};
+
+	// One post, request or answer, alone or taken from a batch.
+	void _HandleFrame(const std::string* identity, const uint8* data, size_t size,
+	                  TargetCache* cache);
 	void _HandleAnswer(const FrameHeader& header);
 	void _Refuse(std::atomic<uint64>& counter, const char* reason, size_t size,
 	             const FrameHeader* header);
-	bool _FindTarget(const FrameHeader& header, ZvLooperRef* target);
+	// The ref published under the header's name, held by cache; null when
+	// there is none.
+	const ZvLooperRef* _FindTarget(const FrameHeader& header, TargetCache* cache);
 	void _FrameDone(size_t count);
 	// Watches socket's connections through a monitor socket.
 	void _Monitor(void* socket);
@@ -163,7 +203,7 @@ private:
 	std::thread fThread;
 	std::atomic<bool> fStopped{false};
 
-	// Guards everything up to fOutstanding.
+	// Guards everything up to fLingerMs.
 	std::mutex fLock;
 	std::condition_variable fRoom;
 	std::condition_variable fCommandDone;
@@ -173,6 +213,8 @@ private:
 	bool fStopping = false;
 	bool fWakePending = false;
 	int32 fRoomWaiters = 0;
+	// Buffers of kMaxBatchBytes that batches are done with.
+	std::vector<uint8*> fSpareBuffers;
 	size_t fOutstanding = 0;
 	int32 fQueueLimit = 10000;
 	int fLingerMs = 1000;
@@ -183,8 +225,10 @@ private:
 	std::vector<std::deque<Outgoing>> fDealerBacklogs;
 	std::vector<void*> fMonitors;
 	std::deque<Outgoing> fRouterBacklog;
-	// The I/O thread's message for reading posts into.
-	ZvMessage fScratch{static_cast<uint32>(0)};
+	// The I/O thread's list for splitting batches, and of batch buffers to
+	// give back.
+	std::vector<FrameSpan> fBatchFrames;
+	std::vector<uint8*> fRecycle;
 
 	std::mutex fTableLock;
 	std::map<std::string, ZvLooperRef, std::less<>> fPublished;

@@ -182,6 +182,51 @@ TEST(ZvLooperRefTest, APostThroughARefCarriesExactlyWhatAPlainPostCarries)
 	looper.RemoveHandler(&handler);
 }
 
+TEST(ZvLooperRefTest, AnOwnedPostQueuesTheMessageItselfAimedWhereTheRefSays)
+{
+	ZvMessage* seen = nullptr;
+	int32 value = 0;
+	void* recorded = nullptr;
+	FunctionHandler handler([&](ZvMessage* message) {
+		seen = message;
+		message->FindInt32("a", &value);
+		message->FindPointer(PreferredField(), &recorded);
+	});
+	TestLooper looper;
+	looper.AddHandler(&handler);
+	// A message that named another handler, as one passed on would.
+	RecordingHandler other;
+	looper.AddHandler(&other);
+	auto* message = new ZvMessage(21);
+	message->AddInt32("a", 5);
+	message->AddPointer(PreferredField(), &other);
+	ASSERT_EQ(ZvLooperRef(&handler).PostOwnedMessage(message), B_OK);
+	ASSERT_EQ(looper.Drain(), 1);
+	EXPECT_EQ(seen, message);
+	EXPECT_EQ(value, 5);
+	EXPECT_EQ(recorded, static_cast<void*>(static_cast<ZvHandler*>(&handler)));
+	EXPECT_TRUE(other.Whats().empty());
+	looper.RemoveHandler(&other);
+	looper.RemoveHandler(&handler);
+}
+
+TEST(ZvLooperRefTest, AnOwnedPostThatCannotBeQueuedDeletesTheMessage)
+{
+	// The leak detector of the sanitizer builds sees a message not deleted.
+	EXPECT_EQ(ZvLooperRef().PostOwnedMessage(new ZvMessage(1)), B_BAD_VALUE);
+	EXPECT_EQ(ZvLooperRef().PostOwnedMessage(nullptr), B_BAD_VALUE);
+	ZvHandler detached("detached");
+	EXPECT_EQ(ZvLooperRef(&detached).PostOwnedMessage(new ZvMessage(2)), B_BAD_VALUE);
+	std::atomic<int32> destroyed{0};
+	ZvLooperRef gone;
+	{
+		TestLooper looper(&destroyed);
+		gone = ZvLooperRef(&looper);
+	}
+	EXPECT_EQ(destroyed.load(), 1);
+	EXPECT_EQ(gone.PostOwnedMessage(new ZvMessage(3)), B_BAD_VALUE);
+}
+
 TEST(ZvLooperRefTest, AHandlerRefAimsItsPostsAtTheHandler)
 {
 	TestLooper looper;
@@ -433,6 +478,15 @@ TEST_F(LooperAtItsBoundTest, ARefPostWithATimeOutTimesOutAndOneOfZeroWouldBlock)
 	EXPECT_EQ(ref.SendMessage(7, &reply, 0), B_WOULD_BLOCK);
 	EXPECT_EQ(ref.SendMessage(7, &reply, 1000), B_TIMED_OUT);
 	EXPECT_EQ(looper.Drain(), 3);
+}
+
+TEST_F(LooperAtItsBoundTest, AnOwnedPostToAFullQueueTimesOutAndDeletesTheMessage)
+{
+	ZvLooperRef ref(&looper);
+	EXPECT_EQ(ref.PostOwnedMessage(new ZvMessage(7), 0), B_WOULD_BLOCK);
+	EXPECT_EQ(ref.PostOwnedMessage(new ZvMessage(8), 1000), B_TIMED_OUT);
+	EXPECT_EQ(looper.Drain(), 3);
+	EXPECT_EQ(looper.OwnWhats(), (std::vector<uint32>{100, 101, 102}));
 }
 
 TEST_F(LooperAtItsBoundTest, ARefPostWaitsForRoomAndThenQueues)

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <set>
 #include <thread>
@@ -11,7 +12,9 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/single_threaded.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -714,4 +717,86 @@ TEST(OSSemaphore, UncontendedAcquireAndReleaseMakeNoSystemCall)
 	EXPECT_TRUE(clean);
 	// The check itself works: a call that does enter the kernel is caught.
 	EXPECT_FALSE(zvtest::RunsWithoutSystemCalls([] {}, [] { syscall(SYS_getppid); }));
+}
+
+namespace {
+
+// One run of counting calls on a fresh semaphore; the results in order.
+std::vector<status_t> CountingSequence()
+{
+	std::vector<status_t> results;
+	const sem_id sem = create_sem(2, "sequence");
+	results.push_back(acquire_sem(sem));
+	results.push_back(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0));
+	results.push_back(acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0));
+	results.push_back(release_sem_etc(sem, 3, 0));
+	results.push_back(CountOf(sem));
+	results.push_back(acquire_sem_etc(sem, 3, 0, 0));
+	results.push_back(release_sem_etc(sem, INT32_MAX, 0));
+	results.push_back(release_sem(sem));
+	results.push_back(CountOf(sem));
+	results.push_back(delete_sem(sem));
+	results.push_back(acquire_sem(sem));
+	results.push_back(release_sem(sem));
+	return results;
+}
+
+std::atomic<int> gHandlerReleases{0};
+sem_id gSignalledSem = -1;
+
+void ReleaseFromHandler(int)
+{
+	if (release_sem(gSignalledSem) == B_OK)
+		gHandlerReleases.fetch_add(1, std::memory_order_relaxed);
+}
+
+} // namespace
+
+TEST(OSSemaphore, AProcessWithOneThreadCountsAsOneWithMany)
+{
+	// Each test runs in a process of its own: until the thread below starts,
+	// this one is the only thread, and the calls take the single-threaded
+	// path.
+	if (__libc_single_threaded == 0)
+		GTEST_SKIP() << "an earlier test of this process started a thread";
+	const std::vector<status_t> alone = CountingSequence();
+	std::thread([] {}).join();
+	const std::vector<status_t> shared = CountingSequence();
+	EXPECT_EQ(alone, shared);
+	const std::vector<status_t> expected = {B_OK,      B_OK, B_TIMED_OUT,  B_OK,
+	                                        3,         B_OK, B_OK,         B_BAD_VALUE,
+	                                        INT32_MAX, B_OK, B_BAD_SEM_ID, B_BAD_SEM_ID};
+	EXPECT_EQ(alone, expected);
+}
+
+TEST(OSSemaphore, AReleaseInASignalHandlerIsNeverLostBetweenAcquireAndRelease)
+{
+	// A signal handler of the only thread releases units while that thread
+	// acquires and releases in a loop: every unit the handler added is still
+	// there at the end. (With one thread the semaphore's exchanges are made
+	// without the bus lock; they must still be single instructions.)
+	if (__libc_single_threaded == 0)
+		GTEST_SKIP() << "an earlier test of this process started a thread";
+	gSignalledSem = create_sem(1, "signalled");
+	gHandlerReleases = 0;
+	struct sigaction action = {};
+	action.sa_handler = &ReleaseFromHandler;
+	sigemptyset(&action.sa_mask);
+	struct sigaction previous = {};
+	ASSERT_EQ(sigaction(SIGALRM, &action, &previous), 0);
+	struct itimerval every = {{0, 50}, {0, 50}};
+	ASSERT_EQ(setitimer(ITIMER_REAL, &every, nullptr), 0);
+	const bigtime_t end = system_time() + 2000000;
+	while (gHandlerReleases.load(std::memory_order_relaxed) < 500 && system_time() < end) {
+		for (int i = 0; i < 1000; i++) {
+			ASSERT_EQ(acquire_sem(gSignalledSem), B_OK);
+			ASSERT_EQ(release_sem(gSignalledSem), B_OK);
+		}
+	}
+	struct itimerval stop = {};
+	setitimer(ITIMER_REAL, &stop, nullptr);
+	sigaction(SIGALRM, &previous, nullptr);
+	EXPECT_GT(gHandlerReleases.load(), 0);
+	EXPECT_EQ(CountOf(gSignalledSem), 1 + gHandlerReleases.load());
+	delete_sem(gSignalledSem);
 }

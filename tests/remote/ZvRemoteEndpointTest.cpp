@@ -12,6 +12,7 @@
 
 #include <zmq.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -109,6 +110,124 @@ private:
 	std::vector<std::string> fReasons;
 };
 
+// Frames built by hand in the host's order, as the wire carries them: a
+// 24-byte header, the target's name, the flattened message.
+std::vector<uint8> HandFrame(uint8 kind, const char* name, const ZvMessage* message,
+                             uint64 request = 0, int64 argument = 0)
+{
+	const size_t nameLength = name != nullptr ? strlen(name) : 0;
+	std::vector<uint8> frame(24 + nameLength, 0);
+	std::memcpy(frame.data(), "ZvRm", 4);
+	frame[4] = kind;
+	frame[5] = ZV_HostByteOrder() == ZV_BIG_ENDIAN ? 1 : 0;
+	frame[6] = static_cast<uint8>(nameLength);
+	std::memcpy(frame.data() + 8, &request, 8);
+	std::memcpy(frame.data() + 16, &argument, 8);
+	if (nameLength > 0)
+		std::memcpy(frame.data() + 24, name, nameLength);
+	if (message != nullptr) {
+		std::vector<uint8> body(message->FlattenedSize());
+		message->Flatten(body.data());
+		frame.insert(frame.end(), body.begin(), body.end());
+	}
+	return frame;
+}
+
+// A batch of frames: a header of kind 4 whose request field holds count,
+// then each frame after its 4-byte length.
+std::vector<uint8> HandBatch(const std::vector<std::vector<uint8>>& frames, uint64 count)
+{
+	std::vector<uint8> batch = HandFrame(4, nullptr, nullptr, count, 0);
+	for (const std::vector<uint8>& frame : frames) {
+		const uint32 length = static_cast<uint32>(frame.size());
+		const uint8* bytes = reinterpret_cast<const uint8*>(&length);
+		batch.insert(batch.end(), bytes, bytes + 4);
+		batch.insert(batch.end(), frame.begin(), frame.end());
+	}
+	return batch;
+}
+
+std::vector<uint8> HandBatch(const std::vector<std::vector<uint8>>& frames)
+{
+	return HandBatch(frames, frames.size());
+}
+
+ZvMessage Numbered(int32 n)
+{
+	ZvMessage message(kSequence);
+	message.AddInt32("n", n);
+	return message;
+}
+
+// The "n" of each numbered message a receiving looper is handed, in the order
+// handed, with a latch for the number expected.
+class NumberLog
+{
+public:
+	explicit NumberLog(int32 expected) : fArrived(expected) {}
+
+	void Record(ZvMessage* message)
+	{
+		int32 n = -1;
+		message->FindInt32("n", &n);
+		{
+			std::lock_guard<std::mutex> hold(fLock);
+			fSeen.push_back(n);
+		}
+		fArrived.CountDown();
+	}
+
+	bool WaitFor(std::chrono::milliseconds limit) { return fArrived.WaitFor(limit); }
+
+	std::vector<int32> Seen()
+	{
+		std::lock_guard<std::mutex> hold(fLock);
+		return fSeen;
+	}
+
+private:
+	std::mutex fLock;
+	std::vector<int32> fSeen;
+	zvtest::Latch fArrived;
+};
+
+// A raw DEALER connected to address, for frames no endpoint would send.
+class RawDealer
+{
+public:
+	explicit RawDealer(const std::string& address)
+	    : fContext(zmq_ctx_new()), fSocket(zmq_socket(fContext, ZMQ_DEALER))
+	{
+		const int wait = 10000;
+		zmq_setsockopt(fSocket, ZMQ_RCVTIMEO, &wait, sizeof(wait));
+		fConnected = zmq_connect(fSocket, address.c_str()) == 0;
+	}
+	~RawDealer()
+	{
+		const int linger = 0;
+		zmq_setsockopt(fSocket, ZMQ_LINGER, &linger, sizeof(linger));
+		zmq_close(fSocket);
+		zmq_ctx_term(fContext);
+	}
+	bool IsConnected() const { return fConnected; }
+	bool Send(const std::vector<uint8>& frame)
+	{
+		return zmq_send(fSocket, frame.data(), frame.size(), 0) >= 0;
+	}
+	// The next frame, or an empty one after 10 s.
+	std::vector<uint8> Receive()
+	{
+		std::vector<uint8> frame(65536);
+		const int size = zmq_recv(fSocket, frame.data(), frame.size(), 0);
+		frame.resize(size > 0 ? std::min<size_t>(size, frame.size()) : 0);
+		return frame;
+	}
+
+private:
+	void* fContext;
+	void* fSocket;
+	bool fConnected = false;
+};
 } // namespace
 
 TEST_F(RemotePair, APostArrivesAsAnOrdinaryPostWithItsFields)
@@ -136,20 +255,15 @@ TEST_F(RemotePair, APostArrivesAsAnOrdinaryPostWithItsFields)
 TEST_F(RemotePair, PostsFromOneEndpointArriveInTheOrderSent)
 {
 	constexpr int32 kCount = 2000;
-	zvtest::Latch all(kCount);
-	std::vector<int32> seen;
-	SetReceive([&](ZvMessage* message) {
-		int32 n = -1;
-		message->FindInt32("n", &n);
-		seen.push_back(n);
-		all.CountDown();
-	});
+	NumberLog log(kCount);
+	SetReceive([&](ZvMessage* message) { log.Record(message); });
 	for (int32 n = 0; n < kCount; n++) {
 		ZvMessage message(kSequence);
 		message.AddInt32("n", n);
 		ASSERT_EQ(fRef.PostMessage(&message), B_OK);
 	}
-	ASSERT_TRUE(all.WaitFor(30s));
+	ASSERT_TRUE(log.WaitFor(30s));
+	const std::vector<int32> seen = log.Seen();
 	ASSERT_EQ(seen.size(), static_cast<size_t>(kCount));
 	for (int32 n = 0; n < kCount; n++)
 		ASSERT_EQ(seen[n], n);
@@ -416,6 +530,223 @@ TEST_F(RemotePair, GarbageFromARawSocketIsRefusedAndCountedAndTheReceiverGoesOn)
 	int linger = 0;
 	zmq_setsockopt(raw, ZMQ_LINGER, &linger, sizeof(linger));
 	zmq_close(raw);
+	zmq_ctx_term(context);
+}
+
+TEST_F(RemotePair, MalformedBatchesAreRefusedWholeAndCountedOnce)
+{
+	NoticeBox notices(8);
+	RunningLooper reports([&](ZvMessage* message) { notices.Take(message); });
+	fServer.SetReportTarget(reports.Ref());
+	NumberLog delivered(2);
+	SetReceive([&](ZvMessage* message) { delivered.Record(message); });
+	RawDealer raw(fAddress);
+	ASSERT_TRUE(raw.IsConnected());
+	const ZvMessage first = Numbered(0);
+	const ZvMessage second = Numbered(1);
+	const std::vector<uint8> good = HandFrame(1, "service", &first);
+
+	ASSERT_TRUE(raw.Send(HandBatch({good}, 0)));    // no frames
+	ASSERT_TRUE(raw.Send(HandBatch({good}, 2)));    // fewer entries than counted
+	ASSERT_TRUE(raw.Send(HandBatch({good}, 1025))); // over the count limit
+	std::vector<uint8> trailing = HandBatch({good});
+	trailing.push_back(0);
+	ASSERT_TRUE(raw.Send(trailing)); // bytes after the last entry
+	std::vector<uint8> pastEnd = HandBatch({good});
+	std::memset(pastEnd.data() + 24, 0xFF, 4);
+	ASSERT_TRUE(raw.Send(pastEnd)); // an entry longer than the batch
+	std::vector<uint8> argument = HandBatch({good});
+	argument[16] = 1;
+	ASSERT_TRUE(raw.Send(argument)); // the argument field is not zero
+	// A name in the header: the bytes after it do not split into entries.
+	std::vector<uint8> named = HandBatch({good});
+	named[6] = 4;
+	ASSERT_TRUE(raw.Send(named));
+	// Over 64 KiB in all, under ZeroMQ's own limit.
+	ASSERT_TRUE(raw.Send(HandBatch({std::vector<uint8>(66000, 0x5A)})));
+
+	ASSERT_TRUE(notices.Wait());
+	std::vector<std::string> reasons = notices.Reasons();
+	std::sort(reasons.begin(), reasons.end());
+	std::vector<std::string> expected(7, "malformed");
+	expected.push_back("oversized");
+	EXPECT_EQ(reasons, expected);
+
+	// A good batch from the same socket is delivered, in order.
+	ASSERT_TRUE(raw.Send(HandBatch({good, HandFrame(1, "service", &second)})));
+	ASSERT_TRUE(delivered.WaitFor(10s));
+	EXPECT_EQ(delivered.Seen(), (std::vector<int32>{0, 1}));
+	zv_remote_stats stats;
+	ASSERT_EQ(fServer.GetStats(&stats), B_OK);
+	EXPECT_EQ(stats.refusedMalformed, 7u);
+	EXPECT_EQ(stats.refusedOversized, 1u);
+	EXPECT_TRUE(zvtest::WaitUntil([&] {
+		fServer.GetStats(&stats);
+		return stats.postsDelivered == 2u;
+	}));
+	// Each refused batch counts as one frame, each frame of the good one.
+	EXPECT_EQ(stats.framesReceived, 10u);
+	fServer.SetReportTarget(ZvLooperRef());
+}
+
+TEST_F(RemotePair, EachFrameInABatchIsCheckedAndCountedOnItsOwn)
+{
+	NoticeBox notices(5);
+	RunningLooper reports([&](ZvMessage* message) { notices.Take(message); });
+	fServer.SetReportTarget(reports.Ref());
+	ASSERT_EQ(fServer.SetMaxFrameSize(4096), B_OK);
+	NumberLog delivered(3);
+	SetReceive([&](ZvMessage* message) {
+		if (message->what == kEcho)
+			Echo(message);
+		else
+			delivered.Record(message);
+	});
+	RawDealer raw(fAddress);
+	ASSERT_TRUE(raw.IsConnected());
+
+	const ZvMessage zero = Numbered(0);
+	const ZvMessage one = Numbered(1);
+	const ZvMessage two = Numbered(2);
+	std::vector<uint8> cut = HandFrame(1, "service", &zero);
+	cut.resize(cut.size() - 3);
+	const ZvMessage ninetyNine = Numbered(99);
+	ZvMessage big(kSequence);
+	big.AddString("bytes", std::string(5000, 'x').c_str());
+	ZvMessage echo(kEcho);
+	echo.AddInt32("n", 7);
+	ASSERT_TRUE(raw.Send(HandBatch({
+	    HandFrame(1, "service", &zero),
+	    cut,                                               // malformed
+	    HandBatch({HandFrame(1, "service", &ninetyNine)}), // nested: malformed
+	    HandFrame(3, nullptr, &zero, 5, B_OK),             // an answer: malformed
+	    HandFrame(1, "service", &one),
+	    HandFrame(1, "service", &big),          // oversized
+	    HandFrame(2, "service", &echo, 77, -1), // a request
+	    HandFrame(1, "nobody", &zero),          // unknown target
+	    HandFrame(1, "service", &two),
+	})));
+
+	ASSERT_TRUE(delivered.WaitFor(10s));
+	EXPECT_EQ(delivered.Seen(), (std::vector<int32>{0, 1, 2}));
+	// The request in the batch is answered to the raw socket.
+	const std::vector<uint8> answer = raw.Receive();
+	ASSERT_GE(answer.size(), 24u);
+	EXPECT_EQ(answer[4], 3);
+	uint64 request = 0;
+	int64 status = -1;
+	std::memcpy(&request, answer.data() + 8, 8);
+	std::memcpy(&status, answer.data() + 16, 8);
+	EXPECT_EQ(request, 77u);
+	EXPECT_EQ(status, B_OK);
+	ZvMessage reply(static_cast<uint32>(0));
+	ASSERT_EQ(reply.Unflatten(answer.data() + 24, answer.size() - 24, ZV_HOST_ENDIAN), B_OK);
+	int32 n = 0;
+	EXPECT_TRUE(reply.FindInt32("n", &n));
+	EXPECT_EQ(n, 7);
+
+	ASSERT_TRUE(notices.Wait());
+	std::vector<std::string> reasons = notices.Reasons();
+	std::sort(reasons.begin(), reasons.end());
+	EXPECT_EQ(reasons, (std::vector<std::string>{"malformed", "malformed", "malformed", "oversized",
+	                                             "unknown target"}));
+	zv_remote_stats stats;
+	EXPECT_TRUE(zvtest::WaitUntil([&] {
+		fServer.GetStats(&stats);
+		return stats.postsDelivered == 3u && stats.requestsAnswered == 1u;
+	}));
+	EXPECT_EQ(stats.framesReceived, 9u);
+	EXPECT_EQ(stats.refusedMalformed, 3u);
+	EXPECT_EQ(stats.refusedOversized, 1u);
+	EXPECT_EQ(stats.refusedUnknownTarget, 1u);
+	fServer.SetReportTarget(ZvLooperRef());
+}
+
+TEST(ZvRemoteEndpoint, PostsQueuedWhileThePeerIsAwayGoInBatchesAndKeepTheirOrder)
+{
+	zvtest::Watchdog watchdog(60s, "batches");
+	// More posts than ZeroMQ queues for an absent peer (10,000 frames): the
+	// rest wait in the endpoint and go as batches when the peer comes.
+	constexpr int32 kCount = 25000;
+	SocketFolder folder;
+	ASSERT_TRUE(folder.IsValid());
+	const std::string address = folder.Address("late");
+	ZvRemoteEndpoint client;
+	ASSERT_EQ(client.SetQueueLimit(kCount), B_OK);
+	ZvRemoteRef ref;
+	ASSERT_EQ(client.Connect(address.c_str(), "sink", &ref), B_OK);
+	for (int32 n = 0; n < kCount; n++) {
+		const ZvMessage message = Numbered(n);
+		ASSERT_EQ(ref.PostMessage(&message, 10000000), B_OK);
+	}
+
+	void* context = zmq_ctx_new();
+	void* router = zmq_socket(context, ZMQ_ROUTER);
+	const int wait = 10000;
+	zmq_setsockopt(router, ZMQ_RCVTIMEO, &wait, sizeof(wait));
+	ASSERT_EQ(zmq_bind(router, address.c_str()), 0);
+	int32 next = 0;
+	int32 batches = 0;
+	size_t largest = 0;
+	bool wellFormed = true;
+	const auto readPost = [&](const uint8* frame, size_t size) {
+		if (size < 28 || frame[4] != 1 || frame[6] != 4 || std::memcmp(frame + 24, "sink", 4) != 0)
+			return false;
+		ZvMessage message(static_cast<uint32>(0));
+		int32 n = -1;
+		if (message.Unflatten(frame + 28, size - 28, ZV_HOST_ENDIAN) != B_OK ||
+		    !message.FindInt32("n", &n) || n != next)
+			return false;
+		next++;
+		return true;
+	};
+	while (next < kCount && wellFormed) {
+		zmq_msg_t identity;
+		zmq_msg_t body;
+		zmq_msg_init(&identity);
+		zmq_msg_init(&body);
+		if (zmq_msg_recv(&identity, router, 0) < 0 || zmq_msg_recv(&body, router, 0) < 0) {
+			zmq_msg_close(&identity);
+			zmq_msg_close(&body);
+			break;
+		}
+		const uint8* data = static_cast<const uint8*>(zmq_msg_data(&body));
+		const size_t size = zmq_msg_size(&body);
+		if (size >= 24 && data[4] == 4) {
+			batches++;
+			largest = std::max(largest, size);
+			uint64 count = 0;
+			std::memcpy(&count, data + 8, 8);
+			size_t at = 24;
+			for (uint64 i = 0; i < count && wellFormed; i++) {
+				uint32 length = 0;
+				wellFormed = at + 4 <= size;
+				if (wellFormed) {
+					std::memcpy(&length, data + at, 4);
+					wellFormed = at + 4 + length <= size && readPost(data + at + 4, length);
+				}
+				at += 4 + length;
+			}
+			wellFormed = wellFormed && at == size;
+		} else {
+			wellFormed = readPost(data, size);
+		}
+		zmq_msg_close(&identity);
+		zmq_msg_close(&body);
+	}
+	EXPECT_TRUE(wellFormed) << "at post " << next;
+	EXPECT_EQ(next, kCount);
+	EXPECT_GE(batches, 1);
+	EXPECT_LE(largest, 64u * 1024);
+	zv_remote_stats stats;
+	EXPECT_TRUE(zvtest::WaitUntil([&] {
+		client.GetStats(&stats);
+		return stats.framesSent == static_cast<uint64>(kCount);
+	}));
+
+	const int linger = 0;
+	zmq_setsockopt(router, ZMQ_LINGER, &linger, sizeof(linger));
+	zmq_close(router);
 	zmq_ctx_term(context);
 }
 

@@ -1,5 +1,6 @@
-// TimerTestSupport.h: a handler that records what reaches it and when, and
-// a running looper around it, for the tests of runners and watches.
+// TimerTestSupport.h: a handler that records what reaches it and when, a
+// running looper around it, and a way to keep that looper's queue full, for
+// the tests of runners and watches.
 #ifndef ZVKIT_TIMER_TEST_SUPPORT_H
 #define ZVKIT_TIMER_TEST_SUPPORT_H
 
@@ -210,6 +211,29 @@ private:
 	Recorder fRecorder;
 	ZvLooper* fLooper;
 };
+
+// Holds looper's thread in its handler (on a message of what 1) until
+// release counts down, and fills its queue behind it: looper must have been
+// made with a queue bound of 1, so that a post to it then finds no room.
+// False when the thread did not reach the handler in time. release must
+// outlive the hold.
+inline bool HoldWithAFullQueue(RecordingLooper& looper, zvtest::Latch& release)
+{
+	using namespace std::chrono_literals;
+	auto arrived = std::make_shared<zvtest::Latch>(1);
+	looper.Handler().SetAction([arrived, &release](ZvMessage* message) {
+		if (message->what == 1) {
+			arrived->CountDown();
+			release.WaitFor(30s);
+		}
+	});
+	looper.Looper()->PostMessage(1, nullptr);
+	if (!arrived->WaitFor(10s))
+		return false;
+	for (int i = 0; i < 3; i++)
+		looper.Looper()->PostMessage(2, nullptr);
+	return true;
+}
 
 } // namespace timer_test
 

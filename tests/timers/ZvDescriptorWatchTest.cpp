@@ -16,6 +16,7 @@
 
 #include <OS.h>
 
+#include "ForkedChild.h"
 #include "Polling.h"
 #include "TestSupport.h"
 #include "TimerTestSupport.h"
@@ -26,7 +27,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -493,18 +493,8 @@ TEST(ZvDescriptorWatchTest, AFullTargetGetsThePostOnceItHasRoom)
 {
 	zvtest::Watchdog watchdog(60s);
 	RecordingLooper looper(1);
-	zvtest::Latch arrived(1);
 	zvtest::Latch release(1);
-	looper.Handler().SetAction([&](ZvMessage* m) {
-		if (m->what == 1) {
-			arrived.CountDown();
-			release.WaitFor(30s);
-		}
-	});
-	looper.Looper()->PostMessage(1, nullptr);
-	ASSERT_TRUE(arrived.WaitFor(10s));
-	for (int i = 0; i < 3; i++)
-		looper.Looper()->PostMessage(2, nullptr);
+	ASSERT_TRUE(timer_test::HoldWithAFullQueue(looper, release));
 
 	Pipe pipe;
 	const ZvMessage message(kData);
@@ -576,9 +566,7 @@ TEST(ZvDescriptorWatchTest, AForkedChildWatchesOnItsOwnAndLeavesTheParentsWatchA
 	                                                 ZvLooperRef(looper.Looper()), &message);
 	ASSERT_TRUE(MarkerArrives(looper));
 
-	const pid_t child = fork();
-	ASSERT_GE(child, 0);
-	if (child == 0) {
+	const int childStatus = zvtest::RunInChild([&] {
 		int status = 0;
 		// The parent's watch is inert here; deleting it must not touch the
 		// parent's registration.
@@ -592,12 +580,9 @@ TEST(ZvDescriptorWatchTest, AForkedChildWatchesOnItsOwnAndLeavesTheParentsWatchA
 		childPipe.Put("c");
 		if (!own.Handler().WaitFor(1, kData, 20s))
 			status |= 2;
-		_exit(status);
-	}
-	int status = -1;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	ASSERT_TRUE(WIFEXITED(status));
-	EXPECT_EQ(WEXITSTATUS(status), 0);
+		return status;
+	});
+	ASSERT_EQ(childStatus, 0);
 	ASSERT_TRUE(pipe.Put("p"));
 	ASSERT_TRUE(looper.Handler().WaitFor(1, kData));
 }

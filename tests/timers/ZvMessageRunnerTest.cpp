@@ -15,6 +15,7 @@
 
 #include <OS.h>
 
+#include "ForkedChild.h"
 #include "Polling.h"
 #include "TestSupport.h"
 #include "TimerTestSupport.h"
@@ -22,7 +23,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -382,18 +382,8 @@ TEST(ZvMessageRunnerTest, AFullTargetDoesNotHoldUpOtherRunners)
 	zvtest::Watchdog watchdog(60s);
 	RecordingLooper blocked(1);
 	RecordingLooper free;
-	zvtest::Latch arrived(1);
 	zvtest::Latch release(1);
-	blocked.Handler().SetAction([&](ZvMessage* message) {
-		if (message->what == 1) {
-			arrived.CountDown();
-			release.WaitFor(30s);
-		}
-	});
-	blocked.Looper()->PostMessage(1, nullptr);
-	ASSERT_TRUE(arrived.WaitFor(10s));
-	for (int i = 0; i < 3; i++)
-		blocked.Looper()->PostMessage(2, nullptr);
+	ASSERT_TRUE(timer_test::HoldWithAFullQueue(blocked, release));
 
 	const ZvMessage message(kTick);
 	ZvMessageRunner stuck(ZvLooperRef(blocked.Looper()), &message, 500, 4);
@@ -551,9 +541,7 @@ TEST(ZvMessageRunnerTest, AForkedChildRunsRunnersOfItsOwn)
 	ZvMessageRunner parentRunner(ZvLooperRef(looper.Looper()), &message, 1000);
 	ASSERT_TRUE(looper.Handler().WaitFor(1, kTick));
 
-	const pid_t child = fork();
-	ASSERT_GE(child, 0);
-	if (child == 0) {
+	const int childStatus = zvtest::RunInChild([&] {
 		// The parent's runner is inert here and can be changed and deleted.
 		int status = 0;
 		if (parentRunner.SetInterval(500) != B_OK)
@@ -562,12 +550,9 @@ TEST(ZvMessageRunnerTest, AForkedChildRunsRunnersOfItsOwn)
 		ZvMessageRunner runner(ZvLooperRef(own.Looper()), &message, 1000, 3);
 		if (!own.Handler().WaitFor(3, kTick, 20s))
 			status |= 2;
-		_exit(status);
-	}
-	int status = -1;
-	ASSERT_EQ(waitpid(child, &status, 0), child);
-	ASSERT_TRUE(WIFEXITED(status));
-	EXPECT_EQ(WEXITSTATUS(status), 0);
+		return status;
+	});
+	ASSERT_EQ(childStatus, 0);
 	// The parent's timer thread goes on.
 	const size_t now = looper.Handler().Count(kTick);
 	ASSERT_TRUE(looper.Handler().WaitFor(now + 3, kTick));

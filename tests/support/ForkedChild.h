@@ -1,0 +1,34 @@
+// ForkedChild.h: runs a piece of a test in a child made by fork().
+//
+// RunInChild forks, runs body in the child and ends the child with _exit and
+// body's result (so no destructor or atexit handler of the parent's copy
+// runs there), and waits for it in the parent. The test then checks the
+// result, which is body's own 0..255 or -1 when no child could be made or it
+// did not end by exiting (a crash, a signal).
+//
+// Only for tests whose subject is the library's behaviour after fork(): in a
+// multi-threaded test the child has just the forking thread.
+#ifndef ZVKIT_FORKED_CHILD_H
+#define ZVKIT_FORKED_CHILD_H
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace zvtest {
+
+template <typename Body> int RunInChild(Body body)
+{
+	const pid_t child = fork();
+	if (child < 0)
+		return -1;
+	if (child == 0)
+		_exit(body());
+	int status = -1;
+	if (waitpid(child, &status, 0) != child || !WIFEXITED(status))
+		return -1;
+	return WEXITSTATUS(status);
+}
+
+} // namespace zvtest
+
+#endif // ZVKIT_FORKED_CHILD_H
