@@ -22,9 +22,12 @@
 // drain just when the looper most needs to catch up). A looper takes its
 // messages out of the ring in batches; a taken message counts as queued
 // until the looper's turn for it comes, so the count and the bound behave
-// as if it were removed then. The object is aligned to a cache line: the
-// lock and the ring, the count, and the looper's taken messages each have
-// a line of their own.
+// as if it were removed then. The count is the difference of two running
+// totals, one written by adders and one by the remover, so that the two
+// sides do not write one shared line per message. The object is aligned to
+// a cache line: the lock, the ring and the adders' total; the bound; the
+// removers' total; and the looper's taken messages each have lines of
+// their own.
 //
 // Release policy (an addition; the default keeps the rule above): with
 // ZV_QUEUE_RELEASE_BELOW_BOUND, a removal that leaves the queue below the
@@ -127,8 +130,15 @@ private:
 	// them), and halves the ring when it is a quarter full.
 	void _DropOldest(int32 count);
 	// Counts one message out of the queue and applies the bound's rule to
-	// the count it leaves.
+	// the count it leaves; for the loop, without the queue's lock.
 	void _CountRemoval();
+	// The same with the queue's lock held (no add in progress).
+	void _CountRemovalLocked();
+	// The number queued, read with the queue's lock held.
+	int32 _CountLocked() const;
+	// With the lock held, the count that the removal numbered removed left:
+	// adds from the first that saw it on do not count.
+	int32 _LeftAfter(uint32 removed) const;
 	// The bound's rule: a removal that leaves left messages queued releases
 	// "_item_limit" when that is at or above the limit.
 	void _ReleaseAtLimit(int32 left);
@@ -156,21 +166,36 @@ private:
 
 	// The ring, its size (0 or a power of two), the slot of the oldest
 	// message and how many it holds; guarded by the queue's lock. With the
-	// lock's own fields they fill the object's first cache line, which
-	// every add and every batch taken reads and writes.
+	// lock's own fields and the adders' counters they fill the object's first
+	// cache line, which every add and every batch taken reads and writes.
 	ZvMessage** fSlots;
 	int32 fSlotCount;
 	int32 fHead;
 	int32 fQueued;
 
-	// The number queued: in the ring plus taken and not yet handed out.
-	// Changed under the queue's lock by adders and by RemoveMessage, and by
-	// _TakeNext without it; atomic, so that every change counts and
-	// CountItems and IsEmpty can read it from any thread. On a line of its
-	// own with the bound, which both sides read with it.
-	alignas(64) std::atomic<int32> fCount;
-	const int32 fLimit;
+	// The count is kept as two running totals, each written by one side:
+	// messages ever added (fAdded, by adders under the lock) and ever removed
+	// (fRemoved, by the remover). The number queued is their difference
+	// (modulo 2^32). An adder compares the count with the bound only through
+	// fRemovedSeen, the last fRemoved it read, which can only overstate the
+	// count; it reads fRemoved again only when that overstated count is over
+	// the bound. fAddedAtSeen is fAdded when fRemovedSeen was last raised
+	// (see _CountRemovalLocked). All three written under the lock.
+	std::atomic<uint32> fAdded;
+	uint32 fRemovedSeen;
+	uint32 fAddedAtSeen;
+	// fAdded never passes fCeiling; adders raise it, by a stride, before
+	// fAdded would pass it, so that a remover can tell from this rarely
+	// written value that the queue is far below the bound.
+	uint32 fCeilingOwn;
+	uint32 fCeilingStride;
+
+	// The bound, its semaphore, the adders' ceiling (see fCeilingOwn) and the
+	// blocking path's counts: read by the remover at each removal and
+	// written only now and then.
+	alignas(64) const int32 fLimit;
 	uint32 fLimitSem;
+	std::atomic<uint32> fCeiling;
 	// Adders between their decision to wait on "_item_limit" and the end of
 	// that wait; and those of them that no release has covered yet (the
 	// opt-in policy releases only for these). Touched only on the blocking
@@ -178,6 +203,11 @@ private:
 	std::atomic<int32> fBlocked;
 	std::atomic<int32> fUncovered;
 	std::atomic<int32> fPolicy;
+
+	// Messages ever removed (see fAdded), and the last fAdded the remover
+	// read, which can only understate the count; both on the remover's line.
+	alignas(64) std::atomic<uint32> fRemoved;
+	uint32 fAddedSeen;
 
 	// Messages taken out of the ring by _TakeBatch and not yet handed out
 	// by _TakeNext, oldest at fTakenHead; used by the loop's thread only.

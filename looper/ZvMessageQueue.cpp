@@ -19,11 +19,30 @@ using zvkit::internal::kNoSemaphore;
 // So the loop takes the messages it will need from the ring in batches
 // (_TakeBatch, under the lock) and hands them out one by one (_TakeNext,
 // without it). A taken message still counts as queued until it is handed
-// out: fCount falls, and "_item_limit" is released when it stays at or
+// out: the count falls, and "_item_limit" is released when it stays at or
 // above the limit, at the moment _TakeNext hands it out, exactly as
-// RemoveMessage would have done then. Adders test fCount under the lock as
-// before, so they block, and pass, as they would if the loop removed the
+// RemoveMessage would have done then. Adders test the count under the lock
+// as before, so they block, and pass, as they would if the loop removed the
 // messages one at a time; only the lock is taken less often.
+//
+// Counting without a shared counter.
+//
+// A single count that adders raise and the loop lowers would move between
+// the two processors at every message. Instead each side keeps its own
+// running total (fAdded, fRemoved) on its own line, and reads the other's
+// only when its decision depends on it:
+//  - an adder blocks only when the count is over the bound; its last view
+//    of fRemoved overstates the count, so while that view is not over the
+//    bound it does not read fRemoved at all;
+//  - the loop releases "_item_limit" only when the count it leaves is at
+//    or above the bound; its last view of fAdded understates that count,
+//    so it reads fAdded only when that view leaves it below the bound, and
+//    fCeiling (raised by adders once per stride, an overstatement) spares
+//    it a second read after its removal when that is below the bound too.
+// When the loop must read fAdded, an add that completes during its removal
+// makes the order of the two open; one such add gives a count that some
+// order of the two produces, more than one sends the loop to the lock,
+// where the adders' record of when they last saw fRemoved settles it.
 
 namespace {
 
@@ -36,10 +55,14 @@ const int32 kPrefetched = 3;
 } // namespace
 
 ZvMessageQueue::ZvMessageQueue(int32 limit)
-    : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fCount(0), fLimit(limit),
-      fLimitSem(kNoSemaphore), fBlocked(0), fUncovered(0), fPolicy(ZV_QUEUE_SOFT_BOUND), fTaken(),
-      fTakenHead(0), fTakenCount(0)
+    : ZvLocker(), fSlots(nullptr), fSlotCount(0), fHead(0), fQueued(0), fAdded(0), fRemovedSeen(0),
+      fAddedAtSeen(0), fCeilingOwn(0), fCeilingStride(0), fLimit(limit), fLimitSem(kNoSemaphore),
+      fCeiling(0), fBlocked(0), fUncovered(0), fPolicy(ZV_QUEUE_SOFT_BOUND), fRemoved(0),
+      fAddedSeen(0), fTaken(), fTakenHead(0), fTakenCount(0)
 {
+	// Half the bound: the loop reads fAdded only once the queue is that
+	// long; a cap keeps the adders' raises rare for huge bounds.
+	fCeilingStride = static_cast<uint32>(limit > 2 ? MIN(limit / 2, 1 << 16) : 0);
 	fLimitSem = ZvSemaphore::Create(1, "_item_limit");
 }
 
@@ -59,7 +82,7 @@ ZvMessageQueue::~ZvMessageQueue()
 	delete[] fSlots;
 	fSlots = nullptr;
 	fQueued = 0;
-	fCount.store(0, std::memory_order_relaxed);
+	fRemoved.store(fAdded.load(std::memory_order_relaxed), std::memory_order_relaxed);
 }
 
 void ZvMessageQueue::AddMessage(ZvMessage* message)
@@ -77,7 +100,16 @@ status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
 	if (!Lock())
 		return B_ERROR;
 
-	if (fCount.load(std::memory_order_relaxed) > fLimit) {
+	uint32 added = fAdded.load(std::memory_order_relaxed);
+	if (static_cast<int32>(added - fRemovedSeen) > fLimit) {
+		// The view overstates the count: look at the removals again.
+		const uint32 removed = fRemoved.load(std::memory_order_seq_cst);
+		if (removed != fRemovedSeen) {
+			fRemovedSeen = removed;
+			fAddedAtSeen = added;
+		}
+	}
+	if (static_cast<int32>(added - fRemovedSeen) > fLimit) {
 		// Over the bound: wait for a remover with the queue's lock released,
 		// so that the remover can take it. One unit of "_item_limit" lets one
 		// adder through, which then appends whatever the count: the count is
@@ -115,7 +147,14 @@ status_t ZvMessageQueue::_AddMessageEtc(ZvMessage* message, bigtime_t timeout)
 		_Resize(fSlotCount == 0 ? kMinSlots : fSlotCount * 2);
 	_SlotAt(fQueued) = message;
 	fQueued++;
-	fCount.fetch_add(1, std::memory_order_relaxed);
+	// Other adders may have added while this one waited.
+	added = fAdded.load(std::memory_order_relaxed);
+	if (static_cast<int32>(added + 1 - fCeilingOwn) > 0) {
+		// The ceiling goes up before the total passes it.
+		fCeilingOwn = added + 1 + fCeilingStride;
+		fCeiling.store(fCeilingOwn, std::memory_order_seq_cst);
+	}
+	fAdded.store(added + 1, std::memory_order_release);
 	Unlock();
 	return B_OK;
 }
@@ -135,11 +174,11 @@ ZvMessage* ZvMessageQueue::RemoveMessage()
 	if (fQueued > 0) {
 		message = _SlotAt(0);
 		_DropOldest(1);
-		_CountRemoval();
+		_CountRemovalLocked();
 	} else {
 		// A removal that finds the queue empty follows the same rule: with a
 		// bound of 0 or less every call releases.
-		_ReleaseAtLimit(fCount.load(std::memory_order_relaxed));
+		_ReleaseAtLimit(_CountLocked());
 	}
 
 	Unlock();
@@ -148,7 +187,24 @@ ZvMessage* ZvMessageQueue::RemoveMessage()
 
 int32 ZvMessageQueue::CountItems() const
 {
-	return fCount.load(std::memory_order_relaxed);
+	// The difference of the two totals at one moment: fRemoved the same
+	// before and after fAdded is read means both held at that read.
+	uint32 removed = fRemoved.load(std::memory_order_seq_cst);
+	for (;;) {
+		const uint32 added = fAdded.load(std::memory_order_seq_cst);
+		const uint32 again = fRemoved.load(std::memory_order_seq_cst);
+		if (again == removed)
+			return static_cast<int32>(added - removed);
+		removed = again;
+	}
+}
+
+int32 ZvMessageQueue::_CountLocked() const
+{
+	// No add is in progress, and the removers are serialised: both totals
+	// are still.
+	return static_cast<int32>(fAdded.load(std::memory_order_relaxed) -
+	                          fRemoved.load(std::memory_order_relaxed));
 }
 
 bool ZvMessageQueue::IsEmpty() const
@@ -165,8 +221,7 @@ ZvMessage* ZvMessageQueue::_TakeNext()
 	fTakenHead++;
 	fTakenCount--;
 	_PrefetchTaken(fTakenHead + kPrefetched - 1);
-	// The removal proper. The decrement is atomic, so the count it leaves is
-	// exact even while adders change it under the lock.
+	// The removal proper (see "Counting without a shared counter").
 	_CountRemoval();
 	return message;
 }
@@ -182,7 +237,7 @@ bool ZvMessageQueue::_TakeBatch()
 	if (taken > 0)
 		_DropOldest(taken);
 	else // As RemoveMessage on an empty queue.
-		_ReleaseAtLimit(fCount.load(std::memory_order_relaxed));
+		_ReleaseAtLimit(_CountLocked());
 	fTakenHead = 0;
 	fTakenCount = taken;
 
@@ -204,7 +259,61 @@ void ZvMessageQueue::_DropOldest(int32 count)
 
 void ZvMessageQueue::_CountRemoval()
 {
-	_ReleaseAtLimit(fCount.fetch_sub(1, std::memory_order_relaxed) - 1);
+	const uint32 removed = fRemoved.load(std::memory_order_relaxed) + 1;
+	// Messages added before this removal are at least the last fAdded seen:
+	// when that leaves the queue at or above the bound, it is so.
+	uint32 added = fAddedSeen;
+	if (static_cast<int32>(added - removed) < fLimit)
+		added = fAddedSeen = fAdded.load(std::memory_order_seq_cst);
+	if (static_cast<int32>(added - removed) >= fLimit) {
+		fRemoved.store(removed, std::memory_order_release);
+		_ReleaseAtLimit(static_cast<int32>(added - removed));
+		return;
+	}
+
+	fRemoved.store(removed, std::memory_order_seq_cst);
+	// fAdded never passes the ceiling: below the bound by it, the count left
+	// is below it too, whatever adders did meanwhile.
+	const uint32 ceiling = fCeiling.load(std::memory_order_seq_cst);
+	if (static_cast<int32>(ceiling - removed) < fLimit) {
+		_ReleaseAtLimit(static_cast<int32>(ceiling - removed));
+		return;
+	}
+	const uint32 now = fAdded.load(std::memory_order_seq_cst);
+	if (now - added <= 1) {
+		// At most one add completed during the removal: counting it or not
+		// gives what the removal saw in one order of the two or the other
+		// (it would have to count for the bound in both to make them
+		// differ, at once over it for the adder and at it for the loop).
+		fAddedSeen = now;
+		_ReleaseAtLimit(static_cast<int32>(now - removed));
+		return;
+	}
+	// Several adds raced with the removal: count those that decided before
+	// it, from the adders' record, with the lock held.
+	if (!Lock()) {
+		_ReleaseAtLimit(static_cast<int32>(now - removed));
+		return;
+	}
+	const int32 left = _LeftAfter(removed);
+	Unlock();
+	_ReleaseAtLimit(left);
+}
+
+void ZvMessageQueue::_CountRemovalLocked()
+{
+	const uint32 removed = fRemoved.load(std::memory_order_relaxed) + 1;
+	fRemoved.store(removed, std::memory_order_seq_cst);
+	_ReleaseAtLimit(_LeftAfter(removed));
+}
+
+int32 ZvMessageQueue::_LeftAfter(uint32 removed) const
+{
+	// Adds from the first one that saw this removal come after it; those
+	// before it, whatever view of fRemoved they used, count as queued then.
+	if (fRemovedSeen == removed)
+		return static_cast<int32>(fAddedAtSeen - removed);
+	return static_cast<int32>(fAdded.load(std::memory_order_relaxed) - removed);
 }
 
 void ZvMessageQueue::_ReleaseAtLimit(int32 left)
@@ -244,7 +353,7 @@ void ZvMessageQueue::_ReleaseUncovered()
 
 bool ZvMessageQueue::_WouldBlock() const
 {
-	if (fCount.load() <= fLimit)
+	if (CountItems() <= fLimit)
 		return false;
 	int32 units = 0;
 	return get_sem_count(static_cast<sem_id>(fLimitSem), &units) == B_OK && units <= 0;
@@ -266,7 +375,7 @@ status_t ZvMessageQueue::SetPolicy(zv_queue_policy policy)
 		return B_BAD_VALUE;
 	fPolicy.store(policy);
 	// Adders already stranded under the old rule are let through now.
-	if (policy == ZV_QUEUE_RELEASE_BELOW_BOUND && fCount.load() < fLimit)
+	if (policy == ZV_QUEUE_RELEASE_BELOW_BOUND && CountItems() < fLimit)
 		_ReleaseUncovered();
 	return B_OK;
 }

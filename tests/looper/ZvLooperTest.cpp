@@ -648,6 +648,63 @@ TEST(ZvLooperTest, TheBoundOfTheQueueHoldsAsIfTheLoopTookOneMessageAtATime)
 	ExpectOwnWhatsInOrder(looper, 6);
 }
 
+namespace {
+
+// Through a never-run looper driven by hand with queue bound bound: the
+// loop's turns that leave bound or more messages queued each leave one unit
+// of "_item_limit" for later posters, and the turns that leave fewer leave
+// none, however far the queue is from the bound when they run.
+void ExpectTurnsReleaseAtTheBoundOnly(int32 bound)
+{
+	zvtest::Watchdog watchdog(60s, "turns at the bound");
+	TestLooper looper(nullptr, nullptr, bound);
+	uint32 what = 1;
+	// bound + 1 posts find the queue at or below the bound; the next one
+	// passes on the initial unit. All in this thread: a post that blocked
+	// here would trip the watchdog.
+	for (int32 i = 0; i < bound + 2; i++)
+		looper.PostMessage(what++, nullptr);
+	// The turns leave bound + 1 and bound (a unit each), then bound - 1 down
+	// to 0 (none).
+	for (int32 i = 0; i < bound + 2; i++)
+		ASSERT_TRUE(looper.ProcessOne());
+	EXPECT_FALSE(looper.ProcessOne());
+	// Free posts up to the bound again, then two over it on the two units.
+	for (int32 i = 0; i < bound + 3; i++)
+		looper.PostMessage(what++, nullptr);
+	// The units are used up: the next post waits for a turn that leaves the
+	// bound or more.
+	zvtest::KitThread poster([&] { looper.PostMessage(what, nullptr); }, "poster");
+	ASSERT_TRUE(poster.Started());
+	EXPECT_TRUE(poster.WaitsOn("_item_limit"));
+	ASSERT_TRUE(looper.ProcessOne());
+	EXPECT_TRUE(poster.Join());
+	EXPECT_EQ(looper.Drain(), bound + 3);
+	ExpectOwnWhatsInOrder(looper, what);
+}
+
+} // namespace
+
+TEST(ZvLooperTest, WithBoundTwoOnlyTurnsLeavingTwoOrMoreQueuedLetLaterPostersThrough)
+{
+	ExpectTurnsReleaseAtTheBoundOnly(2);
+}
+
+TEST(ZvLooperTest, WithBoundThreeOnlyTurnsLeavingThreeOrMoreQueuedLetLaterPostersThrough)
+{
+	ExpectTurnsReleaseAtTheBoundOnly(3);
+}
+
+TEST(ZvLooperTest, WithBoundSixtyFourOnlyTurnsLeavingSixtyFourOrMoreLetLaterPostersThrough)
+{
+	ExpectTurnsReleaseAtTheBoundOnly(64);
+}
+
+TEST(ZvLooperTest, WithBoundAThousandOnlyTurnsLeavingAThousandOrMoreLetLaterPostersThrough)
+{
+	ExpectTurnsReleaseAtTheBoundOnly(1000);
+}
+
 TEST(ZvLooperTest, MessagesTakenForTheLoopButNotYetHandledAreDeletedWithTheLooper)
 {
 	TestLooper* looper = new TestLooper();

@@ -518,6 +518,89 @@ TEST_F(ZvMessageQueueTest, ConcurrentAddersAndOneRemoverLoseNothingAndKeepEachAd
 		EXPECT_EQ(next[adder], kEach);
 }
 
+TEST_F(ZvMessageQueueTest, CountItemsNeverShowsACountTheQueueDidNotHoldWhileAddsAndRemovesRun)
+{
+	// The adder stays at most kAhead messages ahead of the remover, so the
+	// queue never holds more than kAhead; a third thread reads the count all
+	// along. A count put together from a stale view of one side would show
+	// more than kAhead, or less than 0.
+	zvtest::Watchdog watchdog(120s, "count under adds and removes");
+	constexpr int32 kAhead = 3;
+	const int32 total = zvtest::kSanitized ? 20000 : 200000;
+	ZvMessageQueue queue(1 << 30);
+	std::atomic<int32> removed{0};
+	std::atomic<bool> finished{false};
+	std::atomic<int32> outside{0};
+	std::atomic<int32> reads{0};
+
+	std::thread reader([&] {
+		while (!finished.load()) {
+			const int32 count = queue.CountItems();
+			if (count < 0 || count > kAhead)
+				outside.fetch_add(1);
+			reads.fetch_add(1, std::memory_order_relaxed);
+		}
+	});
+	std::thread adder([&] {
+		for (int32 i = 0; i < total; i++) {
+			while (i - removed.load() >= kAhead)
+				std::this_thread::yield();
+			queue.AddMessage(new ZvMessage(static_cast<uint32>(i)));
+		}
+	});
+	bool inOrder = true;
+	for (int32 i = 0; i < total;) {
+		std::unique_ptr<ZvMessage> message(queue.RemoveMessage());
+		if (message == nullptr) {
+			std::this_thread::yield();
+			continue;
+		}
+		inOrder = inOrder && message->what == static_cast<uint32>(i);
+		removed.store(++i);
+	}
+	adder.join();
+	finished.store(true);
+	reader.join();
+
+	EXPECT_TRUE(inOrder);
+	EXPECT_EQ(outside.load(), 0) << "of " << reads.load() << " reads";
+	EXPECT_GT(reads.load(), 0);
+	EXPECT_EQ(queue.CountItems(), 0);
+	EXPECT_TRUE(queue.IsEmpty());
+}
+
+TEST_F(ZvMessageQueueTest, CountItemsIsExactAfterEveryAddAndRemoveOfALongRun)
+{
+	// The count is the difference of what went in and what came out, kept
+	// apart; checked after each step of a run whose length goes up and down
+	// across the ring's growing and shrinking and around the bound.
+	zvtest::Watchdog watchdog(60s, "exact count");
+	ZvMessageQueue queue(100);
+	int32 expected = 0;
+	uint32 nextIn = 0;
+	uint32 nextOut = 0;
+	bool exact = true;
+	for (int round = 0; round < 50; round++) {
+		const int32 adds = 1 + (round * 37) % 90;
+		const int32 removes = 1 + (round * 53) % 90;
+		for (int32 i = 0; i < adds && expected <= 100; i++) {
+			queue.AddMessage(new ZvMessage(nextIn++));
+			exact = exact && queue.CountItems() == ++expected;
+		}
+		for (int32 i = 0; i < removes; i++) {
+			std::unique_ptr<ZvMessage> message(queue.RemoveMessage());
+			if (expected == 0) {
+				exact = exact && message == nullptr;
+				continue;
+			}
+			exact = exact && message != nullptr && message->what == nextOut++;
+			exact = exact && queue.CountItems() == --expected;
+		}
+	}
+	EXPECT_TRUE(exact);
+	EXPECT_EQ(queue.IsEmpty(), expected == 0);
+}
+
 // #pragma mark - release policy
 
 TEST_F(ZvMessageQueueTest, PolicyIsTheSoftBoundUnlessChosenAndUnknownOnesAreRefused)
