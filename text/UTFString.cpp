@@ -18,6 +18,7 @@
 #include <utility>
 
 using zvkit::internal::CharSize;
+using zvkit::internal::CopyCountChars;
 using zvkit::internal::CountChars;
 using zvkit::internal::WalkChars;
 
@@ -317,10 +318,14 @@ void UTFString::Adopt(char* buffer, size_t byteLength)
 void UTFString::AssignBytes(const char* bytes, size_t byteLength)
 {
 	// Copy before releasing: bytes may lie in the current buffer.
+	// The copy and the count share one pass over the bytes.
 	char* buffer = new char[byteLength + 1];
-	memcpy(buffer, bytes, byteLength);
+	const size_t length = CopyCountChars(buffer, bytes, byteLength);
 	buffer[byteLength] = '\0';
-	Adopt(buffer, byteLength);
+	delete[] fBuffer;
+	fBuffer = buffer;
+	fLength = static_cast<uint32>(length);
+	fLengthExact = true;
 }
 
 size_t UTFString::ByteOffsetOf(uint32 index) const

@@ -41,6 +41,11 @@ inline bool IsContinuation(char c)
 // of good blocks and adds their non-continuation bytes to *starts.
 typedef size_t (*BlockScan)(const char* p, size_t blocks, size_t* starts);
 
+// A copying scan does the same and also stores every block it loads, good
+// or not, at the same offset from `to` (a bad block's bytes are copied again
+// by the walk that follows).
+typedef size_t (*CopyScan)(const char* p, size_t blocks, size_t* starts, char* to);
+
 const uint64 kHighBits = 0x8080808080808080ull;
 const uint64 kByteOnes = 0x0101010101010101ull;
 
@@ -65,11 +70,14 @@ inline uint64 LoadWord(const char* p)
 }
 
 // Eight 64-bit words at a time, on any machine.
-size_t ScanBlocksWords(const char* p, size_t blocks, size_t* starts)
+template <bool kCopy>
+inline size_t ScanWords(const char* p, size_t blocks, size_t* starts, char* to)
 {
 	size_t good = 0;
 	for (; good < blocks; good++) {
 		const char* block = p + good * kBlock;
+		if (kCopy)
+			memcpy(to + good * kBlock, block, kBlock);
 		uint64 high = 0;
 		for (size_t i = 0; i < kBlock; i += 8)
 			high |= LoadWord(block + i);
@@ -104,10 +112,22 @@ size_t ScanBlocksWords(const char* p, size_t blocks, size_t* starts)
 	return good;
 }
 
+size_t ScanBlocksWords(const char* p, size_t blocks, size_t* starts)
+{
+	return ScanWords<false>(p, blocks, starts, nullptr);
+}
+
+size_t CopyBlocksWords(const char* p, size_t blocks, size_t* starts, char* to)
+{
+	return ScanWords<true>(p, blocks, starts, to);
+}
+
 #if defined(__x86_64__)
 
 // Two 32-byte vectors at a time, where the processor has AVX2.
-__attribute__((target("avx2"))) size_t ScanBlocksAvx2(const char* p, size_t blocks, size_t* starts)
+template <bool kCopy>
+__attribute__((target("avx2"), always_inline)) inline size_t ScanAvx2(const char* p, size_t blocks,
+                                                                      size_t* starts, char* to)
 {
 	const __m256i zero = _mm256_setzero_si256();
 	const __m256i continuationLimit = _mm256_set1_epi8(-64);
@@ -119,10 +139,14 @@ __attribute__((target("avx2"))) size_t ScanBlocksAvx2(const char* p, size_t bloc
 	size_t good = 0;
 	for (; good < blocks; good++) {
 		const char* block = p + good * kBlock;
+		const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block));
+		const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + 32));
+		if (kCopy) {
+			_mm256_storeu_si256(reinterpret_cast<__m256i*>(to + good * kBlock), low);
+			_mm256_storeu_si256(reinterpret_cast<__m256i*>(to + good * kBlock + 32), high);
+		}
 		// ASCII blocks, the common case, are told apart first.
-		const __m256i ascii =
-		    _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(block)),
-		                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(block + 32)));
+		const __m256i ascii = _mm256_or_si256(low, high);
 		if (_mm256_movemask_epi8(ascii) == 0 && NothingReaches(block))
 			continue;
 		__m256i agree = _mm256_set1_epi8(-1);
@@ -157,11 +181,23 @@ __attribute__((target("avx2"))) size_t ScanBlocksAvx2(const char* p, size_t bloc
 	return good;
 }
 
+__attribute__((target("avx2"))) size_t ScanBlocksAvx2(const char* p, size_t blocks, size_t* starts)
+{
+	return ScanAvx2<false>(p, blocks, starts, nullptr);
+}
+
+__attribute__((target("avx2"))) size_t CopyBlocksAvx2(const char* p, size_t blocks, size_t* starts,
+                                                      char* to)
+{
+	return ScanAvx2<true>(p, blocks, starts, to);
+}
+
 // One 64-byte vector at a time, where the processor has AVX-512 BW: the
 // block test becomes two 64-bit masks compared for equality, and the
 // continuation bytes a population count.
-__attribute__((target("avx512f,avx512bw"))) size_t ScanBlocksAvx512(const char* p, size_t blocks,
-                                                                    size_t* starts)
+template <bool kCopy>
+__attribute__((target("avx512f,avx512bw"), always_inline)) inline size_t
+ScanAvx512(const char* p, size_t blocks, size_t* starts, char* to)
 {
 	const __m512i continuationLimit = _mm512_set1_epi8(-64);
 	const __m512i after2 = _mm512_set1_epi8(static_cast<char>(0xBF));
@@ -172,6 +208,8 @@ __attribute__((target("avx512f,avx512bw"))) size_t ScanBlocksAvx512(const char* 
 	for (; good < blocks; good++) {
 		const char* block = p + good * kBlock;
 		const __m512i bytes = _mm512_loadu_si512(block);
+		if (kCopy)
+			_mm512_storeu_si512(to + good * kBlock, bytes);
 		// ASCII blocks, the common case, are told apart first.
 		if (_mm512_movepi8_mask(bytes) == 0 && NothingReaches(block))
 			continue;
@@ -194,6 +232,18 @@ __attribute__((target("avx512f,avx512bw"))) size_t ScanBlocksAvx512(const char* 
 	return good;
 }
 
+__attribute__((target("avx512f,avx512bw"))) size_t ScanBlocksAvx512(const char* p, size_t blocks,
+                                                                    size_t* starts)
+{
+	return ScanAvx512<false>(p, blocks, starts, nullptr);
+}
+
+__attribute__((target("avx512f,avx512bw"))) size_t CopyBlocksAvx512(const char* p, size_t blocks,
+                                                                    size_t* starts, char* to)
+{
+	return ScanAvx512<true>(p, blocks, starts, to);
+}
+
 #endif
 
 BlockScan ChooseBlockScan()
@@ -213,6 +263,31 @@ BlockScan TheBlockScan()
 {
 	static const BlockScan scan = ChooseBlockScan();
 	return scan;
+}
+
+BlockScan ScanOfKind(BlockScanKind kind)
+{
+#if defined(__x86_64__)
+	if (kind == BlockScanKind::kAvx2)
+		return ScanBlocksAvx2;
+	if (kind == BlockScanKind::kAvx512)
+		return ScanBlocksAvx512;
+#endif
+	(void)kind;
+	return ScanBlocksWords;
+}
+
+// The copying scan of the same kind.
+CopyScan CopyScanFor(BlockScan scan)
+{
+#if defined(__x86_64__)
+	if (scan == ScanBlocksAvx512)
+		return CopyBlocksAvx512;
+	if (scan == ScanBlocksAvx2)
+		return CopyBlocksAvx2;
+#endif
+	(void)scan;
+	return CopyBlocksWords;
 }
 
 // Bytes at the start of [p, ...) that the leads in the three bytes before p
@@ -314,7 +389,59 @@ size_t Walk(BlockScan scanBlocks, const char* text, size_t n, size_t limit, size
 	return i;
 }
 
+// The walk of Walk without a limit, copying [text, text + n) to `to` on the
+// way: the good blocks are stored by the scan from the vectors it has
+// loaded, and the bytes between them, walked one character at a time, are
+// copied before each scan and at the end (`copied` marks how far `to` is
+// filled).
+size_t CopyWalk(CopyScan scanBlocks, char* to, const char* text, size_t n)
+{
+	size_t i = 0;
+	size_t count = 0;
+	size_t copied = 0;
+	bool inStep = false;
+	while (i < n) {
+		if (!inStep)
+			inStep = BlockMayStart(text, i);
+		if (inStep) {
+			const size_t blocks = (n - i) / kBlock;
+			if (blocks != 0) {
+				memcpy(to + copied, text + copied, i - copied);
+				const size_t good = scanBlocks(text + i, blocks, &count, to + i);
+				i += good * kBlock;
+				copied = i;
+				if (good != 0 && good == blocks)
+					continue;
+			}
+			// Leave the block walk at the next character start.
+			i += Overhang(text + i);
+			inStep = false;
+			if (i >= n)
+				break;
+		}
+		// One character at a time to the end of this block's worth.
+		const size_t end = i + kBlock;
+		while (i < n && i < end) {
+			count++;
+			i += CharSize(text + i);
+		}
+	}
+	memcpy(to + copied, text + copied, n - copied);
+	return count;
+}
+
 } // namespace
+
+size_t CopyCountChars(char* to, const char* text, size_t n)
+{
+	static const CopyScan scan = CopyScanFor(TheBlockScan());
+	return CopyWalk(scan, to, text, n);
+}
+
+size_t CopyCountCharsUsing(BlockScanKind kind, char* to, const char* text, size_t n)
+{
+	return CopyWalk(CopyScanFor(ScanOfKind(kind)), to, text, n);
+}
 
 size_t CountChars(const char* text, size_t n, bool* wellFormed)
 {
@@ -354,15 +481,7 @@ std::vector<BlockScanKind> AvailableBlockScans()
 
 size_t CountCharsUsing(BlockScanKind kind, const char* text, size_t n, bool* wellFormed)
 {
-	BlockScan scan = ScanBlocksWords;
-#if defined(__x86_64__)
-	if (kind == BlockScanKind::kAvx2)
-		scan = ScanBlocksAvx2;
-	else if (kind == BlockScanKind::kAvx512)
-		scan = ScanBlocksAvx512;
-#else
-	(void)kind;
-#endif
+	const BlockScan scan = ScanOfKind(kind);
 	size_t count;
 	bool ok;
 	Walk<true>(scan, text, n, static_cast<size_t>(-1), &count, &ok);

@@ -50,6 +50,11 @@ size_t CountChars(const char* text, size_t n, bool* wellFormed = nullptr);
 size_t WalkChars(const char* text, size_t n, size_t count, size_t* walked = nullptr,
                  bool* cut = nullptr);
 
+// Copies the n bytes at text to `to` (which must not overlap them) and
+// returns CountChars(text, n), reading the bytes once: the blocks the count
+// takes whole are stored from the registers that tested them.
+size_t CopyCountChars(char* to, const char* text, size_t n);
+
 // The ways of testing 64-byte blocks; CountChars takes the fastest one the
 // processor has. For tests that compare them.
 enum class BlockScanKind
@@ -65,6 +70,9 @@ std::vector<BlockScanKind> AvailableBlockScans();
 // CountChars with the given kind of block test (one AvailableBlockScans
 // lists); *wellFormed as CountChars sets it.
 size_t CountCharsUsing(BlockScanKind kind, const char* text, size_t n, bool* wellFormed);
+
+// CopyCountChars with the given kind of block test.
+size_t CopyCountCharsUsing(BlockScanKind kind, char* to, const char* text, size_t n);
 
 } // namespace zvkit::internal
 
