@@ -444,6 +444,7 @@ TEST_F(RemotePair, AFrameOverTheLimitIsRefusedCountedAndReportedAndTheSenderIsAn
 	// A small one still goes through.
 	EXPECT_EQ(fRef.SendMessage(kEcho, &reply, 10000000), B_OK);
 	EXPECT_EQ(fServer.SetMaxFrameSize(10), B_BAD_VALUE);
+	fServer.SetReportTarget(ZvLooperRef());
 }
 
 TEST_F(RemotePair, GarbageFromARawSocketIsRefusedAndCountedAndTheReceiverGoesOn)
