@@ -22,12 +22,23 @@ uint32 ReadWordIn(const uint8* at, bool swapped)
 	return swapped ? __builtin_bswap32(value) : value;
 }
 
+// Reverses the bytes of one element of type T in place (unaligned).
+template <typename T> void SwapInPlace(uint8* at)
+{
+	T value;
+	memcpy(&value, at, sizeof(value));
+	if constexpr (sizeof(T) == 2)
+		value = __builtin_bswap16(value);
+	else if constexpr (sizeof(T) == 4)
+		value = __builtin_bswap32(value);
+	else
+		value = __builtin_bswap64(value);
+	memcpy(at, &value, sizeof(value));
+}
+
 void SwapWord(uint8* at)
 {
-	uint32 value;
-	memcpy(&value, at, sizeof(value));
-	value = __builtin_bswap32(value);
-	memcpy(at, &value, sizeof(value));
+	SwapInPlace<uint32>(at);
 }
 
 void SwapElements(uint8* data, size_t size, size_t width)
@@ -37,24 +48,16 @@ void SwapElements(uint8* data, size_t size, size_t width)
 	const size_t count = size / width;
 	switch (width) {
 	case 2:
-		for (size_t i = 0; i < count; i++) {
-			uint16 value;
-			memcpy(&value, data + i * 2, 2);
-			value = __builtin_bswap16(value);
-			memcpy(data + i * 2, &value, 2);
-		}
+		for (size_t i = 0; i < count; i++)
+			SwapInPlace<uint16>(data + i * 2);
 		break;
 	case 4:
 		for (size_t i = 0; i < count; i++)
-			SwapWord(data + i * 4);
+			SwapInPlace<uint32>(data + i * 4);
 		break;
 	case 8:
-		for (size_t i = 0; i < count; i++) {
-			uint64 value;
-			memcpy(&value, data + i * 8, 8);
-			value = __builtin_bswap64(value);
-			memcpy(data + i * 8, &value, 8);
-		}
+		for (size_t i = 0; i < count; i++)
+			SwapInPlace<uint64>(data + i * 8);
 		break;
 	}
 }

@@ -52,26 +52,27 @@ void HandlerControl::Attach(LooperControl* looper)
 {
 	if (looper != nullptr)
 		looper->Acquire();
-	LooperControl* previous;
-	{
-		std::lock_guard<std::mutex> hold(fLock);
-		previous = fLooper;
-		fLooper = looper;
-		// A deleted handler is never attached again; keep its bit.
-		fStamp.fetch_add(2, std::memory_order_acq_rel);
-	}
-	if (previous != nullptr)
-		previous->Release();
+	// A deleted handler is never attached again; keep its bit.
+	_Replace(looper, [](std::atomic<uint32>& stamp) {
+		return stamp.fetch_add(2, std::memory_order_acq_rel);
+	});
 }
 
 void HandlerControl::MarkDeleted()
+{
+	_Replace(nullptr, [](std::atomic<uint32>& stamp) {
+		return stamp.fetch_or(1, std::memory_order_acq_rel);
+	});
+}
+
+void HandlerControl::_Replace(LooperControl* looper, uint32 (*stampChange)(std::atomic<uint32>&))
 {
 	LooperControl* previous;
 	{
 		std::lock_guard<std::mutex> hold(fLock);
 		previous = fLooper;
-		fLooper = nullptr;
-		fStamp.fetch_or(1, std::memory_order_acq_rel);
+		fLooper = looper;
+		stampChange(fStamp);
 	}
 	if (previous != nullptr)
 		previous->Release();

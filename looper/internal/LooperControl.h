@@ -151,6 +151,11 @@ public:
 private:
 	~HandlerControl();
 
+	// Sets the attachment to looper (whose reference the caller took) and
+	// changes the stamp by stampChange, under the lock; drops the previous
+	// attachment's reference.
+	void _Replace(LooperControl* looper, uint32 (*stampChange)(std::atomic<uint32>&));
+
 	// The attachment's number times two; bit 0 set once the handler was
 	// deleted, so that no stamp a ref keeps (always even) matches again.
 	std::atomic<uint32> fStamp;
