@@ -27,14 +27,14 @@ public:
 	{
 		fThread = ZvThread::Create(&KitThread::Entry, this, ZV_NORMAL_PRIORITY, name);
 		if (fThread > 0)
-			ZvThread::Resume(static_cast<uint32>(fThread));
+			fResumed = ZvThread::Resume(static_cast<uint32>(fThread));
 	}
 	~KitThread() { Join(); }
 	KitThread(const KitThread&) = delete;
 	KitThread& operator=(const KitThread&) = delete;
 
-	// Whether the thread was made (and so runs body).
-	bool Started() const { return fThread > 0; }
+	// Whether the thread was made and set running (and so runs body).
+	bool Started() const { return fThread > 0 && fResumed; }
 	uint32 ID() const { return static_cast<uint32>(fThread); }
 	// Whether the thread is asleep on the semaphore named semaphore now.
 	bool IsWaitingOn(const char* semaphore) const
@@ -50,7 +50,7 @@ public:
 	// Waits for the thread to end; true when it ended (the first call).
 	bool Join()
 	{
-		if (fJoined || fThread <= 0)
+		if (fJoined || !Started())
 			return false;
 		fJoined = true;
 		return ZvThread::Wait(static_cast<uint32>(fThread), nullptr);
@@ -65,6 +65,7 @@ private:
 
 	std::function<void()> fBody;
 	int32 fThread = 0;
+	bool fResumed = false;
 	bool fJoined = false;
 };
 

@@ -903,6 +903,21 @@ TEST(UTFString, ReplaceUsesTheStoredLengthOfTheOldText)
 	EXPECT_EQ("ab", Text(t));
 }
 
+namespace {
+
+// Up to maxPieces pieces drawn at random and joined.
+std::string RandomPieces(std::mt19937& random, const std::vector<std::string>& pieces,
+                         int maxPieces)
+{
+	std::string text;
+	const int count = static_cast<int>(random() % (maxPieces + 1));
+	for (int i = 0; i < count; i++)
+		text += pieces[random() % pieces.size()];
+	return text;
+}
+
+} // namespace
+
 TEST(UTFString, ReplaceFromStaleLengthsMatchesTheLiteralLoopOnRandomText)
 {
 	// Random texts whose length is left stale by StrCat (shorter) or by
@@ -911,13 +926,7 @@ TEST(UTFString, ReplaceFromStaleLengthsMatchesTheLiteralLoopOnRandomText)
 	    "a",    "b",    "\xC3\xA9", "\xE6\x97\xA5", "\xF0\x9F\x98\x80",
 	    "\x80", "\xE3", "\xC3",     "\xF8",         "\xA9"};
 	std::mt19937 random(20261125);
-	auto make = [&](int maxPieces) {
-		std::string text;
-		const int count = static_cast<int>(random() % (maxPieces + 1));
-		for (int i = 0; i < count; i++)
-			text += pieces[random() % pieces.size()];
-		return text;
-	};
+	auto make = [&](int maxPieces) { return RandomPieces(random, pieces, maxPieces); };
 	int compared = 0;
 	int differentFromCounted = 0;
 	for (int round = 0; round < 6000; round++) {
@@ -985,13 +994,7 @@ TEST(UTFString, ReplaceWithMalformedPatternsAndTextsMatchesTheLiteralLoop)
 	                                            "b",
 	                                            "\xE9 "};
 	std::mt19937 random(777);
-	auto make = [&](int maxPieces) {
-		std::string text;
-		const int count = static_cast<int>(random() % (maxPieces + 1));
-		for (int i = 0; i < count; i++)
-			text += pieces[random() % pieces.size()];
-		return text;
-	};
+	auto make = [&](int maxPieces) { return RandomPieces(random, pieces, maxPieces); };
 	int compared = 0;
 	for (int round = 0; round < 3000; round++) {
 		const std::string text = make(120);
