@@ -492,6 +492,16 @@ private:
 	static void _ForgetRequest(zvkit::internal::ReplySlot* slot);
 
 	friend class ZvLooperRef;
+	friend class ZvMessageQueue;
+
+	// For a looper's queue, which hands out messages made on other threads:
+	// each asks for the lines the looper will read next, in two steps that
+	// a queue runs a few messages apart, since each reads what the step
+	// before brought in. _PrefetchList reads the message itself and asks for
+	// its slot array; _PrefetchItems reads the slot array and asks for the
+	// first items' lines. Neither changes anything.
+	void _PrefetchList() const;
+	void _PrefetchItems() const;
 
 	// The name index of a message of many items, made by the first lookup
 	// that needs it; null while the message is small or the index is out of

@@ -155,14 +155,18 @@ private:
 	bool _AddersStranded() const;
 	// The slot of the message at position (0: the oldest).
 	ZvMessage*& _SlotAt(int32 position) const;
-	// Brings the message at position of the taken ones towards the
-	// remover's cache, when there is one.
-	void _PrefetchTaken(int32 position) const;
+	// Brings the lines of one step (a kPrefetch... value) of the message at
+	// position of the taken ones towards the remover's cache, when there is
+	// such a message.
+	void _PrefetchTaken(int32 position, int32 step) const;
 	// Resizes the ring to slots (a power of two, at least the count),
 	// keeping the messages in order from index 0.
 	void _Resize(int32 slots);
 
 	static constexpr int32 kTakenMax = 32;
+	static constexpr int32 kPrefetchObject = 0;
+	static constexpr int32 kPrefetchList = 1;
+	static constexpr int32 kPrefetchItems = 2;
 
 	// The ring, its size (0 or a power of two), the slot of the oldest
 	// message and how many it holds; guarded by the queue's lock. With the

@@ -48,9 +48,13 @@ namespace {
 
 // The ring's smallest size; it never shrinks below this once allocated.
 const int32 kMinSlots = 16;
-// Messages ahead of the one handed out that are asked for ahead of their
-// turn.
-const int32 kPrefetched = 3;
+// How far ahead of the message handed out the loop asks for the lines of
+// the messages that follow (see _PrefetchTaken): a message's own lines
+// first, its slot array two messages later, its items two more later, each
+// step reading what the one before brought in.
+const int32 kObjectsAhead = 6;
+const int32 kListsAhead = 4;
+const int32 kItemsAhead = 2;
 
 } // namespace
 
@@ -217,10 +221,13 @@ ZvMessage* ZvMessageQueue::_TakeNext()
 	if (fTakenCount == 0 && (!_TakeBatch() || fTakenCount == 0))
 		return nullptr;
 
-	ZvMessage* message = fTaken[fTakenHead];
+	const int32 head = fTakenHead;
+	ZvMessage* message = fTaken[head];
 	fTakenHead++;
 	fTakenCount--;
-	_PrefetchTaken(fTakenHead + kPrefetched - 1);
+	_PrefetchTaken(head + kObjectsAhead, kPrefetchObject);
+	_PrefetchTaken(head + kListsAhead, kPrefetchList);
+	_PrefetchTaken(head + kItemsAhead, kPrefetchItems);
 	// The removal proper (see "Counting without a shared counter").
 	_CountRemoval();
 	return message;
@@ -242,8 +249,13 @@ bool ZvMessageQueue::_TakeBatch()
 	fTakenCount = taken;
 
 	Unlock();
-	for (int32 i = 0; i < MIN(taken, kPrefetched); i++)
-		_PrefetchTaken(i);
+	// The first messages get each step at once (see _TakeNext).
+	for (int32 i = 0; i < kObjectsAhead; i++)
+		_PrefetchTaken(i, kPrefetchObject);
+	for (int32 i = 0; i < kListsAhead; i++)
+		_PrefetchTaken(i, kPrefetchList);
+	for (int32 i = 0; i < kItemsAhead; i++)
+		_PrefetchTaken(i, kPrefetchItems);
 	return true;
 }
 
@@ -263,7 +275,15 @@ void ZvMessageQueue::_CountRemoval()
 	// Messages added before this removal are at least the last fAdded seen:
 	// when that leaves the queue at or above the bound, it is so.
 	uint32 added = fAddedSeen;
-	if (static_cast<int32>(added - removed) < fLimit)
+	// fAdded is on the adders' line, written at every add: it is read only
+	// when the ceiling, written once a stride, does not already show the
+	// queue below the bound. The ceiling is read again below, after this
+	// removal is published, and that read decides as before; the early one
+	// only spares the read of fAdded, whose value could not have reached
+	// the bound then. An old view of fAdded is still one read before the
+	// removal was published, which is all the rest assumes of it.
+	if (static_cast<int32>(added - removed) < fLimit &&
+	    static_cast<int32>(fCeiling.load(std::memory_order_relaxed) - removed) >= fLimit)
 		added = fAddedSeen = fAdded.load(std::memory_order_seq_cst);
 	if (static_cast<int32>(added - removed) >= fLimit) {
 		fRemoved.store(removed, std::memory_order_release);
@@ -395,14 +415,31 @@ ZvMessage*& ZvMessageQueue::_SlotAt(int32 position) const
 	return fSlots[(fHead + position) & (fSlotCount - 1)];
 }
 
-void ZvMessageQueue::_PrefetchTaken(int32 position) const
+void ZvMessageQueue::_PrefetchTaken(int32 position, int32 step) const
 {
-	// Messages made on another thread are cold in the remover's cache: ask
-	// for the next few while the one handed out is handled, so that they are
-	// on their way when their turn comes. A prefetch never faults, so it
-	// reads nothing of the messages themselves.
-	if (position < fTakenHead + fTakenCount)
-		__builtin_prefetch(fTaken[position]);
+	// Messages made on another thread are cold in the remover's cache, and
+	// a lookup in one goes from the message to its slot array to an item:
+	// three misses, one after the other. So while the one handed out is
+	// handled, the lines of the next few are asked for, each step for a
+	// message whose lines of the step before were asked for two messages
+	// earlier and are in by now. Only taken messages are read; nobody else
+	// touches them until they are handed out.
+	if (position >= fTakenHead + fTakenCount)
+		return;
+	const ZvMessage* message = fTaken[position];
+	switch (step) {
+	case kPrefetchObject:
+		// Lookups read the start, deletion the end (a message is 80 bytes).
+		__builtin_prefetch(message);
+		__builtin_prefetch(reinterpret_cast<const char*>(message) + sizeof(ZvMessage) - 1);
+		break;
+	case kPrefetchList:
+		message->_PrefetchList();
+		break;
+	default:
+		message->_PrefetchItems();
+		break;
+	}
 }
 
 void ZvMessageQueue::_Resize(int32 slots)

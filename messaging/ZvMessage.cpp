@@ -17,6 +17,8 @@ namespace {
 // The message's item list and the temporary list of distinct names grow and
 // shrink by this step.
 const int32 kListStep = 16;
+// Items of a message whose lines _PrefetchItems asks for.
+const int32 kPrefetchedItems = 4;
 
 bool NameMatches(const ZvMessageItem* item, const char* name)
 {
@@ -130,6 +132,26 @@ inline void ZvMessage::_DeleteItemAt(int32 at)
 	if (index != nullptr && item != nullptr)
 		index->Removed(item);
 	delete item;
+}
+
+void ZvMessage::_PrefetchList() const
+{
+	// The slot array's first line holds the first eight items.
+	if (items.items != nullptr)
+		__builtin_prefetch(items.items);
+}
+
+void ZvMessage::_PrefetchItems() const
+{
+	// What a lookup reads of an item: its first line (type, name) and its
+	// inline value. Small messages are the common case of posted ones; the
+	// lines of a large message's later items come as its handler gets to them.
+	const int32 count = MIN(items.CountItems(), kPrefetchedItems);
+	for (int32 i = 0; i < count; i++) {
+		const ZvMessageItem* item = items.items[i];
+		__builtin_prefetch(item);
+		__builtin_prefetch(item->fInlineData);
+	}
 }
 
 // Single messages come from the block cache (see ZvMessage.h).
