@@ -26,6 +26,8 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <random>
+#include <string>
 #include <thread>
 
 // Counting allocation functions for the whole test executable. Each thread
@@ -703,6 +705,164 @@ TEST(ZvLooperTest, WithBoundSixtyFourOnlyTurnsLeavingSixtyFourOrMoreLetLaterPost
 TEST(ZvLooperTest, WithBoundAThousandOnlyTurnsLeavingAThousandOrMoreLetLaterPostersThrough)
 {
 	ExpectTurnsReleaseAtTheBoundOnly(1000);
+}
+
+namespace {
+
+// Through a never-run looper driven by hand with queue bound bound: a long
+// run of posts that may not wait (TryPostMessage) and turns, the queue's
+// length drifting up and down across the bound in stretches of random
+// length, each answer checked against the bound worked out one
+// removal at a time: a post finding more than bound queued needs a unit of
+// "_item_limit" (B_WOULD_BLOCK when there is none), each turn that leaves
+// bound or more queued adds a unit, the semaphore starts with one. Returns
+// the number of posts refused, so that callers can see the run went past
+// the bound.
+int32 ExpectRunMatchesOneRemovalAtATime(int32 bound, uint32 seed)
+{
+	TestLooper looper(nullptr, nullptr, bound);
+	std::mt19937 random(seed);
+	int32 queued = 0;
+	int32 units = 1;
+	int32 refused = 0;
+	int32 handled = 0;
+	uint32 what = 1;
+	bool upward = true;
+	// Stretches long enough, on average, to take the length past the bound.
+	const uint32 stretch = 400 + 2 * static_cast<uint32>(bound);
+	const int32 steps = 20000 + 30 * bound;
+	for (int32 step = 0; step < steps; step++) {
+		// A new stretch now and then, with the length moving towards three
+		// times the bound or towards empty.
+		if (random() % stretch == 0 || (upward && queued > 3 * bound + 4) ||
+		    (!upward && queued == 0))
+			upward = !upward;
+		const bool post = random() % 100 < (upward ? 70u : 30u);
+		if (post) {
+			const bool mustWait = queued > bound;
+			const status_t expected = mustWait && units == 0 ? B_WOULD_BLOCK : B_OK;
+			const status_t status = looper.TryPostMessage(what, nullptr);
+			if (status != expected) {
+				ADD_FAILURE() << "bound " << bound << ", step " << step << ": post with " << queued
+				              << " queued and " << units << " units gave " << status;
+				return refused;
+			}
+			if (status == B_OK) {
+				units -= mustWait ? 1 : 0;
+				queued++;
+				what++;
+			} else {
+				refused++;
+			}
+		} else {
+			const bool took = looper.ProcessOne();
+			if (took != (queued > 0)) {
+				ADD_FAILURE() << "bound " << bound << ", step " << step << ": turn with " << queued
+				              << " queued took " << took;
+				return refused;
+			}
+			if (took) {
+				queued--;
+				handled++;
+			}
+			// An empty turn counts as a removal that left 0.
+			units += queued >= bound ? 1 : 0;
+		}
+	}
+	EXPECT_EQ(looper.Drain(), queued);
+	EXPECT_EQ(looper.OwnReceived(), handled + queued);
+	ExpectOwnWhatsInOrder(looper, what - 1);
+	return refused;
+}
+
+} // namespace
+
+TEST(ZvLooperTest, LongRunsOfPostsAndTurnsAroundTheBoundReleaseAsOneRemovalAtATime)
+{
+	// Bounds whose adders' ceiling moves in strides of 0, 1, 3, 32 and 500
+	// messages, so that the loop's view of the posts is often out of date by
+	// less, and by more, than the distance to the bound.
+	zvtest::Watchdog watchdog(120s, "runs around the bound");
+	const int32 bounds[] = {1, 2, 3, 7, 64, 1000};
+	for (const int32 bound : bounds) {
+		for (uint32 seed = 1; seed <= 3; seed++)
+			EXPECT_GT(ExpectRunMatchesOneRemovalAtATime(bound, seed * 7919 + bound), 0)
+			    << "bound " << bound << ": the run never found the queue over the bound";
+	}
+}
+
+namespace {
+
+// The int32 values that message what of the batch below carries (none, a
+// few or many); every third message also carries a text longer than an
+// item keeps inline.
+int32 FieldsOf(uint32 what)
+{
+	return static_cast<int32>(what % 5 == 0 ? 30 : what % 4);
+}
+
+const std::string& LongText()
+{
+	static const std::string text(300, 'x');
+	return text;
+}
+
+// Checks each message it gets against FieldsOf and LongText, in order.
+class ContentHandler : public ZvHandler
+{
+public:
+	ContentHandler() : ZvHandler("content") {}
+
+	void MessageReceived(ZvMessage* message) override
+	{
+		const uint32 what = message->what;
+		bool whole = what == fNext++;
+		int32 count = 0;
+		type_code type = 0;
+		message->GetInfo("n", &type, &count);
+		whole = whole && count == FieldsOf(what);
+		for (int32 i = 0; i < count; i++) {
+			int32 value = -1;
+			whole = whole && message->FindInt32("n", i, &value) &&
+			        value == static_cast<int32>(what) * 100 + i;
+		}
+		const char* text = nullptr;
+		const bool hasText = message->FindString("text", &text);
+		whole = whole && hasText == (what % 3 == 0) && (!hasText || LongText() == text);
+		fIntact += whole ? 1 : 0;
+	}
+
+	int32 Intact() const { return fIntact; }
+
+private:
+	uint32 fNext = 1;
+	int32 fIntact = 0;
+};
+
+} // namespace
+
+TEST(ZvLooperTest, ABatchOfMessagesOfEveryShapeIsDeliveredWhole)
+{
+	// The loop reads ahead into the messages it holds; messages without
+	// items, with many items and with values kept outside the item come
+	// through intact and in order all the same, whether they name their
+	// handler or go to the preferred one.
+	TestLooper looper;
+	ContentHandler handler;
+	looper.AddHandler(&handler);
+	looper.SetPreferredHandler(&handler);
+	for (uint32 what = 1; what <= 40; what++) {
+		ZvMessage message(what);
+		for (int32 i = 0; i < FieldsOf(what); i++)
+			message.AddInt32("n", static_cast<int32>(what) * 100 + i);
+		if (what % 3 == 0)
+			message.AddString("text", LongText().c_str());
+		looper.PostMessage(&message, what % 2 == 0 ? &handler : nullptr);
+	}
+	EXPECT_EQ(looper.Drain(), 40);
+	EXPECT_EQ(handler.Intact(), 40);
+	EXPECT_EQ(looper.OwnReceived(), 0);
+	looper.RemoveHandler(&handler);
 }
 
 TEST(ZvLooperTest, MessagesTakenForTheLoopButNotYetHandledAreDeletedWithTheLooper)
