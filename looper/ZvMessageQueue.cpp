@@ -36,9 +36,10 @@ using zvkit::internal::kNoSemaphore;
 //    bound it does not read fRemoved at all;
 //  - the loop releases "_item_limit" only when the count it leaves is at
 //    or above the bound; its last view of fAdded understates that count,
-//    so it reads fAdded only when that view leaves it below the bound, and
-//    fCeiling (raised by adders once per stride, an overstatement) spares
-//    it a second read after its removal when that is below the bound too.
+//    so it reads fAdded only when that view leaves it below the bound and
+//    fCeiling (raised by adders once per stride, an overstatement) does
+//    not; fCeiling, read again, spares it a second read after its removal
+//    when that is below the bound too.
 // When the loop must read fAdded, an add that completes during its removal
 // makes the order of the two open; one such add gives a count that some
 // order of the two produces, more than one sends the loop to the lock,
