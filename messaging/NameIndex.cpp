@@ -16,6 +16,11 @@ namespace {
 // Longest name an item holds.
 constexpr size_t kMaxNameLength = 63;
 constexpr size_t kFirstSlots = 64;
+constexpr size_t kFirstEntries = 16;
+// The table grows fourfold: each growth places every name again, and a
+// message of many names then pays for a third as many placements as with
+// doubling, for a table at most twice as large.
+constexpr size_t kGrowth = 4;
 // Share of the slots that may be used before the table doubles.
 constexpr size_t kLoadNumerator = 1;
 constexpr size_t kLoadDenominator = 2;
@@ -25,11 +30,7 @@ size_t MaxFields(size_t slots)
 	return slots / kLoadDenominator * kLoadNumerator;
 }
 
-uint64 Mix(uint64 value)
-{
-	value *= 0x9e3779b97f4a7c15ull;
-	return value ^ (value >> 29);
-}
+constexpr uint64 kMultiplier = 0x9e3779b97f4a7c15ull;
 
 uint64 Load64(const char* at)
 {
@@ -84,7 +85,7 @@ void* AllocateOrThrow(void* block)
 // smaller): it never touches memory that the name's own page does not map.
 // The sanitizers are told not to check these reads, which may reach past
 // the name's end, though never past its page.
-__attribute__((no_sanitize("address", "thread"))) NameKey KeyOfName(const char* name)
+__attribute__((no_sanitize("address", "thread"))) inline NameKey Key(const char* name)
 {
 	static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
 	              "a name's first character is the lowest byte of its first word");
@@ -112,25 +113,32 @@ __attribute__((no_sanitize("address", "thread"))) NameKey KeyOfName(const char* 
 			if (length > kMaxNameLength)
 				return NameKey{0, static_cast<uint32>(kMaxNameLength + 1)};
 			const uint64 kept = bytes == 0 ? 0 : word & (~uint64(0) >> (64 - 8 * bytes));
-			hash = Mix(hash ^ kept ^ (static_cast<uint64>(length) << 56));
-			// The high half of one more product: every bit of the result
-			// then depends on every character (the low bits choose the slot,
-			// the high ones tell names apart within it).
-			hash *= 0x9e3779b97f4a7c15ull;
+			hash = (hash ^ kept ^ (static_cast<uint64>(length) << 56)) * kMultiplier;
+			// A product's high bits depend on all the bits below them: the
+			// high half folded onto the low one and multiplied once more
+			// gives a high half in which every bit depends on every
+			// character (its low bits choose the slot, its high ones tell
+			// names apart within it).
+			hash = (hash ^ (hash >> 32)) * kMultiplier;
 			return NameKey{static_cast<uint32>(hash >> 32), static_cast<uint32>(length)};
 		}
 		if (at + 8 > kMaxNameLength)
 			return NameKey{0, static_cast<uint32>(kMaxNameLength + 1)};
-		hash = Mix(hash ^ word);
+		hash = (hash ^ word) * kMultiplier;
 	}
 }
 
+NameKey KeyOfName(const char* name)
+{
+	return Key(name);
+}
+
 NameIndex::NameIndex(const ZvList<ZvMessageItem*>& list)
-    : fSlots(nullptr), fEntries(nullptr), fSize(kFirstSlots), fEntryMask(kFirstSlots - 1),
-      fFields(0), fCount(0)
+    : fSlots(nullptr), fEntries(nullptr), fEntryCapacity(kFirstEntries), fSize(kFirstSlots),
+      fEntryMask(kFirstSlots - 1), fFields(0), fCount(0)
 {
 	fSlots = static_cast<uint32*>(AllocateOrThrow(calloc(fSize, sizeof(uint32))));
-	fEntries = static_cast<Entry*>(malloc(MaxFields(fSize) * sizeof(Entry)));
+	fEntries = static_cast<Entry*>(malloc(kFirstEntries * sizeof(Entry)));
 	if (fEntries == nullptr) {
 		free(fSlots);
 		throw std::bad_alloc();
@@ -184,25 +192,14 @@ inline int32 NameIndex::_Find(const char* name, NameKey key, size_t* slot) const
 	return -1;
 }
 
-void NameIndex::Prefetch(NameKey key) const
-{
-	__builtin_prefetch(fSlots + (key.hash & (fSize - 1)), 1);
-}
-
 void NameIndex::_Grow()
 {
 	// Only the entries' hashes are read: the items stay where they are, and
 	// the entries keep their numbers.
-	const size_t size = fSize * 2;
+	const size_t size = fSize * kGrowth;
 	uint32* slots = static_cast<uint32*>(AllocateOrThrow(calloc(size, sizeof(uint32))));
-	Entry* entries = static_cast<Entry*>(realloc(fEntries, MaxFields(size) * sizeof(Entry)));
-	if (entries == nullptr) {
-		free(slots);
-		throw std::bad_alloc();
-	}
 	free(fSlots);
 	fSlots = slots;
-	fEntries = entries;
 	fSize = size;
 	fEntryMask = static_cast<uint32>(size - 1);
 	const size_t mask = size - 1;
@@ -219,6 +216,13 @@ void NameIndex::_Grow()
 			at = (at + 1) & mask;
 		fSlots[at] = (hash & tagMask) | static_cast<uint32>(i + 1);
 	}
+}
+
+void NameIndex::_GrowEntries()
+{
+	const size_t capacity = fEntryCapacity * 2;
+	fEntries = static_cast<Entry*>(AllocateOrThrow(realloc(fEntries, capacity * sizeof(Entry))));
+	fEntryCapacity = capacity;
 }
 
 void NameIndex::_Erase(size_t slot, int32 entry)
@@ -258,7 +262,7 @@ void NameIndex::_Erase(size_t slot, int32 entry)
 
 void NameIndex::Added(ZvMessageItem* item)
 {
-	Added(item, KeyOfName(item->name));
+	Added(item, Key(item->name));
 }
 
 void NameIndex::Added(ZvMessageItem* item, NameKey key)
@@ -272,6 +276,8 @@ void NameIndex::Added(ZvMessageItem* item, NameKey key)
 			_Grow();
 			_Find(item->name, key, &slot);
 		}
+		if (static_cast<size_t>(fFields) == fEntryCapacity)
+			_GrowEntries();
 		const int32 entry = fFields++;
 		fEntries[entry].hash = hash;
 		fEntries[entry].kind = kSingle;
@@ -302,7 +308,7 @@ void NameIndex::Removed(ZvMessageItem* item)
 {
 	fCount--;
 	size_t slot;
-	const int32 found = _Find(item->name, KeyOfName(item->name), &slot);
+	const int32 found = _Find(item->name, Key(item->name), &slot);
 	if (found < 0)
 		return;
 	Entry& entry = fEntries[found];
@@ -328,7 +334,7 @@ void NameIndex::Removed(ZvMessageItem* item)
 
 bool NameIndex::Find(const char* name, Names* names) const
 {
-	const NameKey key = KeyOfName(name);
+	const NameKey key = Key(name);
 	if (key.TooLong())
 		return false;
 	size_t slot;
@@ -343,7 +349,7 @@ ZvMessageItem* NameIndex::Find(const char* name, type_code type, int32 index) co
 {
 	if (index < 0)
 		return nullptr;
-	const NameKey key = KeyOfName(name);
+	const NameKey key = Key(name);
 	if (key.TooLong())
 		return nullptr;
 	size_t slot;

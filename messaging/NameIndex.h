@@ -87,7 +87,7 @@ public:
 
 	// Asks the processor for the table line where a name of key is probed,
 	// so that an Added() of it made after other work finds the line at hand.
-	void Prefetch(NameKey key) const;
+	void Prefetch(NameKey key) const { __builtin_prefetch(fSlots + (key.hash & (fSize - 1)), 1); }
 
 	// item was appended to the list; key, when given, is its name's.
 	void Added(ZvMessageItem* item);
@@ -145,6 +145,7 @@ private:
 	// or to the empty slot where it would go.
 	int32 _Find(const char* name, NameKey key, size_t* slot) const;
 	void _Grow();
+	void _GrowEntries();
 	void _Erase(size_t slot, int32 entry);
 
 	// The names live in fEntries, densely and in no particular order; the
@@ -159,6 +160,7 @@ private:
 	// of the slots are used.
 	uint32* fSlots;
 	Entry* fEntries;
+	size_t fEntryCapacity;
 	size_t fSize;
 	uint32 fEntryMask;
 	int32 fFields;
