@@ -87,7 +87,7 @@ public:
 
 	// Asks the processor for the table line where a name of key is probed,
 	// so that an Added() of it made after other work finds the line at hand.
-	void Prefetch(NameKey key) const { __builtin_prefetch(fSlots + (key.hash & (fSize - 1)), 1); }
+	void Prefetch(NameKey key) const { __builtin_prefetch(fSlots + (key.hash & (fSize - 1))); }
 
 	// item was appended to the list; key, when given, is its name's.
 	void Added(ZvMessageItem* item);

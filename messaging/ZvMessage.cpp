@@ -181,16 +181,20 @@ void ZvMessage::MakeEmpty()
 {
 	if (fIndex.load(std::memory_order_relaxed) != nullptr)
 		_DropIndex();
-	// The items of a large message are mostly out of the cache by the time
-	// it is emptied, and deleting one reads it: each is asked for a few
-	// turns ahead.
-	constexpr int32 kAhead = 8;
-	while (items.CountItems() > 0) {
-		const int32 last = items.CountItems() - 1;
-		if (last >= kAhead)
+	// The items of a message of very many items (more than the core's cache
+	// holds) are mostly out of the cache by the time it is emptied, and
+	// deleting one reads it: each is asked for a few turns ahead.
+	constexpr int32 kFarItems = 8192;
+	constexpr int32 kAhead = 16;
+	if (items.CountItems() > kFarItems) {
+		while (items.CountItems() > kAhead) {
+			const int32 last = items.CountItems() - 1;
 			__builtin_prefetch(items.items[last - kAhead]);
-		delete items.RemoveItem(last);
+			delete items.RemoveItem(last);
+		}
 	}
+	while (items.CountItems() > 0)
+		delete items.RemoveItem(items.CountItems() - 1);
 }
 
 bool ZvMessage::IsEmpty() const
