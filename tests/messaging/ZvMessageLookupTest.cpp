@@ -839,9 +839,10 @@ TEST(ZvMessageLookupTest, NameKeysDoNotDependOnWhereTheNameLiesNorReadIntoTheNex
 	ASSERT_NE(MAP_FAILED, map);
 	char* pages = static_cast<char*>(map);
 	ASSERT_EQ(0, mprotect(pages + page, page, PROT_NONE));
-	const std::string text = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-.";
+	const std::string text = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-.+";
 	for (size_t length = 0; length <= 66; length++) {
 		const std::string name = text.substr(0, length);
+		ASSERT_EQ(length, name.size());
 		const NameKey expected = KeyOfName(name.c_str());
 		EXPECT_EQ(length > 63, expected.TooLong()) << length;
 		if (!expected.TooLong()) {
