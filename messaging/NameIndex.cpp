@@ -21,7 +21,7 @@ constexpr size_t kFirstEntries = 16;
 // message of many names then pays for a third as many placements as with
 // doubling, for a table at most twice as large.
 constexpr size_t kGrowth = 4;
-// Share of the slots that may be used before the table doubles.
+// Share of the slots that may be used before the table grows.
 constexpr size_t kLoadNumerator = 1;
 constexpr size_t kLoadDenominator = 2;
 

@@ -156,8 +156,9 @@ private:
 	// apart without reaching the entry. A table of 4-byte slots is a
 	// quarter of one of pointers and hashes, and growing it reads only the
 	// entries' hashes, never an item. Open addressing with linear probing;
-	// the size is a power of two and at most kLoadNumerator / kLoadDenominator
-	// of the slots are used.
+	// the size is a power of two, at most half the slots are used, and a
+	// full table grows fourfold. fEntries holds fEntryCapacity entries and
+	// doubles when full.
 	uint32* fSlots;
 	Entry* fEntries;
 	size_t fEntryCapacity;
