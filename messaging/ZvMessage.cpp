@@ -103,7 +103,15 @@ __attribute__((noinline)) void ZvMessage::_DropIndex()
 // walk their list without a call.
 inline NameIndex* ZvMessage::_LargeIndex() const
 {
-	return items.CountItems() >= kNameIndexThreshold ? _Index() : nullptr;
+	const int32 count = items.CountItems();
+	if (count < kNameIndexThreshold)
+		return nullptr;
+	// An index in step with the list is used without a call; making one,
+	// or finding it out of step, is left to _Index.
+	NameIndex* index = fIndex.load(std::memory_order_acquire);
+	if (index != nullptr && index->Count() == count)
+		return index;
+	return _Index();
 }
 
 // Used in this file only, so inline here.
