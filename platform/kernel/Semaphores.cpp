@@ -207,10 +207,17 @@ inline bool ExchangeWord(std::atomic<uint64>& word, uint64& expected, uint64 des
 // decides. The undone value is what a handler running in that one
 // instruction's gap may see; CountOf reads it as what it stands for.
 // (create_sem and delete_sem take a mutex and are not for signal handlers.)
-inline uint32 LoadHalf(const std::atomic<uint64>& word, int offset)
+inline uint32 LoadCountHalf(const std::atomic<uint64>& word)
 {
 	uint32 half;
-	asm volatile("movl %c2(%1), %0" : "=r"(half) : "r"(&word), "i"(offset) : "memory");
+	asm volatile("movl (%1), %0" : "=r"(half) : "r"(&word) : "memory");
+	return half;
+}
+
+inline uint32 LoadHighHalf(const std::atomic<uint64>& word)
+{
+	uint32 half;
+	asm volatile("movl 4(%1), %0" : "=r"(half) : "r"(&word) : "memory");
 	return half;
 }
 
@@ -224,9 +231,9 @@ inline uint32 IdleHighHalf(uint32 tag)
 // general path must decide.
 inline bool TakeOneAlone(std::atomic<uint64>& word, uint32 tag)
 {
-	if (LoadHalf(word, 4) != IdleHighHalf(tag))
+	if (LoadHighHalf(word) != IdleHighHalf(tag))
 		return false;
-	const uint32 field = LoadHalf(word, 0);
+	const uint32 field = LoadCountHalf(word);
 	if (field - 1 >= static_cast<uint32>(INT32_MAX))
 		return false; // no unit free, or a handler's undo in progress
 	bool borrowed;
@@ -241,9 +248,9 @@ inline bool TakeOneAlone(std::atomic<uint64>& word, uint32 tag)
 // the general path must decide.
 inline bool GiveOneAlone(std::atomic<uint64>& word, uint32 tag)
 {
-	if (LoadHalf(word, 4) != IdleHighHalf(tag))
+	if (LoadHighHalf(word) != IdleHighHalf(tag))
 		return false;
-	const uint32 field = LoadHalf(word, 0);
+	const uint32 field = LoadCountHalf(word);
 	if (field >= static_cast<uint32>(INT32_MAX))
 		return false; // no room, or a handler's undo in progress
 	bool overflowed;
@@ -304,7 +311,7 @@ bool TeamExists(team_id team)
 }
 
 status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout);
-void WakeAfterRelease(SemSlot* slot, int32 count, uint64 word);
+status_t WakeAfterRelease(SemSlot* slot, int32 count, uint64 word);
 
 } // namespace
 } // namespace zvplatform
@@ -562,13 +569,14 @@ inline status_t ReleaseFast(SemSlot* slot, sem_id id, int32 count)
 		// seq_cst: the word this replaces says whether waiters registered
 		// before the units arrived (those must be woken); a waiter
 		// registering later sees the units in its own CAS.
-		if (ExchangeWord<kAlone>(slot->word, word, WithMoreUnits(word, count),
-		                         std::memory_order_seq_cst)) {
+		// (Only a process with one thread can hold an undone count.)
+		const uint64 desired =
+		    kAlone ? WithMoreUnits(word, count) : word + static_cast<uint32>(count);
+		if (ExchangeWord<kAlone>(slot->word, word, desired, std::memory_order_seq_cst))
 			break;
-		}
 	}
 	if (WaitersOf(word) != 0)
-		WakeAfterRelease(slot, count, word);
+		return WakeAfterRelease(slot, count, word);
 	return B_OK;
 }
 
@@ -609,8 +617,9 @@ namespace zvplatform {
 namespace {
 
 // Wakes the waiters a release of count units owes: word is the state word
-// the release replaced, which had waiters.
-void WakeAfterRelease(SemSlot* slot, int32 count, uint64 word)
+// the release replaced, which had waiters. Returns B_OK, the release's
+// result.
+status_t WakeAfterRelease(SemSlot* slot, int32 count, uint64 word)
 {
 	// Waiters wanting one unit each: wake as many as units arrived, or all
 	// when that is at least the waiters registered. With a waiter wanting
@@ -633,6 +642,7 @@ void WakeAfterRelease(SemSlot* slot, int32 count, uint64 word)
 			break;
 		}
 	}
+	return B_OK;
 }
 
 } // namespace
