@@ -909,17 +909,20 @@ bool RunAgainstToggler(sem_id sem, bool handlerGives, int32 low, int32 high)
 		for (int i = 0; i < 1000; i++) {
 			if (!handlerGives) {
 				// The handler may hold the only unit: then the poll times out.
+				// While the thread holds the unit the handler cannot hold it.
 				const status_t taken = acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0);
 				if (taken == B_OK)
-					sound = sound && release_sem(sem) == B_OK;
+					sound = sound && gHandlerOwes == 0 && release_sem(sem) == B_OK;
 				else
 					sound = sound && taken == B_TIMED_OUT;
 			} else {
 				// The handler's extra unit may fill the count: then the
 				// release is refused.
+				// While the thread's unit fills the count the handler's
+				// cannot be there too.
 				const status_t given = release_sem(sem);
 				if (given == B_OK)
-					sound = sound && acquire_sem(sem) == B_OK;
+					sound = sound && gHandlerOwes == 0 && acquire_sem(sem) == B_OK;
 				else
 					sound = sound && given == B_BAD_VALUE;
 			}
