@@ -12,12 +12,15 @@
 // State word. Each slot packs into one 64-bit atomic word:
 //   bits 63..48  tag: generation, plus kDeadBit once the semaphore is deleted
 //   bits 47..32  number of threads registered as waiters
-//   bits 31..0   free units (0 .. INT32_MAX)
-// Every change of the count is a compare-and-swap on the whole word, so it
-// validates the generation at the same time: an acquire or release racing
+//   bits 31..0   free units (0 .. INT32_MAX; see CountOf for the one
+//                exception, which only a process with one thread makes)
+// Every change of the count (but the one-thread path below) is a
+// compare-and-swap on the whole word, so it validates the generation at the
+// same time: an acquire or release racing
 // with delete_sem either happens entirely before the deletion or fails with
 // B_BAD_SEM_ID. Uncontended acquire and release are one such CAS each, with
-// no system call.
+// no system call (with one thread, one unit: a plain subtraction or addition,
+// see "One thread" below).
 //
 // Waiting. A thread that must wait registers in the waiter field, then
 // sleeps on the slot's wake sequence (a futex word). A registered waiter pins
@@ -143,7 +146,7 @@ struct ForkGuardInstaller
 	ForkGuardInstaller() { pthread_atfork(&PrepareFork, &AfterFork, &AfterFork); }
 } sForkGuardInstaller;
 
-// The compare-and-swap of the uncontended acquire and release. While the
+// The compare-and-swap of the acquire and release fast paths. While the
 // process has a single thread (the C library's __libc_single_threaded: it is
 // cleared by the first pthread_create, in this thread, before the new thread
 // runs) nothing can race the exchange, so on x86-64 it is made without the
@@ -390,8 +393,7 @@ namespace {
 
 // Fast path: take the units with one CAS when enough are free.
 template <bool kAlone>
-inline status_t AcquireFast(SemSlot* slot, sem_id id, int32 count, uint32 flags,
-                            bigtime_t timeout)
+inline status_t AcquireFast(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout)
 {
 	const uint32 tag = LiveTagOf(id);
 	uint64 word = slot->word.load(std::memory_order_relaxed);
@@ -556,8 +558,7 @@ status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtim
 namespace zvplatform {
 namespace {
 
-template <bool kAlone>
-inline status_t ReleaseFast(SemSlot* slot, sem_id id, int32 count)
+template <bool kAlone> inline status_t ReleaseFast(SemSlot* slot, sem_id id, int32 count)
 {
 	const uint32 tag = LiveTagOf(id);
 	uint64 word = slot->word.load(std::memory_order_relaxed);

@@ -848,9 +848,10 @@ TEST(OSSemaphore, OneUnitCallsAnswerAloneAsWithThreadsAtTheEdgesOfTheCount)
 	const std::vector<status_t> shared = OneUnitEdgeSequence();
 	EXPECT_EQ(alone, shared);
 	const std::vector<status_t> expected = {
-	    B_TIMED_OUT, B_OK, B_OK, B_TIMED_OUT, B_OK, B_OK, INT32_MAX, B_BAD_VALUE, INT32_MAX,
-	    B_OK, B_OK, INT32_MAX, B_OK, B_BAD_SEM_ID, B_BAD_SEM_ID, B_BAD_SEM_ID,
-	    B_OK, B_OK, B_OK, B_TIMED_OUT, B_OK, B_OK, B_OK, 3, B_OK};
+	    B_TIMED_OUT,  B_OK,         B_OK, B_TIMED_OUT, B_OK,      B_OK,        INT32_MAX,
+	    B_BAD_VALUE,  INT32_MAX,    B_OK, B_OK,        INT32_MAX, B_OK,        B_BAD_SEM_ID,
+	    B_BAD_SEM_ID, B_BAD_SEM_ID, B_OK, B_OK,        B_OK,      B_TIMED_OUT, B_OK,
+	    B_OK,         B_OK,         3,    B_OK};
 	EXPECT_EQ(alone, expected);
 }
 
@@ -877,8 +878,8 @@ void ToggleFromHandler(int)
 	}
 	const bool first = gHandlerOwes == 0;
 	const bool take = gHandlerGives ? !first : first;
-	const status_t result = take ? acquire_sem_etc(gTogglingSem, 1, B_RELATIVE_TIMEOUT, 0)
-	                             : release_sem(gTogglingSem);
+	const status_t result =
+	    take ? acquire_sem_etc(gTogglingSem, 1, B_RELATIVE_TIMEOUT, 0) : release_sem(gTogglingSem);
 	if (result == B_OK)
 		gHandlerOwes = first ? 1 : 0;
 	gToggles.fetch_add(1, std::memory_order_relaxed);
