@@ -78,54 +78,43 @@ void* AllocateOrThrow(void* block)
 } // namespace
 
 // Eight characters at a time: a character at a time made the hash a chain
-// of dependent multiplications, the larger part of a lookup. The words are
-// read without knowing the name's length, and so may hold bytes after its
-// terminating zero; those are masked off. A word is read whole only when it
-// lies within one 4 KiB block, and so within one page (pages are never
-// smaller): it never touches memory that the name's own page does not map.
-// The sanitizers are told not to check these reads, which may reach past
-// the name's end, though never past its page.
-__attribute__((no_sanitize("address", "thread"))) inline NameKey Key(const char* name)
+// of dependent multiplications, the larger part of a lookup. The length
+// comes first (strnlen, vectorised by the C library and bounded by the
+// longest name), so that every read stays inside the name: the last few
+// characters are read as one word ending at the name's end, or as two
+// overlapping halves, or byte by byte, never past the terminating zero.
+inline NameKey Key(const char* name)
 {
 	static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
 	              "a name's first character is the lowest byte of its first word");
-	constexpr uint64 kOnes = 0x0101010101010101ull;
-	constexpr uint64 kHighs = 0x8080808080808080ull;
-	constexpr uintptr_t kBlock = 4096;
+	const size_t length = strnlen(name, kMaxNameLength + 1);
+	if (length > kMaxNameLength)
+		return NameKey{0, static_cast<uint32>(kMaxNameLength + 1)};
 	uint64 hash = 0x243f6a8885a308d3ull;
-	for (size_t at = 0;; at += 8) {
-		const char* chunk = name + at;
-		uint64 word = 0;
-		if ((reinterpret_cast<uintptr_t>(chunk) & (kBlock - 1)) <= kBlock - 8) {
-			memcpy(&word, chunk, sizeof(word));
-		} else {
-			// The word would cross into the next block: its characters are
-			// read up to the zero, which the word then keeps.
-			for (size_t i = 0; i < 8 && chunk[i] != '\0'; i++)
-				word |= static_cast<uint64>(static_cast<uint8>(chunk[i])) << (8 * i);
-		}
-		const uint64 zeros = (word - kOnes) & ~word & kHighs;
-		if (zeros != 0) {
-			// The lowest flagged byte is the first zero (flags above it may
-			// be false).
-			const size_t bytes = static_cast<size_t>(__builtin_ctzll(zeros)) / 8;
-			const size_t length = at + bytes;
-			if (length > kMaxNameLength)
-				return NameKey{0, static_cast<uint32>(kMaxNameLength + 1)};
-			const uint64 kept = bytes == 0 ? 0 : word & (~uint64(0) >> (64 - 8 * bytes));
-			hash = (hash ^ kept ^ (static_cast<uint64>(length) << 56)) * kMultiplier;
-			// A product's high bits depend on all the bits below them: the
-			// high half folded onto the low one and multiplied once more
-			// gives a high half in which every bit depends on every
-			// character (its low bits choose the slot, its high ones tell
-			// names apart within it).
-			hash = (hash ^ (hash >> 32)) * kMultiplier;
-			return NameKey{static_cast<uint32>(hash >> 32), static_cast<uint32>(length)};
-		}
-		if (at + 8 > kMaxNameLength)
-			return NameKey{0, static_cast<uint32>(kMaxNameLength + 1)};
-		hash = (hash ^ word) * kMultiplier;
+	size_t at = 0;
+	for (; at + 8 <= length; at += 8)
+		hash = (hash ^ Load64(name + at)) * kMultiplier;
+	// The characters after the last whole word, as the low bytes of a word.
+	const size_t tail = length - at;
+	uint64 kept = 0;
+	if (tail == 0) {
+		kept = 0;
+	} else if (length >= 8) {
+		kept = Load64(name + length - 8) >> (8 * (8 - tail));
+	} else if (tail >= 4) {
+		kept = Load32(name) | static_cast<uint64>(Load32(name + tail - 4)) << (8 * (tail - 4));
+	} else {
+		kept = static_cast<uint64>(static_cast<uint8>(name[0])) |
+		       static_cast<uint64>(static_cast<uint8>(name[tail / 2])) << (8 * (tail / 2)) |
+		       static_cast<uint64>(static_cast<uint8>(name[tail - 1])) << (8 * (tail - 1));
 	}
+	hash = (hash ^ kept ^ (static_cast<uint64>(length) << 56)) * kMultiplier;
+	// A product's high bits depend on all the bits below them: the high half
+	// folded onto the low one and multiplied once more gives a high half in
+	// which every bit depends on every character (its low bits choose the
+	// slot, its high ones tell names apart within it).
+	hash = (hash ^ (hash >> 32)) * kMultiplier;
+	return NameKey{static_cast<uint32>(hash >> 32), static_cast<uint32>(length)};
 }
 
 NameKey KeyOfName(const char* name)

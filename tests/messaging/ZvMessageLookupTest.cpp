@@ -828,8 +828,8 @@ TEST(ZvMessageLookupTest, ManyNamesRemovedAndAddedBackInRandomOrderAreAllFound)
 }
 
 // The key of a name is the same wherever the name lies, and reading it never
-// goes into a page that does not belong to the name: here each name ends at
-// the last byte of a page followed by one that may not be read.
+// goes past the name: here each name ends at the last byte of a page
+// followed by one that may not be read (the sanitizers check the rest).
 TEST(ZvMessageLookupTest, NameKeysDoNotDependOnWhereTheNameLiesNorReadIntoTheNextPage)
 {
 	using zvkit::internal::KeyOfName;
