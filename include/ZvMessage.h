@@ -146,6 +146,9 @@ private:
 	// Takes the record's name (nameSize bytes with the terminator) and a
 	// copy of length bytes from source as the item's value.
 	void _AdoptRecord(const void* recordName, size_t nameSize, const uint8* source, int32 length);
+	// The value's place in the name buffer for a value of length bytes and
+	// a name of nameLength characters; null when it does not fit there.
+	uint8* _InsideSpot(int32 length, size_t nameLength);
 	// A block for a value of length bytes, given the name's length: the
 	// free part of the name buffer when the value fits there, else the heap.
 	uint8* _NewBlock(int32 length, size_t nameLength);

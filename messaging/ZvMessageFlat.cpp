@@ -7,6 +7,7 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "ItemValue.h"
 #include "messaging/FlatWalk.h"
 
 #include <limits.h>
@@ -24,24 +25,6 @@ int32 ZvMessageItem::GetData(void* buffer) const
 	if (size >= 1 && data != nullptr)
 		memcpy(out + 4 + nameSize + 4, data, size);
 	return static_cast<int32>(4 + nameSize + 4) + size;
-}
-
-void ZvMessageItem::_AdoptRecord(const void* recordName, size_t nameSize, const uint8* source,
-                                 int32 length)
-{
-	// The value's place inside the item follows the name, so the new name
-	// goes in before the value does. A heap block of the same size that
-	// stays on the heap is refilled; otherwise a new one is made (an empty
-	// one too, so that a record always leaves a block behind).
-	const bool refill =
-	    data != nullptr && size == length && !_ValueInside() && length > kInlineDataSize;
-	if (!refill)
-		_FreeBlock();
-	memcpy(name, recordName, nameSize);
-	if (!refill)
-		data = _NewBlock(length, nameSize - 1);
-	size = length;
-	memcpy(data, source, length);
 }
 
 int32 ZvMessageItem::SetData(const void* buffer)

@@ -2,6 +2,7 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "ItemValue.h"
 #include "base/internal/BlockCache.h"
 
 #include <stdint.h>
@@ -12,18 +13,6 @@ namespace {
 const char kUnnamed[] = "@@@Unnamed";
 
 using zvkit::internal::kNameBufferSize;
-
-// A small value lives in the name buffer: from its middle when the name ends
-// before it, so that the value's place is the same for every short name,
-// else from the first 8-byte boundary past the name's terminator.
-constexpr size_t kInlineStart = kNameBufferSize / 2;
-constexpr size_t kValueAlignment = 8;
-
-size_t InlineOffset(size_t nameLength)
-{
-	const size_t afterName = (nameLength + 1 + kValueAlignment - 1) & ~(kValueAlignment - 1);
-	return afterName > kInlineStart ? afterName : kInlineStart;
-}
 
 // Copies name into the item's buffer, cut to 63 characters; returns the
 // length kept.
@@ -79,34 +68,6 @@ ZvMessageItem::~ZvMessageItem()
 	// A block read from a flat record may be empty but allocated; free it
 	// whatever the size.
 	_FreeBlock();
-}
-
-uint8* ZvMessageItem::_NewBlock(int32 length, size_t nameLength)
-{
-	const size_t at = InlineOffset(nameLength);
-	// The place must lie inside the buffer even for an empty value, so that
-	// data inside the buffer always means "not from the heap".
-	if (length <= kInlineDataSize && at < sizeof(name) &&
-	    at + static_cast<size_t>(length) <= sizeof(name)) {
-		return reinterpret_cast<uint8*>(name) + at;
-	}
-	return new uint8[length];
-}
-
-void ZvMessageItem::_FreeBlock()
-{
-	if (!_ValueInside())
-		delete[] data;
-	data = nullptr;
-}
-
-bool ZvMessageItem::_ValueInside() const
-{
-	// One comparison: a pointer below the buffer wraps around to a large
-	// distance, as null does.
-	const uintptr_t distance =
-	    reinterpret_cast<uintptr_t>(data) - reinterpret_cast<uintptr_t>(name);
-	return distance < sizeof(name);
 }
 
 int32 ZvMessageItem::Size() const
