@@ -307,13 +307,7 @@ TEST(ZvMessageBridgeTest, LongBMessageNamesAreCutToSixtyThreeCharacters)
 
 TEST(ZvMessageBridgeTest, NestingDeeperThanSixtyFourLevelsIsDropped)
 {
-	ZvMessage message(0);
-	message.AddInt32("bottom", 1);
-	for (int i = 0; i < 70; i++) {
-		ZvMessage outer(i);
-		outer.AddMessage("inner", &message);
-		message = outer;
-	}
+	ZvMessage message = zvtest::NestedMessage(70);
 	BMessage target;
 	int32 dropped = 0;
 	EXPECT_EQ(B_MISMATCHED_VALUES, ZV_ToBMessage(&message, &target, &dropped));

@@ -3,6 +3,8 @@
 //  - FlatBytes: a message's flattened block as a byte vector.
 //  - RandomMessageBuilder: fills a message with random fields of every type,
 //    with repeated names and nested messages down to a given depth.
+//  - NestedMessage: a message wrapped in itself deeper than the flat and
+//    bridged forms' nesting limits.
 #ifndef ZVKIT_MESSAGE_TEST_SUPPORT_H
 #define ZVKIT_MESSAGE_TEST_SUPPORT_H
 
@@ -22,6 +24,21 @@ inline std::vector<uint8> FlatBytes(const ZvMessage& message)
 	message.Flatten(bytes.data(), &written);
 	bytes.resize(written < 0 ? 0 : written);
 	return bytes;
+}
+
+// A message holding an int32 "bottom" of 1, wrapped levels times: each level
+// is a message whose what is its depth counted from the bottom (0 first) and
+// whose one field "inner" holds the level below.
+inline ZvMessage NestedMessage(int levels)
+{
+	ZvMessage message(0);
+	message.AddInt32("bottom", 1);
+	for (int i = 0; i < levels; i++) {
+		ZvMessage outer(i);
+		outer.AddMessage("inner", &message);
+		message = outer;
+	}
+	return message;
 }
 
 class RandomMessageBuilder

@@ -475,13 +475,7 @@ TEST(ZvByteOrderTest, AMalformedNestedValueCannotBeWrittenInTheOtherOrder)
 
 TEST(ZvByteOrderTest, NestingDeeperThanTheLimitIsRefusedInTheOtherOrderOnly)
 {
-	ZvMessage message(0);
-	message.AddInt32("bottom", 1);
-	for (int i = 0; i < 70; i++) {
-		ZvMessage outer(i);
-		outer.AddMessage("inner", &message);
-		message = outer;
-	}
+	ZvMessage message = zvtest::NestedMessage(70);
 	std::vector<uint8> buffer(message.FlattenedSize());
 	EXPECT_EQ(B_OK, message.Flatten(buffer.data(), ZV_HOST_ENDIAN));
 	EXPECT_EQ(B_BAD_DATA, message.Flatten(buffer.data(), OtherOrder()));
