@@ -29,6 +29,8 @@
 #include <ZvList.h>
 #include <ZvTypeCodes.h>
 
+#include <stddef.h>
+
 #include <vector>
 
 class ZvMessageItem;
@@ -39,6 +41,20 @@ namespace zvkit::internal {
 // to here the walk is as fast as a hash probe, and small messages carry no
 // index at all.
 constexpr int32 kNameIndexThreshold = 24;
+
+// What the index files a name under: its hash and its length. A length
+// above 63 means that no item can hold the name (the hash is then 0).
+struct NameKey
+{
+	uint32 hash;
+	uint32 length;
+
+	bool TooLong() const { return length > 63; }
+};
+
+// The key of name (not null). Exposed for tests that need names of equal
+// hashes.
+NameKey KeyOfName(const char* name);
 
 class NameIndex
 {
@@ -66,9 +82,16 @@ public:
 	int32 Count() const { return fCount; }
 	// Distinct names.
 	int32 CountNames() const { return fFields; }
+	// Slots of the hash table (for tests of its growth).
+	size_t CountSlots() const { return fSize; }
 
-	// item was appended to the list.
+	// Asks the processor for the table line where a name of key is probed,
+	// so that an Added() of it made after other work finds the line at hand.
+	void Prefetch(NameKey key) const { __builtin_prefetch(fSlots + (key.hash & (fSize - 1))); }
+
+	// item was appended to the list; key, when given, is its name's.
 	void Added(ZvMessageItem* item);
+	void Added(ZvMessageItem* item, NameKey key);
 	// item, still holding its name, was removed from the list.
 	void Removed(ZvMessageItem* item);
 
@@ -81,10 +104,8 @@ public:
 	// Calls visit(names) for every distinct name.
 	template <typename Visit> void ForEachField(Visit visit) const
 	{
-		for (size_t i = 0; i < fSize; i++) {
-			if (fSlots[i].kind != kEmpty)
-				visit(_NamesOf(fSlots[i]));
-		}
+		for (int32 i = 0; i < fFields; i++)
+			visit(_NamesOf(fEntries[i]));
 	}
 
 private:
@@ -100,16 +121,15 @@ private:
 
 	enum : uint32
 	{
-		kEmpty = 0,
 		kSingle = 1,
 		kField = 2
 	};
 
-	// One slot of the table. A name of one item, by far the most common
-	// case, keeps that item here: a lookup then reads the slot and the item
-	// only (the item holds the name it is compared with), with no record
-	// of its own to allocate on the way in or to miss in the cache.
-	struct Slot
+	// One distinct name. A name of one item, by far the most common case,
+	// keeps that item here: a lookup then reads the entry and the item only
+	// (the item holds the name it is compared with), with no record of its
+	// own to allocate on the way in or to miss in the cache.
+	struct Entry
 	{
 		uint32 hash;
 		uint32 kind;
@@ -119,17 +139,31 @@ private:
 		};
 	};
 
-	static Names _NamesOf(const Slot& slot);
-	static const char* _NameOf(const Slot& slot);
-	// The slot holding name, or the empty slot where it would go.
-	size_t _Slot(const char* name, uint32 hash) const;
+	static Names _NamesOf(const Entry& entry);
+	static const char* _NameOf(const Entry& entry);
+	// The entry of name, or -1; *slot is set to the slot that refers to it,
+	// or to the empty slot where it would go.
+	int32 _Find(const char* name, NameKey key, size_t* slot) const;
 	void _Grow();
-	void _Erase(size_t slot);
+	void _GrowEntries();
+	void _Erase(size_t slot, int32 entry);
 
-	// Open addressing with linear probing; the size is a power of two and at
-	// most half the slots are used.
-	Slot* fSlots;
+	// The names live in fEntries, densely and in no particular order; the
+	// table fSlots maps a hash to an entry. A slot is one word: 0 when
+	// empty, else the entry's number plus one in its low bits (below
+	// fSize, as entries are fewer than slots) and the high bits of the
+	// name's hash above them, so that most probes of another name are told
+	// apart without reaching the entry. A table of 4-byte slots is a
+	// quarter of one of pointers and hashes, and growing it reads only the
+	// entries' hashes, never an item. Open addressing with linear probing;
+	// the size is a power of two, at most half the slots are used, and a
+	// full table grows fourfold. fEntries holds fEntryCapacity entries and
+	// doubles when full.
+	uint32* fSlots;
+	Entry* fEntries;
+	size_t fEntryCapacity;
 	size_t fSize;
+	uint32 fEntryMask;
 	int32 fFields;
 	int32 fCount;
 };

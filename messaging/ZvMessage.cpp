@@ -131,7 +131,15 @@ __attribute__((noinline)) void ZvMessage::_DropIndex()
 // walk their list without a call.
 inline NameIndex* ZvMessage::_LargeIndex() const
 {
-	return items.CountItems() >= kNameIndexThreshold ? _Index() : nullptr;
+	const int32 count = items.CountItems();
+	if (count < kNameIndexThreshold)
+		return nullptr;
+	// An index in step with the list is used without a call; making one,
+	// or finding it out of step, is left to _Index.
+	NameIndex* index = fIndex.load(std::memory_order_acquire);
+	if (index != nullptr && index->Count() == count)
+		return index;
+	return _Index();
 }
 
 // Used in this file only, so inline here.
@@ -209,6 +217,18 @@ void ZvMessage::MakeEmpty()
 {
 	if (_IndexMade() != nullptr)
 		_DropIndex();
+	// The items of a message of very many items (more than the core's cache
+	// holds) are mostly out of the cache by the time it is emptied, and
+	// deleting one reads it: each is asked for a few turns ahead.
+	constexpr int32 kFarItems = 8192;
+	constexpr int32 kAhead = 16;
+	if (items.CountItems() > kFarItems) {
+		while (items.CountItems() > kAhead) {
+			const int32 last = items.CountItems() - 1;
+			__builtin_prefetch(items.items[last - kAhead]);
+			delete items.RemoveItem(last);
+		}
+	}
 	while (items.CountItems() > 0)
 		delete items.RemoveItem(items.CountItems() - 1);
 }
@@ -565,7 +585,30 @@ bool ZvMessage::_AddData(const char* name, type_code type, int32 size, const voi
 		return false;
 	if (zvkit::internal::ChecksOn())
 		CheckFieldName(AddMemberOf(type), name);
-	_AppendItem(new ZvMessageItem(name, type, size, data));
+	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	if (index == nullptr) {
+		items.AddItem(new ZvMessageItem(name, type, size, data));
+		return true;
+	}
+	if (index->Count() != items.CountItems() || name == nullptr) {
+		_AppendItem(new ZvMessageItem(name, type, size, data));
+		return true;
+	}
+	// A message of many items: the index's table line for the name, most
+	// likely not in the cache, is fetched while the item is made.
+	const zvkit::internal::NameKey key = zvkit::internal::KeyOfName(name);
+	ZvMessageItem* item;
+	if (key.TooLong()) {
+		// The item keeps the name's first 63 characters.
+		item = new ZvMessageItem(name, type, size, data);
+		items.AddItem(item);
+		index->Added(item);
+		return true;
+	}
+	index->Prefetch(key);
+	item = new ZvMessageItem(name, type, size, data);
+	items.AddItem(item);
+	index->Added(item, key);
 	return true;
 }
 

@@ -8,12 +8,18 @@
 
 #include "MessageTestSupport.h"
 #include "TestSupport.h"
+#include "messaging/NameIndex.h"
 
 #include <gtest/gtest.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -647,6 +653,212 @@ TEST(ZvMessageLookupTest, ReadersOfOneLargeMessageMayMakeItsIndexTogether)
 			thread.join();
 		ASSERT_EQ(0, failures.load());
 	}
+}
+
+// The index on its own, over items made here: every name is found after
+// every growth of its table, from the first size to many thousands.
+TEST(ZvMessageLookupTest, TheIndexFindsEveryNameAcrossEachGrowthOfItsTable)
+{
+	using zvkit::internal::NameIndex;
+	ZvList<ZvMessageItem*> list(16);
+	std::vector<std::unique_ptr<ZvMessageItem>> made;
+	NameIndex index(list);
+	size_t slots = index.CountSlots();
+	int growths = 0;
+	const int32 value = 0;
+	for (int i = 0; i < 20000; i++) {
+		const std::string name = "n" + std::to_string(i * 7919);
+		made.push_back(std::make_unique<ZvMessageItem>(name.c_str(), ZV_INT32_TYPE,
+		                                               static_cast<int32>(sizeof(value)), &value));
+		list.AddItem(made.back().get());
+		index.Added(made.back().get());
+		ASSERT_EQ(i + 1, index.CountNames());
+		// At most half the slots are used.
+		ASSERT_LE(2 * static_cast<size_t>(index.CountNames()), index.CountSlots());
+		if (index.CountSlots() == slots && i != 19999)
+			continue;
+		growths += index.CountSlots() != slots ? 1 : 0;
+		slots = index.CountSlots();
+		for (int j = 0; j <= i; j++) {
+			const std::string known = "n" + std::to_string(j * 7919);
+			ASSERT_EQ(made[static_cast<size_t>(j)].get(), index.Find(known.c_str(), ZV_ANY_TYPE, 0))
+			    << known << " among " << i + 1;
+		}
+		EXPECT_EQ(nullptr, index.Find("n1", ZV_ANY_TYPE, 0));
+		EXPECT_EQ(nullptr, index.Find("n", ZV_ANY_TYPE, 0));
+	}
+	// 64 slots at first, 65,536 or more for 20,000 names.
+	EXPECT_GE(growths, 5);
+	EXPECT_GE(index.CountSlots(), 65536u);
+}
+
+// Two names of equal hashes, found by searching many names: each still
+// finds its own values, in a message large enough to use the index, through
+// removal and re-adding of either.
+TEST(ZvMessageLookupTest, NamesOfEqualHashesAreToldApart)
+{
+	using zvkit::internal::KeyOfName;
+	std::map<uint32, std::string> seen;
+	std::string first;
+	std::string second;
+	for (uint32 i = 0; i < 2000000 && first.empty(); i++) {
+		const std::string name = "h" + std::to_string(i);
+		const auto [at, added] = seen.emplace(KeyOfName(name.c_str()).hash, name);
+		if (!added) {
+			first = at->second;
+			second = name;
+		}
+	}
+	ASSERT_FALSE(first.empty()) << "no two names of equal hashes found";
+	ASSERT_EQ(KeyOfName(first.c_str()).hash, KeyOfName(second.c_str()).hash);
+
+	ZvMessage message(0);
+	AddFields(&message, 40);
+	message.AddInt32(first.c_str(), 1);
+	message.AddInt32(second.c_str(), 2);
+	message.AddInt32(first.c_str(), 11);
+	int32 value = 0;
+	ASSERT_TRUE(message.FindInt32(first.c_str(), 1, &value));
+	EXPECT_EQ(11, value);
+	ASSERT_TRUE(message.FindInt32(second.c_str(), &value));
+	EXPECT_EQ(2, value);
+	EXPECT_FALSE(message.HasInt32(second.c_str(), 1));
+
+	ASSERT_TRUE(message.RemoveName(first.c_str()));
+	EXPECT_FALSE(message.HasInt32(first.c_str(), 0));
+	ASSERT_TRUE(message.FindInt32(second.c_str(), &value));
+	EXPECT_EQ(2, value);
+	message.AddInt32(first.c_str(), 3);
+	ASSERT_TRUE(message.RemoveData(second.c_str(), 0));
+	EXPECT_FALSE(message.HasInt32(second.c_str(), 0));
+	ASSERT_TRUE(message.FindInt32(first.c_str(), &value));
+	EXPECT_EQ(3, value);
+	for (int i = 0; i < 40; i++) {
+		ASSERT_TRUE(message.FindInt32(("f" + std::to_string(i)).c_str(), &value));
+		EXPECT_EQ(i, value);
+	}
+}
+
+// Names that share long beginnings, that are beginnings of each other, and
+// that differ only in their last character, at every length up to 63 (a
+// lookup reads names eight characters at a time); and names differing only
+// after their 63rd character, which items hold as one name.
+TEST(ZvMessageLookupTest, NamesDifferingOnlyInOneCharacterOrAfterTheCutAreFoundRightly)
+{
+	ZvMessage message(0);
+	AddFields(&message, 30);
+	const std::string stem = Repeat('s', 63);
+	for (size_t length = 1; length <= 63; length++) {
+		std::string name = stem.substr(0, length);
+		message.AddInt32(name.c_str(), static_cast<int32>(length));
+		name.back() = 't';
+		message.AddInt32(name.c_str(), -static_cast<int32>(length));
+	}
+	for (size_t length = 1; length <= 63; length++) {
+		std::string name = stem.substr(0, length);
+		int32 value = 0;
+		ASSERT_TRUE(message.FindInt32(name.c_str(), &value)) << length;
+		EXPECT_EQ(static_cast<int32>(length), value);
+		EXPECT_FALSE(message.HasInt32(name.c_str(), 1)) << length;
+		name.back() = 't';
+		ASSERT_TRUE(message.FindInt32(name.c_str(), &value)) << length;
+		EXPECT_EQ(-static_cast<int32>(length), value);
+	}
+
+	// Cut to the same 63 characters: one name of two values.
+	const std::string longA = stem + "a-tail";
+	const std::string longB = stem + "b-tail";
+	message.AddInt32(longA.c_str(), 100);
+	message.AddInt32(longB.c_str(), 200);
+	int32 value = 0;
+	EXPECT_FALSE(message.FindInt32(longA.c_str(), &value));
+	EXPECT_FALSE(message.FindInt32(longB.c_str(), &value));
+	ASSERT_TRUE(message.FindInt32(stem.c_str(), 1, &value));
+	EXPECT_EQ(100, value);
+	ASSERT_TRUE(message.FindInt32(stem.c_str(), 2, &value));
+	EXPECT_EQ(200, value);
+	type_code type = 0;
+	int32 count = 0;
+	ASSERT_TRUE(message.GetInfo(stem.c_str(), &type, &count));
+	EXPECT_EQ(3, count);
+}
+
+// Many names removed in random order and added back, some several times:
+// after each round every name answers as a model of the message says (a
+// removal closes the gap it leaves in the index's table and moves another
+// entry into its place).
+TEST(ZvMessageLookupTest, ManyNamesRemovedAndAddedBackInRandomOrderAreAllFound)
+{
+	std::mt19937 random(77);
+	constexpr int kNames = 3000;
+	ZvMessage message(0);
+	std::map<std::string, std::vector<int32>> model;
+	for (int i = 0; i < kNames; i++) {
+		const std::string name = "r" + std::to_string(i);
+		message.AddInt32(name.c_str(), i);
+		model[name].push_back(i);
+	}
+	for (int round = 0; round < 6; round++) {
+		for (int k = 0; k < kNames / 2; k++) {
+			const std::string name = "r" + std::to_string(random() % kNames);
+			const bool removed = message.RemoveName(name.c_str());
+			ASSERT_EQ(!model[name].empty(), removed) << name;
+			model[name].clear();
+			if (random() % 3 == 0) {
+				const int32 value = static_cast<int32>(random() % 1000);
+				message.AddInt32(name.c_str(), value);
+				model[name].push_back(value);
+			}
+		}
+		for (const auto& [name, values] : model) {
+			type_code type = 0;
+			int32 count = 0;
+			const bool found = message.GetInfo(name.c_str(), &type, &count);
+			ASSERT_EQ(!values.empty(), found) << name << " in round " << round;
+			if (!found)
+				continue;
+			ASSERT_EQ(static_cast<int32>(values.size()), count) << name;
+			for (size_t i = 0; i < values.size(); i++) {
+				int32 value = -1;
+				ASSERT_TRUE(message.FindInt32(name.c_str(), static_cast<int32>(i), &value));
+				ASSERT_EQ(values[i], value) << name;
+			}
+		}
+	}
+}
+
+// The key of a name is the same wherever the name lies, and reading it never
+// goes past the name: here each name ends at the last byte of a page
+// followed by one that may not be read (the sanitizers check the rest).
+TEST(ZvMessageLookupTest, NameKeysDoNotDependOnWhereTheNameLiesNorReadIntoTheNextPage)
+{
+	using zvkit::internal::KeyOfName;
+	using zvkit::internal::NameKey;
+	const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+	void* map = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+	ASSERT_NE(MAP_FAILED, map);
+	char* pages = static_cast<char*>(map);
+	ASSERT_EQ(0, mprotect(pages + page, page, PROT_NONE));
+	const std::string text = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-.+";
+	for (size_t length = 0; length <= 66; length++) {
+		const std::string name = text.substr(0, length);
+		ASSERT_EQ(length, name.size());
+		const NameKey expected = KeyOfName(name.c_str());
+		EXPECT_EQ(length > 63, expected.TooLong()) << length;
+		if (!expected.TooLong()) {
+			EXPECT_EQ(length, expected.length);
+		}
+		// At the page's end, and at every shift within two words of it.
+		for (size_t shift = 0; shift < 16; shift++) {
+			char* at = pages + page - (length + 1) - shift;
+			memcpy(at, name.c_str(), length + 1);
+			memset(at + length + 1, 'x', shift);
+			const NameKey key = KeyOfName(at);
+			ASSERT_EQ(expected.hash, key.hash) << length << " shifted " << shift;
+			ASSERT_EQ(expected.length, key.length) << length << " shifted " << shift;
+		}
+	}
+	munmap(map, 2 * page);
 }
 
 } // namespace

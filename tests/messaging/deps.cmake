@@ -6,4 +6,7 @@ zvkit_test_uses_block_cache(${ZVKIT_TEST_TARGET})
 # compiled for the library.
 target_sources(${ZVKIT_TEST_TARGET} PRIVATE
     $<FILTER:$<TARGET_OBJECTS:zvkit_messaging>,INCLUDE,/FlatWalk[.]cpp[.]o$>)
+# So is the name index; ZvMessageLookupTest.cpp tests it on its own through
+# a copy compiled into the test.
+target_sources(${ZVKIT_TEST_TARGET} PRIVATE ${PROJECT_SOURCE_DIR}/messaging/NameIndex.cpp)
 add_dependencies(${ZVKIT_TEST_TARGET} zvkit_messaging)
