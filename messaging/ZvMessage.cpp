@@ -136,7 +136,7 @@ inline NameIndex* ZvMessage::_LargeIndex() const
 		return nullptr;
 	// An index in step with the list is used without a call; making one,
 	// or finding it out of step, is left to _Index.
-	NameIndex* index = fIndex.load(std::memory_order_acquire);
+	NameIndex* index = _IndexMade();
 	if (index != nullptr && index->Count() == count)
 		return index;
 	return _Index();
@@ -585,7 +585,7 @@ bool ZvMessage::_AddData(const char* name, type_code type, int32 size, const voi
 		return false;
 	if (zvkit::internal::ChecksOn())
 		CheckFieldName(AddMemberOf(type), name);
-	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	NameIndex* index = _IndexMade();
 	if (index == nullptr) {
 		items.AddItem(new ZvMessageItem(name, type, size, data));
 		return true;

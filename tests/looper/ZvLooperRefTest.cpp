@@ -979,6 +979,8 @@ TEST(ZvMessageReplyTest, EmptyingRefillingAndMergingARequestKeepItsLink)
 	EXPECT_TRUE(reply.FindInt32("value", &value));
 	EXPECT_EQ(87, value);
 	EXPECT_EQ(3, waitingSteps.load());
+	// The handler stores SendReply's result after the sender may have woken.
+	ASSERT_TRUE(zvtest::WaitUntil([&] { return answered.load() != 1; }));
 	EXPECT_EQ(B_OK, answered.load());
 	looper->RemoveHandler(&handler);
 }
