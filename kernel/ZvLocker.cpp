@@ -78,21 +78,29 @@ int32 ZvLocker::AcquireLock(int32 timeout, bool expiryLocks)
 	return 1;
 }
 
+namespace {
+
+// The checked mode's report of an Unlock by a thread that does not hold the
+// lock. Out of line, so that Unlock itself needs no stack frame.
+__attribute__((noinline, cold)) void ReportForeignUnlock(uint32 me, bool locked)
+{
+	if (!zvkit::internal::ChecksOn())
+		return;
+	zvkit::internal::CheckReport(
+	    "ZvLocker::Unlock",
+	    "thread %u unlocks a lock it does not hold (%s); the call is ignored and the lock "
+	    "stays as it was",
+	    static_cast<unsigned>(me), locked ? "another thread holds it" : "it is not locked");
+}
+
+} // namespace
+
 void ZvLocker::Unlock()
 {
 	// Only the owner may unlock; anyone else is ignored without a word.
 	const uint32 me = CurrentThread();
 	if (!fLocked.load(std::memory_order_acquire) || fOwner.load(std::memory_order_relaxed) != me) {
-		if (zvkit::internal::ChecksOn()) {
-			zvkit::internal::CheckReport(
-			    "ZvLocker::Unlock",
-			    "thread %u unlocks a lock it does not hold (%s); the call is ignored and the "
-			    "lock stays as it was",
-			    static_cast<unsigned>(me),
-			    fLocked.load(std::memory_order_relaxed) ? "another thread holds it"
-			                                            : "it is not "
-			                                              "locked");
-		}
+		ReportForeignUnlock(me, fLocked.load(std::memory_order_relaxed));
 		return;
 	}
 	const int32 depth = fCount.load(std::memory_order_relaxed) - 1;

@@ -12,12 +12,15 @@
 // State word. Each slot packs into one 64-bit atomic word:
 //   bits 63..48  tag: generation, plus kDeadBit once the semaphore is deleted
 //   bits 47..32  number of threads registered as waiters
-//   bits 31..0   free units (0 .. INT32_MAX)
-// Every change of the count is a compare-and-swap on the whole word, so it
-// validates the generation at the same time: an acquire or release racing
+//   bits 31..0   free units (0 .. INT32_MAX; see CountOf for the one
+//                exception, which only a process with one thread makes)
+// Every change of the count (but the one-thread path below) is a
+// compare-and-swap on the whole word, so it validates the generation at the
+// same time: an acquire or release racing
 // with delete_sem either happens entirely before the deletion or fails with
 // B_BAD_SEM_ID. Uncontended acquire and release are one such CAS each, with
-// no system call.
+// no system call (with one thread, one unit: a plain subtraction or addition,
+// see "One thread" below).
 //
 // Waiting. A thread that must wait registers in the waiter field, then
 // sleeps on the slot's wake sequence (a futex word). A registered waiter pins
@@ -80,9 +83,25 @@ inline uint32 WaitersOf(uint64 word)
 	return static_cast<uint32>((word & kWaiterMask) >> kWaiterShift);
 }
 
+// The free units a word holds. The field is 0 .. INT32_MAX, except for the
+// length of one instruction in a process with one thread: an acquire or
+// release of one unit that a signal handler of the same thread got ahead of
+// undoes its subtraction or addition (see "One thread" below), and a handler
+// that runs in between sees 0xFFFFFFFF for 0 or 0x80000000 for INT32_MAX.
 inline int32 CountOf(uint64 word)
 {
-	return static_cast<int32>(word & kCountMask);
+	const uint32 field = static_cast<uint32>(word & kCountMask);
+	if (__builtin_expect(field <= static_cast<uint32>(INT32_MAX), 1))
+		return static_cast<int32>(field);
+	return field == 0xFFFFFFFFu ? 0 : INT32_MAX;
+}
+
+// word with count more free units; the count field is added to on its own,
+// so that the transient 0xFFFFFFFF (for 0) carries into no other field.
+inline uint64 WithMoreUnits(uint64 word, int32 count)
+{
+	const uint32 field = static_cast<uint32>(word & kCountMask) + static_cast<uint32>(count);
+	return (word & ~kCountMask) | field;
 }
 
 struct alignas(64) SemSlot
@@ -127,7 +146,7 @@ struct ForkGuardInstaller
 	ForkGuardInstaller() { pthread_atfork(&PrepareFork, &AfterFork, &AfterFork); }
 } sForkGuardInstaller;
 
-// The compare-and-swap of the uncontended acquire and release. While the
+// The compare-and-swap of the acquire and release fast paths. While the
 // process has a single thread (the C library's __libc_single_threaded: it is
 // cleared by the first pthread_create, in this thread, before the new thread
 // runs) nothing can race the exchange, so on x86-64 it is made without the
@@ -143,23 +162,108 @@ struct ForkGuardInstaller
 #endif
 #endif
 
+#if defined(__x86_64__) && !defined(ZVPLATFORM_THREAD_SANITIZER)
+#define ZVPLATFORM_UNLOCKED_EXCHANGE 1
+
+// True while the process has never had a second thread.
+inline bool SingleThreaded()
+{
+	return __libc_single_threaded != 0;
+}
+
+// cmpxchg without the lock prefix: one instruction, so a signal handler of
+// this thread sees it entirely done or not begun. On failure expected holds
+// the word as it was.
+inline bool ExchangeUnlocked(std::atomic<uint64>& word, uint64& expected, uint64 desired)
+{
+	bool exchanged;
+	asm volatile("cmpxchgq %3, %1"
+	             : "=@ccz"(exchanged), "+m"(word), "+a"(expected)
+	             : "r"(desired)
+	             : "memory");
+	return exchanged;
+}
+#endif
+
+// kAlone: the caller found the process single-threaded.
+template <bool kAlone>
 inline bool ExchangeWord(std::atomic<uint64>& word, uint64& expected, uint64 desired,
                          std::memory_order order)
 {
-#if defined(__x86_64__) && !defined(ZVPLATFORM_THREAD_SANITIZER)
-	if (__libc_single_threaded != 0) {
-		uint64 previous = expected;
-		asm volatile("cmpxchgq %2, %1"
-		             : "+a"(previous), "+m"(word)
-		             : "r"(desired)
-		             : "memory", "cc");
-		const bool exchanged = previous == expected;
-		expected = previous;
-		return exchanged;
-	}
+#if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
+	if (kAlone)
+		return ExchangeUnlocked(word, expected, desired);
 #endif
 	return word.compare_exchange_weak(expected, desired, order, std::memory_order_relaxed);
 }
+
+#if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
+// One thread. Even an exchange without the lock prefix costs several times
+// a plain read-modify-write on some processors (it is microcoded), so while
+// the process has one thread an acquire or release of one unit changes the
+// count field (the word's low half) with a single subl or addl, after two
+// plain reads: the high half (generation and waiters, which no acquire or
+// release changes) and the count. Only a signal handler of this thread can
+// run between those reads and the change; if it took the last unit or added
+// the last one there is room for, the change shows it by its carry or
+// overflow flag and is undone by the next instruction, and the general path
+// decides. The undone value is what a handler running in that one
+// instruction's gap may see; CountOf reads it as what it stands for.
+// (create_sem and delete_sem take a mutex and are not for signal handlers.)
+inline uint32 LoadCountHalf(const std::atomic<uint64>& word)
+{
+	uint32 half;
+	asm volatile("movl (%1), %0" : "=r"(half) : "r"(&word) : "memory");
+	return half;
+}
+
+inline uint32 LoadHighHalf(const std::atomic<uint64>& word)
+{
+	uint32 half;
+	asm volatile("movl 4(%1), %0" : "=r"(half) : "r"(&word) : "memory");
+	return half;
+}
+
+// The high half a live semaphore with this tag and no waiters has.
+inline uint32 IdleHighHalf(uint32 tag)
+{
+	return tag << (kTagShift - 32);
+}
+
+// Takes one unit without the bus lock; false (nothing changed) when the
+// general path must decide.
+inline bool TakeOneAlone(std::atomic<uint64>& word, uint32 tag)
+{
+	if (LoadHighHalf(word) != IdleHighHalf(tag))
+		return false;
+	const uint32 field = LoadCountHalf(word);
+	if (field - 1 >= static_cast<uint32>(INT32_MAX))
+		return false; // no unit free, or a handler's undo in progress
+	bool borrowed;
+	asm volatile("subl $1, %0" : "+m"(word), "=@ccc"(borrowed) : : "memory");
+	if (__builtin_expect(!borrowed, 1))
+		return true;
+	asm volatile("addl $1, %0" : "+m"(word) : : "memory");
+	return false;
+}
+
+// Gives back one unit without the bus lock; false (nothing changed) when
+// the general path must decide.
+inline bool GiveOneAlone(std::atomic<uint64>& word, uint32 tag)
+{
+	if (LoadHighHalf(word) != IdleHighHalf(tag))
+		return false;
+	const uint32 field = LoadCountHalf(word);
+	if (field >= static_cast<uint32>(INT32_MAX))
+		return false; // no room, or a handler's undo in progress
+	bool overflowed;
+	asm volatile("addl $1, %0" : "+m"(word), "=@cco"(overflowed) : : "memory");
+	if (__builtin_expect(!overflowed, 1))
+		return true;
+	asm volatile("subl $1, %0" : "+m"(word) : : "memory");
+	return false;
+}
+#endif
 
 // The slot index of an identifier (its low 16 bits).
 inline uint32 SlotIndexOf(sem_id id)
@@ -210,6 +314,7 @@ bool TeamExists(team_id team)
 }
 
 status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout);
+status_t WakeAfterRelease(SemSlot* slot, int32 count, uint64 word);
 
 } // namespace
 } // namespace zvplatform
@@ -286,6 +391,25 @@ status_t delete_sem(sem_id id)
 namespace zvplatform {
 namespace {
 
+// Fast path: take the units with one CAS when enough are free.
+template <bool kAlone>
+inline status_t AcquireFast(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtime_t timeout)
+{
+	const uint32 tag = LiveTagOf(id);
+	uint64 word = slot->word.load(std::memory_order_relaxed);
+	while (true) {
+		if (TagOf(word) != tag)
+			return B_BAD_SEM_ID;
+		if (CountOf(word) < count)
+			break;
+		if (ExchangeWord<kAlone>(slot->word, word, word - static_cast<uint32>(count),
+		                         std::memory_order_acquire)) {
+			return B_OK;
+		}
+	}
+	return AcquireSlow(slot, id, count, flags, timeout);
+}
+
 inline status_t AcquireUnits(sem_id id, int32 count, uint32 flags, bigtime_t timeout)
 {
 	SemSlot* slot = SlotFor(id);
@@ -293,21 +417,14 @@ inline status_t AcquireUnits(sem_id id, int32 count, uint32 flags, bigtime_t tim
 		return B_BAD_SEM_ID;
 	if (count <= 0)
 		return B_BAD_VALUE;
-	const uint32 tag = LiveTagOf(id);
-
-	// Fast path: take the units with one CAS when enough are free.
-	uint64 word = slot->word.load(std::memory_order_relaxed);
-	while (true) {
-		if (TagOf(word) != tag)
-			return B_BAD_SEM_ID;
-		if (CountOf(word) < count)
-			break;
-		if (ExchangeWord(slot->word, word, word - static_cast<uint32>(count),
-		                 std::memory_order_acquire)) {
+#if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
+	if (__builtin_expect(SingleThreaded(), 0)) {
+		if (count == 1 && TakeOneAlone(slot->word, LiveTagOf(id)))
 			return B_OK;
-		}
+		return AcquireFast<true>(slot, id, count, flags, timeout);
 	}
-	return AcquireSlow(slot, id, count, flags, timeout);
+#endif
+	return AcquireFast<false>(slot, id, count, flags, timeout);
 }
 
 } // namespace
@@ -441,6 +558,29 @@ status_t AcquireSlow(SemSlot* slot, sem_id id, int32 count, uint32 flags, bigtim
 namespace zvplatform {
 namespace {
 
+template <bool kAlone> inline status_t ReleaseFast(SemSlot* slot, sem_id id, int32 count)
+{
+	const uint32 tag = LiveTagOf(id);
+	uint64 word = slot->word.load(std::memory_order_relaxed);
+	while (true) {
+		if (TagOf(word) != tag)
+			return B_BAD_SEM_ID;
+		if (CountOf(word) > INT32_MAX - count)
+			return B_BAD_VALUE;
+		// seq_cst: the word this replaces says whether waiters registered
+		// before the units arrived (those must be woken); a waiter
+		// registering later sees the units in its own CAS.
+		// (Only a process with one thread can hold an undone count.)
+		const uint64 desired =
+		    kAlone ? WithMoreUnits(word, count) : word + static_cast<uint32>(count);
+		if (ExchangeWord<kAlone>(slot->word, word, desired, std::memory_order_seq_cst))
+			break;
+	}
+	if (WaitersOf(word) != 0)
+		return WakeAfterRelease(slot, count, word);
+	return B_OK;
+}
+
 inline status_t ReleaseUnits(sem_id id, int32 count, uint32 flags)
 {
 	// B_DO_NOT_RESCHEDULE: a release never yields the processor here; woken
@@ -451,46 +591,14 @@ inline status_t ReleaseUnits(sem_id id, int32 count, uint32 flags)
 		return B_BAD_SEM_ID;
 	if (count <= 0)
 		return B_BAD_VALUE;
-	const uint32 tag = LiveTagOf(id);
-
-	uint64 word = slot->word.load(std::memory_order_relaxed);
-	while (true) {
-		if (TagOf(word) != tag)
-			return B_BAD_SEM_ID;
-		if (CountOf(word) > INT32_MAX - count)
-			return B_BAD_VALUE;
-		// seq_cst: the word this replaces says whether waiters registered
-		// before the units arrived (those must be woken); a waiter
-		// registering later sees the units in its own CAS.
-		if (ExchangeWord(slot->word, word, word + static_cast<uint32>(count),
-		                 std::memory_order_seq_cst)) {
-			break;
-		}
+#if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
+	if (__builtin_expect(SingleThreaded(), 0)) {
+		if (count == 1 && GiveOneAlone(slot->word, LiveTagOf(id)))
+			return B_OK;
+		return ReleaseFast<true>(slot, id, count);
 	}
-	if (WaitersOf(word) != 0) {
-		// Waiters wanting one unit each: wake as many as units arrived, or
-		// all when that is at least the waiters registered. With a waiter
-		// wanting more, wake all, so that no waiter that the new units
-		// satisfy keeps sleeping behind one they do not.
-		const bool wakeAll = static_cast<uint32>(count) >= WaitersOf(word) ||
-		                     slot->bigWaiters.load(std::memory_order_seq_cst) != 0;
-		// seq_cst read, after the CAS on the word: see "Wake sequence". A
-		// clear bit means no waiter can sleep without first seeing the
-		// units. Waking all clears the bit (every sleeper wakes and sets it
-		// again before it looks at the word); waking fewer keeps it set for
-		// the sleepers left behind. Either way the value changes, so a
-		// waiter about to sleep on the old value does not sleep.
-		uint32 seq = slot->wakeSeq.load(std::memory_order_seq_cst);
-		while ((seq & 1) != 0) {
-			const uint32 next = wakeAll ? seq + 1 : seq + 2;
-			if (slot->wakeSeq.compare_exchange_weak(seq, next, std::memory_order_seq_cst,
-			                                        std::memory_order_seq_cst)) {
-				FutexWake(&slot->wakeSeq, wakeAll ? INT_MAX : count);
-				break;
-			}
-		}
-	}
-	return B_OK;
+#endif
+	return ReleaseFast<false>(slot, id, count);
 }
 
 } // namespace
@@ -505,6 +613,41 @@ status_t release_sem_etc(sem_id id, int32 count, uint32 flags)
 {
 	return ReleaseUnits(id, count, flags);
 }
+
+namespace zvplatform {
+namespace {
+
+// Wakes the waiters a release of count units owes: word is the state word
+// the release replaced, which had waiters. Returns B_OK, the release's
+// result.
+status_t WakeAfterRelease(SemSlot* slot, int32 count, uint64 word)
+{
+	// Waiters wanting one unit each: wake as many as units arrived, or all
+	// when that is at least the waiters registered. With a waiter wanting
+	// more, wake all, so that no waiter that the new units satisfy keeps
+	// sleeping behind one they do not.
+	const bool wakeAll = static_cast<uint32>(count) >= WaitersOf(word) ||
+	                     slot->bigWaiters.load(std::memory_order_seq_cst) != 0;
+	// seq_cst read, after the CAS on the word: see "Wake sequence". A clear
+	// bit means no waiter can sleep without first seeing the units. Waking
+	// all clears the bit (every sleeper wakes and sets it again before it
+	// looks at the word); waking fewer keeps it set for the sleepers left
+	// behind. Either way the value changes, so a waiter about to sleep on the
+	// old value does not sleep.
+	uint32 seq = slot->wakeSeq.load(std::memory_order_seq_cst);
+	while ((seq & 1) != 0) {
+		const uint32 next = wakeAll ? seq + 1 : seq + 2;
+		if (slot->wakeSeq.compare_exchange_weak(seq, next, std::memory_order_seq_cst,
+		                                        std::memory_order_seq_cst)) {
+			FutexWake(&slot->wakeSeq, wakeAll ? INT_MAX : count);
+			break;
+		}
+	}
+	return B_OK;
+}
+
+} // namespace
+} // namespace zvplatform
 
 status_t get_sem_count(sem_id id, int32* threadCount)
 {

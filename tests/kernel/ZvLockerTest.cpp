@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -349,4 +350,56 @@ TEST(ZvLocker, UncontendedAndRecursiveLockingMakeNoSystemCall)
 				    syscall(SYS_exit_group, 4);
 		    }
 	    }));
+}
+
+namespace {
+
+// Every answer of a locker's life in one thread, in order.
+std::vector<int32> LockerLifeSequence()
+{
+	std::vector<int32> results;
+	ZvLocker locker;
+	results.push_back(locker.Lock());
+	results.push_back(locker.Lock());
+	results.push_back(locker.LockWithTimeout(0));
+	results.push_back(locker.CountLock());
+	locker.Unlock();
+	locker.Unlock();
+	results.push_back(locker.IsLocked());
+	results.push_back(locker.CountLock());
+	locker.Unlock();
+	results.push_back(locker.IsLocked());
+	locker.Unlock(); // ignored: not locked
+	results.push_back(locker.CountLock());
+	results.push_back(locker.LockWithTimeout(0));
+	results.push_back(locker.LockWithTimeout(-1));
+	locker.Unlock();
+	locker.Unlock();
+	results.push_back(locker.IsLocked());
+	for (int i = 0; i < 3; i++) {
+		results.push_back(locker.Lock());
+		locker.Unlock();
+	}
+	locker.Kill();
+	results.push_back(locker.Lock());
+	results.push_back(locker.LockWithTimeout(0));
+	results.push_back(locker.LockWithTimeout(5));
+	results.push_back(locker.IsLocked());
+	return results;
+}
+
+} // namespace
+
+TEST(ZvLocker, ALockerInAProcessThatNeverStartedAThreadAnswersAsWithThreads)
+{
+	// Each test runs in a process of its own: until the thread below starts,
+	// the semaphore under the locker takes its one-thread path.
+	if (__libc_single_threaded == 0)
+		GTEST_SKIP() << "an earlier test of this process started a thread";
+	const std::vector<int32> alone = LockerLifeSequence();
+	std::thread([] {}).join();
+	const std::vector<int32> shared = LockerLifeSequence();
+	EXPECT_EQ(alone, shared);
+	const std::vector<int32> expected = {1, 1, 1, 3, 1, 1, 0, 0, 1, 1, 0, 1, 1, 1, 0, 0, 0, 0};
+	EXPECT_EQ(alone, expected);
 }

@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "ForeignTeam.h"
+#include "ForkedChild.h"
 #include "NoSystemCalls.h"
 #include "Polling.h"
 #include "TestSupport.h"
@@ -799,4 +800,202 @@ TEST(OSSemaphore, AReleaseInASignalHandlerIsNeverLostBetweenAcquireAndRelease)
 	EXPECT_GT(gHandlerReleases.load(), 0);
 	EXPECT_EQ(CountOf(gSignalledSem), 1 + gHandlerReleases.load());
 	delete_sem(gSignalledSem);
+}
+
+namespace {
+
+// One-unit calls at the edges of the count, on fresh semaphores; the results
+// in order.
+std::vector<status_t> OneUnitEdgeSequence()
+{
+	std::vector<status_t> results;
+	const sem_id empty = create_sem(0, "edges");
+	results.push_back(acquire_sem_etc(empty, 1, B_RELATIVE_TIMEOUT, 0));
+	results.push_back(release_sem(empty));
+	results.push_back(acquire_sem(empty));
+	results.push_back(acquire_sem_etc(empty, 1, B_RELATIVE_TIMEOUT, 0));
+	results.push_back(release_sem_etc(empty, INT32_MAX - 1, 0));
+	results.push_back(release_sem(empty));
+	results.push_back(CountOf(empty));
+	results.push_back(release_sem(empty));
+	results.push_back(CountOf(empty));
+	results.push_back(acquire_sem(empty));
+	results.push_back(release_sem(empty));
+	results.push_back(CountOf(empty));
+	results.push_back(delete_sem(empty));
+	results.push_back(acquire_sem(empty));
+	results.push_back(acquire_sem_etc(empty, 1, B_RELATIVE_TIMEOUT, 0));
+	results.push_back(release_sem(empty));
+	// Odd and even counts on the way down and up.
+	const sem_id three = create_sem(3, "three");
+	for (int i = 0; i < 4; i++)
+		results.push_back(acquire_sem_etc(three, 1, B_RELATIVE_TIMEOUT, 0));
+	for (int i = 0; i < 3; i++)
+		results.push_back(release_sem(three));
+	results.push_back(CountOf(three));
+	results.push_back(delete_sem(three));
+	return results;
+}
+
+} // namespace
+
+TEST(OSSemaphore, OneUnitCallsAnswerAloneAsWithThreadsAtTheEdgesOfTheCount)
+{
+	if (__libc_single_threaded == 0)
+		GTEST_SKIP() << "an earlier test of this process started a thread";
+	const std::vector<status_t> alone = OneUnitEdgeSequence();
+	std::thread([] {}).join();
+	const std::vector<status_t> shared = OneUnitEdgeSequence();
+	EXPECT_EQ(alone, shared);
+	const std::vector<status_t> expected = {
+	    B_TIMED_OUT,  B_OK,         B_OK, B_TIMED_OUT, B_OK,      B_OK,        INT32_MAX,
+	    B_BAD_VALUE,  INT32_MAX,    B_OK, B_OK,        INT32_MAX, B_OK,        B_BAD_SEM_ID,
+	    B_BAD_SEM_ID, B_BAD_SEM_ID, B_OK, B_OK,        B_OK,      B_TIMED_OUT, B_OK,
+	    B_OK,         B_OK,         3,    B_OK};
+	EXPECT_EQ(alone, expected);
+}
+
+namespace {
+
+// A signal handler that, on every signal, either takes a unit (holding
+// one afterwards) or gives back what it took; or, in giving mode, adds an
+// extra unit or takes it back. It checks that every count it reads is
+// within [gHandlerLow, gHandlerHigh].
+sem_id gTogglingSem = -1;
+bool gHandlerGives = false;
+volatile sig_atomic_t gHandlerOwes = 0; // units the handler holds (or added)
+std::atomic<int> gToggles{0};
+std::atomic<bool> gHandlerSawBadCount{false};
+int32 gHandlerLow = 0;
+int32 gHandlerHigh = 0;
+
+void ToggleFromHandler(int)
+{
+	int32 count = 0;
+	if (get_sem_count(gTogglingSem, &count) != B_OK || count < gHandlerLow ||
+	    count > gHandlerHigh) {
+		gHandlerSawBadCount.store(true, std::memory_order_relaxed);
+	}
+	const bool first = gHandlerOwes == 0;
+	const bool take = gHandlerGives ? !first : first;
+	const status_t result =
+	    take ? acquire_sem_etc(gTogglingSem, 1, B_RELATIVE_TIMEOUT, 0) : release_sem(gTogglingSem);
+	if (result == B_OK)
+		gHandlerOwes = first ? 1 : 0;
+	gToggles.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Runs the only thread's loop of one-unit calls while the handler toggles
+// every 50 µs; false when a call of the loop gave a result it cannot give.
+bool RunAgainstToggler(sem_id sem, bool handlerGives, int32 low, int32 high)
+{
+	gTogglingSem = sem;
+	gHandlerGives = handlerGives;
+	gHandlerOwes = 0;
+	gToggles = 0;
+	gHandlerSawBadCount = false;
+	gHandlerLow = low;
+	gHandlerHigh = high;
+	struct sigaction action = {};
+	action.sa_handler = &ToggleFromHandler;
+	sigemptyset(&action.sa_mask);
+	struct sigaction previous = {};
+	if (sigaction(SIGALRM, &action, &previous) != 0)
+		return false;
+	struct itimerval every = {{0, 50}, {0, 50}};
+	setitimer(ITIMER_REAL, &every, nullptr);
+	bool sound = true;
+	const bigtime_t end = system_time() + 2000000;
+	while (gToggles.load(std::memory_order_relaxed) < 2000 && system_time() < end && sound) {
+		for (int i = 0; i < 1000; i++) {
+			if (!handlerGives) {
+				// The handler may hold the only unit: then the poll times out.
+				// While the thread holds the unit the handler cannot hold it.
+				const status_t taken = acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0);
+				if (taken == B_OK)
+					sound = sound && gHandlerOwes == 0 && release_sem(sem) == B_OK;
+				else
+					sound = sound && taken == B_TIMED_OUT;
+			} else {
+				// The handler's extra unit may fill the count: then the
+				// release is refused.
+				// While the thread's unit fills the count the handler's
+				// cannot be there too.
+				const status_t given = release_sem(sem);
+				if (given == B_OK)
+					sound = sound && gHandlerOwes == 0 && acquire_sem(sem) == B_OK;
+				else
+					sound = sound && given == B_BAD_VALUE;
+			}
+		}
+	}
+	struct itimerval stop = {};
+	setitimer(ITIMER_REAL, &stop, nullptr);
+	sigaction(SIGALRM, &previous, nullptr);
+	return sound;
+}
+
+} // namespace
+
+TEST(OSSemaphore, AHandlerTakingTheLastUnitAmidTheOnlyThreadsCallsLeavesTheCountExact)
+{
+	// One unit, taken and given back by the only thread and, on every other
+	// signal, taken (held until the next signal) by its handler; a handler
+	// can take the unit between the thread's look at the count and its
+	// change of it.
+	if (__libc_single_threaded == 0)
+		GTEST_SKIP() << "an earlier test of this process started a thread";
+	const sem_id sem = create_sem(1, "toggled");
+	EXPECT_TRUE(RunAgainstToggler(sem, false, 0, 1));
+	EXPECT_GT(gToggles.load(), 0);
+	EXPECT_FALSE(gHandlerSawBadCount.load());
+	EXPECT_EQ(CountOf(sem), 1 - gHandlerOwes);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, AHandlerFillingTheCountAmidTheOnlyThreadsCallsLeavesTheCountExact)
+{
+	// One unit short of full, given and taken back by the only thread and,
+	// on every other signal, filled by its handler; a handler can fill the
+	// count between the thread's look at it and its release.
+	if (__libc_single_threaded == 0)
+		GTEST_SKIP() << "an earlier test of this process started a thread";
+	const sem_id sem = create_sem(INT32_MAX - 1, "filled");
+	EXPECT_TRUE(RunAgainstToggler(sem, true, INT32_MAX - 1, INT32_MAX));
+	EXPECT_GT(gToggles.load(), 0);
+	EXPECT_FALSE(gHandlerSawBadCount.load());
+	EXPECT_EQ(CountOf(sem), INT32_MAX - 1 + gHandlerOwes);
+	delete_sem(sem);
+}
+
+TEST(OSSemaphore, AForkedChildOfAThreadedProcessUsesSemaphoresAWaiterOfTheParentIsRegisteredOn)
+{
+	// The parent's waiter stays registered in the child's copy of the table,
+	// though the child has no such thread: one-unit calls there still answer
+	// as usual.
+	const sem_id sem = create_sem(0, "waited on");
+	std::thread waiter([sem] { acquire_sem(sem); });
+	ASSERT_TRUE(CountBecomes(sem, -1));
+	fflush(stdout);
+	const int result = zvtest::RunInChild([sem] {
+		int bad = 0;
+		if (release_sem(sem) != B_OK)
+			bad |= 1;
+		if (acquire_sem(sem) != B_OK)
+			bad |= 2;
+		if (acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0) != B_TIMED_OUT)
+			bad |= 4;
+		if (release_sem(sem) != B_OK || release_sem(sem) != B_OK)
+			bad |= 8;
+		if (acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0) != B_OK)
+			bad |= 16;
+		return bad;
+	});
+	EXPECT_EQ(result, 0);
+	// The parent's own semaphore is untouched by the child's calls.
+	EXPECT_EQ(CountOf(sem), -1);
+	release_sem(sem);
+	waiter.join();
+	EXPECT_EQ(CountOf(sem), 0);
+	delete_sem(sem);
 }
