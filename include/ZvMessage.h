@@ -27,7 +27,9 @@
 // Allocation: messages and items come from per-thread caches of small
 // blocks, so that a message built on one thread and deleted on another (a
 // posted message) costs no allocator lock. Values of up to
-// ZvMessageItem::kInlineDataSize bytes are kept inside the item itself.
+// ZvMessageItem::kInlineDataSize bytes are kept inside the item itself, in
+// the part of its name buffer that the name leaves unused (see
+// ZvMessageItem): an item is no larger than its four fields.
 //
 // Lookups by name: a message of many items (24 and more) keeps an index from
 // names to its items, made by the first lookup, so that finding the n-th
@@ -62,15 +64,25 @@
 namespace zvkit::internal {
 class ReplySlot;
 class NameIndex;
-}
+struct MessageParts;
+} // namespace zvkit::internal
 
 // One field of a ZvMessage: a name, a type code and an owned value block.
+//
+// A small value lives inside the item, in the second half of the name
+// buffer: name[32] to name[63] when the name has at most 31 characters, and
+// what a longer name leaves free past its terminator (from the next 8-byte
+// boundary) otherwise. data then points into name. Write a name only
+// through the item's own members (the constructors and SetData): a name
+// written into the buffer by hand, or a buffer filled up with zeros, can
+// overwrite the value.
 class ZV_EXPORT ZvMessageItem
 {
 public:
-	// Values of up to this many bytes live inside the item: data then points
-	// into the item itself. data is the item's own; never free it or hand
-	// it to another item.
+	// Values of up to this many bytes live inside the item when the name
+	// leaves room for them (always for names of up to 31 characters): data
+	// then points into the item itself. data is the item's own; never free
+	// it or hand it to another item.
 	static constexpr int32 kInlineDataSize = 32;
 
 	// type 0, size 0, no data, name "@@@Unnamed".
@@ -131,14 +143,19 @@ private:
 	// when swapped, in the other order (the value is then swapped as its
 	// type requires; 0 is returned for a nested message that cannot be).
 	int32 _SetRecord(const void* buffer, size_t available, bool swapped);
-	// Takes a copy of length bytes as the item's value.
-	void _AdoptBlock(const uint8* source, int32 length);
-	// A block for a value of length bytes: the inline buffer when it fits.
-	uint8* _NewBlock(int32 length);
-	// Frees data unless it is the inline buffer, and clears it.
+	// Takes the record's name (nameSize bytes with the terminator) and a
+	// copy of length bytes from source as the item's value.
+	void _AdoptRecord(const void* recordName, size_t nameSize, const uint8* source, int32 length);
+	// The value's place in the name buffer for a value of length bytes and
+	// a name of nameLength characters; null when it does not fit there.
+	uint8* _InsideSpot(int32 length, size_t nameLength);
+	// A block for a value of length bytes, given the name's length: the
+	// free part of the name buffer when the value fits there, else the heap.
+	uint8* _NewBlock(int32 length, size_t nameLength);
+	// Frees data unless it lies in the name buffer, and clears it.
 	void _FreeBlock();
-
-	uint8 fInlineData[kInlineDataSize];
+	// Whether data points into the name buffer.
+	bool _ValueInside() const;
 };
 
 // A command code (what), a flags word and an ordered list of named, typed
@@ -507,6 +524,10 @@ private:
 	// that needs it; null while the message is small or the index is out of
 	// step with the list.
 	zvkit::internal::NameIndex* _Index() const;
+	// The index as it stands (null when none was made), without making one.
+	zvkit::internal::NameIndex* _IndexMade() const;
+	// The record of rarely needed parts, made when there is none yet.
+	zvkit::internal::MessageParts* _Parts() const;
 	// _Index() for a message of many items, else null without a call.
 	zvkit::internal::NameIndex* _LargeIndex() const;
 	// Appends item to the list, or removes the list's item at index and
@@ -516,8 +537,6 @@ private:
 	void _DropIndex();
 
 	uint32 fFlags;
-	// The waiting sender's reply slot; null for a plain message.
-	zvkit::internal::ReplySlot* fReplySlot = nullptr;
 
 protected:
 	// A derived class that changes the list itself is noticed by the count
@@ -526,9 +545,11 @@ protected:
 	ZvList<ZvMessageItem*> items; // The fields, in order of addition; owned.
 
 private:
-	// Made by const lookups, so published to concurrent readers atomically;
-	// changed otherwise only by the message's sole user.
-	mutable std::atomic<zvkit::internal::NameIndex*> fIndex;
+	// A request's reply slot and the name index, which few messages need:
+	// null until one of them is made. Made by const lookups too, so
+	// published to concurrent readers atomically; changed otherwise only by
+	// the message's sole user.
+	mutable std::atomic<zvkit::internal::MessageParts*> fParts;
 };
 
 #endif // _ZV_MESSAGE_H

@@ -3,6 +3,7 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "MessageParts.h"
 #include "NameIndex.h"
 #include "base/internal/BlockCache.h"
 #include "base/internal/Checks.h"
@@ -10,6 +11,7 @@
 #include <string.h>
 
 using zvkit::internal::kNameIndexThreshold;
+using zvkit::internal::MessageParts;
 using zvkit::internal::NameIndex;
 
 namespace {
@@ -34,13 +36,13 @@ bool TypeMatches(const ZvMessageItem* item, type_code type)
 
 } // namespace
 
-ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep), fIndex(nullptr) {}
+ZvMessage::ZvMessage(uint32 what) : what(what), fFlags(0), items(kListStep), fParts(nullptr) {}
 
 ZvMessage::ZvMessage(int what) : ZvMessage(static_cast<uint32>(what)) {}
 
 ZvMessage::ZvMessage(const ZvMessage& other) : ZvMessage(&other) {}
 
-ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
+ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListStep), fParts(nullptr)
 {
 	// A null message gives an empty one with what 0.
 	if (other == nullptr)
@@ -49,22 +51,46 @@ ZvMessage::ZvMessage(const ZvMessage* other) : what(0), fFlags(0), items(kListSt
 	*this += *other;
 }
 
-ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
+ZvMessage::ZvMessage(const void* flat) : what(0), fFlags(0), items(kListStep), fParts(nullptr)
 {
 	Unflatten(flat);
 }
 
 ZvMessage::ZvMessage(const void* flat, size_t size)
-    : what(0), fFlags(0), items(kListStep), fIndex(nullptr)
+    : what(0), fFlags(0), items(kListStep), fParts(nullptr)
 {
 	Unflatten(flat, size);
 }
 
 ZvMessage::~ZvMessage()
 {
-	if (fReplySlot != nullptr)
+	MessageParts* parts = fParts.load(std::memory_order_relaxed);
+	if (parts != nullptr && parts->replySlot != nullptr)
 		_AbandonRequest();
 	MakeEmpty();
+	delete parts;
+}
+
+MessageParts* ZvMessage::_Parts() const
+{
+	MessageParts* parts = fParts.load(std::memory_order_acquire);
+	if (parts != nullptr)
+		return parts;
+	// Readers of a const message may get here together: the first record
+	// published wins and the others are thrown away.
+	MessageParts* fresh = new MessageParts;
+	if (fParts.compare_exchange_strong(parts, fresh, std::memory_order_acq_rel,
+	                                   std::memory_order_acquire)) {
+		return fresh;
+	}
+	delete fresh;
+	return parts;
+}
+
+inline NameIndex* ZvMessage::_IndexMade() const
+{
+	const MessageParts* parts = fParts.load(std::memory_order_acquire);
+	return parts != nullptr ? parts->index.load(std::memory_order_acquire) : nullptr;
 }
 
 // Kept out of line, with _DropIndex: the lookups and changes of small
@@ -72,15 +98,16 @@ ZvMessage::~ZvMessage()
 __attribute__((noinline)) NameIndex* ZvMessage::_Index() const
 {
 	const int32 count = items.CountItems();
-	NameIndex* index = fIndex.load(std::memory_order_acquire);
+	NameIndex* index = _IndexMade();
 	if (index == nullptr) {
 		if (count < kNameIndexThreshold)
 			return nullptr;
 		// Readers of a const message may get here together: the first index
 		// published wins and the others are thrown away.
+		MessageParts* parts = _Parts();
 		NameIndex* fresh = new NameIndex(items);
-		if (fIndex.compare_exchange_strong(index, fresh, std::memory_order_acq_rel,
-		                                   std::memory_order_acquire)) {
+		if (parts->index.compare_exchange_strong(index, fresh, std::memory_order_acq_rel,
+		                                         std::memory_order_acquire)) {
 			return fresh;
 		}
 		delete fresh;
@@ -94,9 +121,10 @@ __attribute__((noinline)) void ZvMessage::_DropIndex()
 {
 	// Only the message's sole user gets here: a plain load and store do, and
 	// cost nothing on the common path where there is no index.
-	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	MessageParts* parts = fParts.load(std::memory_order_relaxed);
+	NameIndex* index = parts != nullptr ? parts->index.load(std::memory_order_relaxed) : nullptr;
 	if (index != nullptr) {
-		fIndex.store(nullptr, std::memory_order_relaxed);
+		parts->index.store(nullptr, std::memory_order_relaxed);
 		delete index;
 	}
 }
@@ -110,7 +138,7 @@ inline NameIndex* ZvMessage::_LargeIndex() const
 		return nullptr;
 	// An index in step with the list is used without a call; making one,
 	// or finding it out of step, is left to _Index.
-	NameIndex* index = fIndex.load(std::memory_order_acquire);
+	NameIndex* index = _IndexMade();
 	if (index != nullptr && index->Count() == count)
 		return index;
 	return _Index();
@@ -119,7 +147,7 @@ inline NameIndex* ZvMessage::_LargeIndex() const
 // Used in this file only, so inline here.
 inline void ZvMessage::_AppendItem(ZvMessageItem* item)
 {
-	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	NameIndex* index = _IndexMade();
 	if (index != nullptr && index->Count() != items.CountItems()) {
 		_DropIndex();
 		index = nullptr;
@@ -131,7 +159,7 @@ inline void ZvMessage::_AppendItem(ZvMessageItem* item)
 
 inline void ZvMessage::_DeleteItemAt(int32 at)
 {
-	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	NameIndex* index = _IndexMade();
 	if (index != nullptr && index->Count() != items.CountItems()) {
 		_DropIndex();
 		index = nullptr;
@@ -209,7 +237,7 @@ void ZvMessage::SetFlags(uint32 flags)
 
 void ZvMessage::MakeEmpty()
 {
-	if (fIndex.load(std::memory_order_relaxed) != nullptr)
+	if (_IndexMade() != nullptr)
 		_DropIndex();
 	// The items of a message of very many items (more than the core's cache
 	// holds) are mostly out of the cache by the time it is emptied, and
@@ -579,7 +607,7 @@ bool ZvMessage::_AddData(const char* name, type_code type, int32 size, const voi
 		return false;
 	if (zvkit::internal::ChecksOn())
 		CheckFieldName(AddMemberOf(type), name);
-	NameIndex* index = fIndex.load(std::memory_order_relaxed);
+	NameIndex* index = _IndexMade();
 	if (index == nullptr) {
 		items.AddItem(new ZvMessageItem(name, type, size, data));
 		return true;

@@ -7,6 +7,7 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "ItemValue.h"
 #include "messaging/FlatWalk.h"
 
 #include <limits.h>
@@ -26,18 +27,6 @@ int32 ZvMessageItem::GetData(void* buffer) const
 	return static_cast<int32>(4 + nameSize + 4) + size;
 }
 
-void ZvMessageItem::_AdoptBlock(const uint8* source, int32 length)
-{
-	// A block of the same size is refilled; otherwise a new one is made (an
-	// empty one too, so that a record always leaves a block behind).
-	if (data == nullptr || size != length) {
-		_FreeBlock();
-		data = _NewBlock(length);
-	}
-	size = length;
-	memcpy(data, source, length);
-}
-
 int32 ZvMessageItem::SetData(const void* buffer)
 {
 	// The record is trusted: the name is read up to its terminator or 64
@@ -53,9 +42,8 @@ int32 ZvMessageItem::SetData(const void* buffer)
 	if (readSize < 0)
 		readSize = 0;
 
-	_AdoptBlock(in + 4 + nameSize + 4, readSize);
+	_AdoptRecord(readName, nameSize, in + 4 + nameSize + 4, readSize);
 	type = ReadWord(in);
-	memcpy(name, readName, sizeof(name));
 	return static_cast<int32>(4 + nameSize + 4) + readSize;
 }
 
@@ -102,9 +90,8 @@ int32 ZvMessageItem::_SetRecord(const void* buffer, size_t available, bool swapp
 				return 0;
 		}
 	}
-	_AdoptBlock(in + dataAt, readSize);
+	_AdoptRecord(in + 4, nameSize, in + dataAt, readSize);
 	type = readType;
-	memcpy(name, in + 4, nameSize);
 	if (swapped)
 		zvkit::internal::SwapFlatValue(type, data, size, true, nullptr);
 	return static_cast<int32>(dataAt) + readSize;
@@ -196,8 +183,7 @@ bool ZvMessage::_UnflattenBlock(const void* buffer, size_t size, bool bounded, b
 
 	// Items are refilled in place and renamed: the name index is made again
 	// when next needed (nothing below looks a name up).
-	if (fIndex.load(std::memory_order_relaxed) != nullptr)
-		_DropIndex();
+	_DropIndex();
 	// The items already in the message are refilled in place (and their data
 	// blocks kept when the size matches) instead of being deleted and made
 	// again; the result is the same as emptying the message first.

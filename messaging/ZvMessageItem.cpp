@@ -2,22 +2,28 @@
 #include <ZvMessage.h>
 
 #include "FlatFormat.h"
+#include "ItemValue.h"
 #include "base/internal/BlockCache.h"
 
+#include <stdint.h>
 #include <string.h>
 
 namespace {
 
 const char kUnnamed[] = "@@@Unnamed";
 
-// Copies name into the item's buffer, cut to 63 characters.
-void CopyName(char* buffer, const char* name)
+using zvkit::internal::kNameBufferSize;
+
+// Copies name into the item's buffer, cut to 63 characters; returns the
+// length kept.
+size_t CopyName(char* buffer, const char* name)
 {
 	if (name == nullptr)
 		name = kUnnamed;
-	size_t length = strnlen(name, zvkit::internal::kNameBufferSize - 1);
+	size_t length = strnlen(name, kNameBufferSize - 1);
 	memcpy(buffer, name, length);
 	buffer[length] = '\0';
+	return length;
 }
 
 } // namespace
@@ -30,9 +36,9 @@ ZvMessageItem::ZvMessageItem() : type(0), size(0), data(nullptr)
 ZvMessageItem::ZvMessageItem(const char* name, type_code type, int32 size, const void* data)
     : type(type), size(size), data(nullptr)
 {
-	CopyName(this->name, name);
+	const size_t nameLength = CopyName(this->name, name);
 	if (size >= 1) {
-		this->data = _NewBlock(size);
+		this->data = _NewBlock(size, nameLength);
 		if (data != nullptr)
 			memcpy(this->data, data, size);
 		else
@@ -43,10 +49,17 @@ ZvMessageItem::ZvMessageItem(const char* name, type_code type, int32 size, const
 ZvMessageItem::ZvMessageItem(const ZvMessageItem* other)
     : type(other->type), size(other->size), data(nullptr)
 {
+	// A value inside the other item comes along with its name buffer, and
+	// has the same place in this one (the name is the same).
 	memcpy(name, other->name, sizeof(name));
 	if (size >= 1 && other->data != nullptr) {
-		data = _NewBlock(size);
-		memcpy(data, other->data, size);
+		if (other->_ValueInside()) {
+			data = reinterpret_cast<uint8*>(name) +
+			       (other->data - reinterpret_cast<const uint8*>(other->name));
+		} else {
+			data = _NewBlock(size, strnlen(name, sizeof(name) - 1));
+			memcpy(data, other->data, size);
+		}
 	}
 }
 
@@ -55,20 +68,6 @@ ZvMessageItem::~ZvMessageItem()
 	// A block read from a flat record may be empty but allocated; free it
 	// whatever the size.
 	_FreeBlock();
-}
-
-uint8* ZvMessageItem::_NewBlock(int32 length)
-{
-	if (length <= kInlineDataSize)
-		return fInlineData;
-	return new uint8[length];
-}
-
-void ZvMessageItem::_FreeBlock()
-{
-	if (data != fInlineData)
-		delete[] data;
-	data = nullptr;
 }
 
 int32 ZvMessageItem::Size() const
@@ -80,10 +79,10 @@ void ZvMessageItem::ReplaceData(int32 size, const void* data)
 {
 	if (size > this->size) {
 		this->size = size;
-		// A value that still fits the inline buffer stays there: _NewBlock
-		// hands the buffer out again.
+		// A value that still fits inside the item stays where it was: its
+		// place depends on the name only, and _NewBlock hands it out again.
 		_FreeBlock();
-		this->data = _NewBlock(size);
+		this->data = _NewBlock(size, strnlen(name, sizeof(name) - 1));
 	}
 	if (this->size >= 1 && this->data != nullptr && data != nullptr)
 		memcpy(this->data, data, this->size);

@@ -3,30 +3,35 @@
 
 #include <ZvMessage.h>
 
+#include "messaging/MessageParts.h"
 #include "messaging/ReplySlot.h"
 
+using zvkit::internal::MessageParts;
 using zvkit::internal::ReplySlot;
 
 status_t ZvMessage::SendReply(const ZvMessage* reply)
 {
 	if (reply == nullptr)
 		return B_BAD_VALUE;
-	if (fReplySlot == nullptr)
+	MessageParts* parts = fParts.load(std::memory_order_relaxed);
+	if (parts == nullptr || parts->replySlot == nullptr)
 		return B_BAD_REPLY;
 	// The link stays until the message is deleted, so that a second answer
 	// is told it is one.
-	return fReplySlot->Answer(reply);
+	return parts->replySlot->Answer(reply);
 }
 
 bool ZvMessage::IsSourceWaiting() const
 {
-	return fReplySlot != nullptr && fReplySlot->IsSenderWaiting();
+	const MessageParts* parts = fParts.load(std::memory_order_relaxed);
+	return parts != nullptr && parts->replySlot != nullptr && parts->replySlot->IsSenderWaiting();
 }
 
 void ZvMessage::_AbandonRequest()
 {
-	ReplySlot* slot = fReplySlot;
-	fReplySlot = nullptr;
+	MessageParts* parts = fParts.load(std::memory_order_relaxed);
+	ReplySlot* slot = parts->replySlot;
+	parts->replySlot = nullptr;
 	// A request answered already, or whose sender gave up, is left as it is.
 	slot->Answer(nullptr);
 	slot->Release();
@@ -35,7 +40,7 @@ void ZvMessage::_AbandonRequest()
 ReplySlot* ZvMessage::_MakeRequest()
 {
 	ReplySlot* slot = new ReplySlot;
-	fReplySlot = slot;
+	_Parts()->replySlot = slot;
 	return slot;
 }
 

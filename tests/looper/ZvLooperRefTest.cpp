@@ -23,7 +23,9 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -873,6 +875,146 @@ TEST(ZvMessageReplyTest, AnAnswerRacingTheSendersTimeOutIsEitherDeliveredOrToldI
 	EXPECT_EQ(answeredInTime.load(), ok + 1);
 	EXPECT_EQ(answeredLate.load(), timedOut);
 	EXPECT_EQ(other.load(), 0);
+	looper->RemoveHandler(&handler);
+}
+
+// A request of many fields: looking its fields up by name makes the
+// message's name index, which lives beside the request's link.
+ZvMessage ManyFields(uint32 what, int32 count)
+{
+	ZvMessage message(what);
+	for (int32 i = 0; i < count; i++)
+		message.AddInt32(("f" + std::to_string(i)).c_str(), i * 3);
+	return message;
+}
+
+TEST(ZvMessageReplyTest, ARequestOfManyFieldsIsLookedUpByNameChangedAndAnswered)
+{
+	zvtest::Watchdog watchdog(30s, "request of many fields");
+	std::atomic<bool> waitingAfterLookups{false};
+	FunctionHandler handler([&](ZvMessage* message) {
+		int32 sum = 0;
+		for (int32 i = 0; i < 40; i++) {
+			int32 value = -1;
+			if (message->FindInt32(("f" + std::to_string(i)).c_str(), &value))
+				sum += value;
+		}
+		message->RemoveName("f0");
+		message->AddInt32("added", 7);
+		int32 added = 0;
+		message->FindInt32("added", &added);
+		waitingAfterLookups.store(message->IsSourceWaiting());
+		ZvMessage answer(kAnswer);
+		answer.AddInt32("sum", sum);
+		answer.AddInt32("added", added);
+		answer.AddBool("f0 gone", !message->HasInt32("f0"));
+		message->SendReply(&answer);
+	});
+	RunningLooper looper(&handler);
+	const ZvMessage request = ManyFields(kAsk, 40);
+	ZvMessage reply(0);
+	ASSERT_EQ(ZvLooperRef(looper.Get()).SendMessage(&request, &reply), B_OK);
+	ASSERT_EQ(reply.what, kAnswer);
+	int32 sum = 0, added = 0;
+	bool gone = false;
+	EXPECT_TRUE(reply.FindInt32("sum", &sum));
+	EXPECT_EQ(3 * (39 * 40 / 2), sum);
+	EXPECT_TRUE(reply.FindInt32("added", &added));
+	EXPECT_EQ(7, added);
+	EXPECT_TRUE(reply.FindBool("f0 gone", &gone));
+	EXPECT_TRUE(gone);
+	EXPECT_TRUE(waitingAfterLookups.load());
+	looper->RemoveHandler(&handler);
+}
+
+TEST(ZvMessageReplyTest, ARequestOfManyFieldsLookedUpAndLeftUnansweredAnswersNoReply)
+{
+	zvtest::Watchdog watchdog(30s, "unanswered request of many fields");
+	std::atomic<int32> found{-1};
+	FunctionHandler handler([&](ZvMessage* message) {
+		int32 value = -1;
+		message->FindInt32("f30", &value);
+		found.store(value);
+	});
+	RunningLooper looper(&handler);
+	const ZvMessage request = ManyFields(kAsk, 40);
+	ZvMessage reply(0);
+	ASSERT_EQ(ZvLooperRef(looper.Get()).SendMessage(&request, &reply), B_OK);
+	EXPECT_EQ(reply.what, ZV_NO_REPLY);
+	EXPECT_EQ(90, found.load());
+	looper->RemoveHandler(&handler);
+}
+
+TEST(ZvMessageReplyTest, EmptyingRefillingAndMergingARequestKeepItsLink)
+{
+	zvtest::Watchdog watchdog(30s, "request emptied and refilled");
+	std::atomic<int> waitingSteps{0};
+	std::atomic<status_t> answered{1};
+	FunctionHandler handler([&](ZvMessage* message) {
+		const ZvMessage other = ManyFields(5, 30);
+		std::vector<uint8> flat(static_cast<size_t>(other.FlattenedSize()));
+		other.Flatten(flat.data());
+		int32 value = 0;
+		message->FindInt32("f10", &value);
+		message->MakeEmpty();
+		waitingSteps += message->IsSourceWaiting() ? 1 : 0;
+		message->Unflatten(flat.data(), flat.size());
+		message->FindInt32("f20", &value);
+		waitingSteps += message->IsSourceWaiting() ? 1 : 0;
+		*message += other;
+		*message -= "f1";
+		message->Set(&other);
+		message->FindInt32("f29", &value);
+		waitingSteps += message->IsSourceWaiting() ? 1 : 0;
+		ZvMessage answer(kAnswer);
+		answer.AddInt32("value", value);
+		answered.store(message->SendReply(&answer));
+	});
+	RunningLooper looper(&handler);
+	const ZvMessage request = ManyFields(kAsk, 40);
+	ZvMessage reply(0);
+	ASSERT_EQ(ZvLooperRef(looper.Get()).SendMessage(&request, &reply), B_OK);
+	EXPECT_EQ(reply.what, kAnswer);
+	int32 value = 0;
+	EXPECT_TRUE(reply.FindInt32("value", &value));
+	EXPECT_EQ(87, value);
+	EXPECT_EQ(3, waitingSteps.load());
+	// The handler stores SendReply's result after the sender may have woken.
+	ASSERT_TRUE(zvtest::WaitUntil([&] { return answered.load() != 1; }));
+	EXPECT_EQ(B_OK, answered.load());
+	looper->RemoveHandler(&handler);
+}
+
+TEST(ZvMessageReplyTest, AMessageIndexedOnOneThreadIsLookedUpChangedAndDeletedOnTheLoopersThread)
+{
+	zvtest::Watchdog watchdog(30s, "indexed message handed over");
+	std::atomic<int32> foundOnTheLooper{0};
+	std::atomic<bool> changesSeen{false};
+	zvtest::Latch handled(1);
+	FunctionHandler handler([&](ZvMessage* message) {
+		int32 found = 0;
+		for (int32 i = 0; i < 60; i++) {
+			int32 value = -1;
+			if (message->FindInt32(("f" + std::to_string(i)).c_str(), &value) && value == i * 3)
+				found++;
+		}
+		foundOnTheLooper.store(found);
+		message->RemoveData("f59", 0);
+		message->AddInt32("f59", -1);
+		int32 value = 0;
+		changesSeen.store(message->FindInt32("f59", &value) && value == -1 &&
+		                  message->CountNames(ZV_INT32_TYPE) == 60);
+		handled.CountDown();
+	});
+	RunningLooper looper(&handler);
+	ZvMessage* owned = new ZvMessage(ManyFields(kAsk, 60));
+	int32 value = 0;
+	// Looked up here first: the index is made on this thread.
+	ASSERT_TRUE(owned->FindInt32("f59", &value));
+	ASSERT_EQ(B_OK, ZvLooperRef(looper.Get()).PostOwnedMessage(owned));
+	ASSERT_TRUE(handled.WaitFor(10s));
+	EXPECT_EQ(60, foundOnTheLooper.load());
+	EXPECT_TRUE(changesSeen.load());
 	looper->RemoveHandler(&handler);
 }
 

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -350,6 +351,172 @@ TEST(ZvMessageItemTest, ADeletedItemsBlockIsKeptByTheCacheAndReusedForTheNextIte
 	EXPECT_EQ(address, static_cast<void*>(second));
 	EXPECT_STREQ("b", second->name);
 	delete second;
+}
+
+// Where an item keeps a small value: in its name buffer, past the name.
+
+// Whether the item's value lies in its name buffer, after the name's
+// terminator.
+bool ValueIsPastTheName(const ZvMessageItem& item)
+{
+	const uintptr_t value = reinterpret_cast<uintptr_t>(item.data);
+	const uintptr_t nameEnd = reinterpret_cast<uintptr_t>(item.name) + strlen(item.name) + 1;
+	const uintptr_t bufferEnd = reinterpret_cast<uintptr_t>(item.name + sizeof(item.name));
+	return value >= nameEnd && value + static_cast<uintptr_t>(item.size) <= bufferEnd;
+}
+
+// A raw record of one item, as GetData writes it.
+std::vector<uint8> RecordOf(const char* name, int32 size, int seed)
+{
+	const std::vector<uint8> value = Pattern(size, seed);
+	ZvMessageItem source(name, 0x52415754, size, size > 0 ? value.data() : nullptr);
+	std::vector<uint8> record(static_cast<size_t>(source.Size()));
+	source.GetData(record.data());
+	return record;
+}
+
+TEST(ZvMessageItemTest, AnItemIsNoLargerThanItsFourFields)
+{
+	EXPECT_EQ(sizeof(type_code) + sizeof(int32) + sizeof(uint8*) + 64, sizeof(ZvMessageItem));
+}
+
+TEST(ZvMessageItemTest, UnderANameOfUpTo31CharactersAValueOfUpTo32BytesLiesInTheSecondHalfOfTheName)
+{
+	for (size_t length : {0, 1, 5, 23, 31}) {
+		for (int32 size : {1, 8, 17, 32}) {
+			const std::string name(length, 'n');
+			const std::vector<uint8> value = Pattern(size, size);
+			ZvMessageItem item(name.c_str(), 0x52415754, size, value.data());
+			EXPECT_EQ(reinterpret_cast<uint8*>(item.name) + 32, item.data) << length << "/" << size;
+			EXPECT_EQ(name, item.name);
+			EXPECT_TRUE(HoldsPattern(item.data, size, size)) << length << "/" << size;
+		}
+	}
+}
+
+TEST(ZvMessageItemTest, UnderALongerNameAValueLiesPastTheNameWhenItFitsAndOnTheHeapOtherwise)
+{
+	// offset: where the value starts in the name buffer; -1: on the heap.
+	struct Case
+	{
+		size_t nameLength;
+		int32 size;
+		int offset;
+	};
+	const Case cases[] = {{32, 24, 40}, {32, 25, -1}, {39, 24, 40}, {40, 16, 48},
+	                      {40, 17, -1}, {47, 16, 48}, {55, 8, 56},  {55, 9, -1},
+	                      {56, 1, -1},  {63, 1, -1},  {63, 32, -1}, {70, 4, -1}};
+	for (const Case& c : cases) {
+		const std::string name(c.nameLength, 'L');
+		const std::vector<uint8> value = Pattern(c.size, 3);
+		ZvMessageItem item(name.c_str(), 0x52415754, c.size, value.data());
+		EXPECT_EQ(name.substr(0, 63), item.name) << c.nameLength;
+		EXPECT_TRUE(HoldsPattern(item.data, c.size, 3)) << c.nameLength << "/" << c.size;
+		if (c.offset < 0) {
+			EXPECT_FALSE(ValueIsInsideTheItem(item)) << c.nameLength << "/" << c.size;
+		} else {
+			EXPECT_EQ(reinterpret_cast<uint8*>(item.name) + c.offset, item.data)
+			    << c.nameLength << "/" << c.size;
+		}
+	}
+}
+
+TEST(ZvMessageItemTest, NameAndValueNeverShareABytePastTheTerminatorWhateverTheirLengths)
+{
+	for (size_t length = 0; length <= 63; length++) {
+		for (int32 size = 1; size <= 40; size++) {
+			const std::string name(length, static_cast<char>('a' + length % 26));
+			const std::vector<uint8> value = Pattern(size, static_cast<int>(length));
+			ZvMessageItem item(name.c_str(), 0x52415754, size, value.data());
+			ASSERT_EQ(name, item.name) << length << "/" << size;
+			ASSERT_TRUE(HoldsPattern(item.data, size, static_cast<int>(length)));
+			if (size > ZvMessageItem::kInlineDataSize || length >= 56) {
+				EXPECT_FALSE(ValueIsInsideTheItem(item)) << length << "/" << size;
+			}
+			if (length <= 31 && size <= ZvMessageItem::kInlineDataSize) {
+				EXPECT_TRUE(ValueIsInsideTheItem(item)) << length << "/" << size;
+			}
+			if (ValueIsInsideTheItem(item)) {
+				EXPECT_TRUE(ValueIsPastTheName(item)) << length << "/" << size;
+			}
+
+			// A copy has its own value, in the same kind of place.
+			ZvMessageItem copy(&item);
+			EXPECT_EQ(name, copy.name);
+			EXPECT_NE(item.data, copy.data);
+			EXPECT_EQ(ValueIsInsideTheItem(item), ValueIsInsideTheItem(copy));
+			EXPECT_TRUE(HoldsPattern(copy.data, size, static_cast<int>(length)));
+
+			// Writing every byte of the value leaves both names alone.
+			memset(item.data, 0xFF, static_cast<size_t>(size));
+			memset(copy.data, 0xEE, static_cast<size_t>(size));
+			ASSERT_EQ(name, item.name) << length << "/" << size;
+			ASSERT_EQ(name, copy.name) << length << "/" << size;
+		}
+	}
+}
+
+TEST(ZvMessageItemTest, ReadingARecordUnderAnotherNameGivesTheValueThePlaceOfTheNewName)
+{
+	// One item reads records whose names and sizes change, as Unflatten
+	// refills the items of a message with other fields.
+	const std::string longName(60, 'L');
+	const std::string middleName(40, 'M');
+	const std::string longestName(63, 'z');
+	struct Step
+	{
+		const char* name;
+		int32 size;
+		bool inside;
+	};
+	const Step steps[] = {{"s", 32, true},
+	                      {longName.c_str(), 32, false},
+	                      {"s", 8, true},
+	                      {longName.c_str(), 8, false},
+	                      {middleName.c_str(), 16, true},
+	                      {"x", 40, false},
+	                      {"y", 40, false},
+	                      {longName.c_str(), 40, false},
+	                      {middleName.c_str(), 17, false},
+	                      {middleName.c_str(), 16, true},
+	                      {"s", 0, true},
+	                      {middleName.c_str(), 0, true},
+	                      {longestName.c_str(), 0, false}};
+	for (bool bounded : {false, true}) {
+		ZvMessageItem item("start", 0x52415754, 4, "abcd");
+		int seed = 0;
+		for (const Step& step : steps) {
+			seed++;
+			const std::string name = step.name;
+			const std::vector<uint8> record = RecordOf(name.c_str(), step.size, seed);
+			const int32 consumed =
+			    bounded ? item.SetData(record.data(), record.size()) : item.SetData(record.data());
+			ASSERT_EQ(static_cast<int32>(record.size()), consumed) << name << "/" << step.size;
+			EXPECT_EQ(name, item.name);
+			EXPECT_EQ(step.size, item.size);
+			ASSERT_NE(nullptr, item.data) << name << "/" << step.size;
+			EXPECT_EQ(step.inside, ValueIsInsideTheItem(item)) << name << "/" << step.size;
+			if (step.inside) {
+				EXPECT_TRUE(ValueIsPastTheName(item)) << name << "/" << step.size;
+			}
+			EXPECT_TRUE(HoldsPattern(item.data, step.size, seed)) << name << "/" << step.size;
+		}
+	}
+}
+
+TEST(ZvMessageItemTest, ReplaceDataUnderALongNameMovesTheValueOutOnceItNoLongerFits)
+{
+	const std::string name(40, 'r');
+	ZvMessageItem item(name.c_str(), 0x52415754, 8, Pattern(8, 1).data());
+	uint8* const place = reinterpret_cast<uint8*>(item.name) + 48;
+	ASSERT_EQ(place, item.data);
+	item.ReplaceData(16, Pattern(16, 2).data());
+	EXPECT_EQ(place, item.data);
+	EXPECT_TRUE(HoldsPattern(item.data, 16, 2));
+	item.ReplaceData(17, Pattern(17, 3).data());
+	EXPECT_FALSE(ValueIsInsideTheItem(item));
+	EXPECT_TRUE(HoldsPattern(item.data, 17, 3));
+	EXPECT_EQ(name, item.name);
 }
 
 // Construction, copy and assignment
@@ -902,6 +1069,98 @@ TEST(ZvMessageCoreTest, ACopiedMessagesInlineValuesAreIndependentOfTheOriginal)
 	EXPECT_STREQ("other", text);
 	EXPECT_EQ(std::string(reinterpret_cast<const char*>(large.data()), 33),
 	          RawValue(copy, "large"));
+}
+
+TEST(ZvMessageCoreTest, AMessageKeepsWhatFewMessagesNeedBehindOneWord)
+{
+	// The table of virtual functions, what, flags, the item list, and one
+	// pointer for a request's link and the name index together.
+	EXPECT_EQ(sizeof(void*) + 2 * sizeof(uint32) + sizeof(ZvList<ZvMessageItem*>) + sizeof(void*),
+	          sizeof(ZvMessage));
+}
+
+// A message whose fields have names of every length and values of sizes
+// around those kept inside an item.
+ZvMessage FieldsOfEveryNameLength()
+{
+	ZvMessage message(0x6E616D65);
+	for (size_t length = 1; length <= 70; length++) {
+		const std::string name(length, static_cast<char>('a' + length % 26));
+		const int32 size = static_cast<int32>(length % 41) + 1;
+		const std::vector<uint8> value = Pattern(size, static_cast<int>(length));
+		message.AddData(name.c_str(), 0x52415754, value.data(), size);
+		message.AddInt64(name.c_str(), static_cast<int64>(length) * 1000003);
+		message.AddString(name.c_str(), std::string(length % 30, 's').c_str());
+	}
+	return message;
+}
+
+// Whether message holds exactly the fields FieldsOfEveryNameLength adds.
+bool HoldsFieldsOfEveryNameLength(const ZvMessage& message)
+{
+	bool intact = true;
+	for (size_t length = 1; length <= 70; length++) {
+		// Names past 63 characters were kept cut.
+		const std::string name(std::min<size_t>(length, 63), static_cast<char>('a' + length % 26));
+		const int32 size = static_cast<int32>(length % 41) + 1;
+		const void* data = nullptr;
+		int32 found = 0;
+		int64 number = 0;
+		const char* text = nullptr;
+		intact = intact && message.FindData(name.c_str(), 0x52415754, &data, &found) &&
+		         found == size && HoldsPattern(data, size, static_cast<int>(length)) &&
+		         message.FindInt64(name.c_str(), &number) &&
+		         number == static_cast<int64>(length) * 1000003 &&
+		         message.FindString(name.c_str(), &text) &&
+		         std::string(text) == std::string(length % 30, 's');
+	}
+	return intact;
+}
+
+TEST(ZvMessageCoreTest, FieldsUnderNamesOfEveryLengthSurviveCopiesMergesAndTheFlatForm)
+{
+	const ZvMessage message = FieldsOfEveryNameLength();
+	ASSERT_TRUE(HoldsFieldsOfEveryNameLength(message));
+	const std::vector<uint8> flat = FlatBytes(message);
+
+	const ZvMessage copy(message);
+	const ZvMessage pointerCopy(&message);
+	ZvMessage assigned(1);
+	assigned.AddString("earlier", "field");
+	assigned = message;
+	ZvMessage appended(message.what);
+	appended += message;
+	const ZvMessage sum = ZvMessage(message.what) + message;
+	const ZvMessage difference = message - "no such name";
+	const ZvMessage* const results[] = {&copy,     &pointerCopy, &assigned,
+	                                    &appended, &sum,         &difference};
+	for (const ZvMessage* result : results) {
+		EXPECT_TRUE(HoldsFieldsOfEveryNameLength(*result));
+		EXPECT_EQ(flat, FlatBytes(*result));
+	}
+
+	// Read into a message whose items had other names and sizes: every item
+	// is refilled under a new name.
+	for (int form = 0; form < 3; form++) {
+		ZvMessage refilled(0);
+		for (int i = 0; i < 300; i++) {
+			const std::string name(static_cast<size_t>(63 - i % 63), 'q');
+			refilled.AddData(name.c_str(), 0x52415754, Pattern(i % 50 + 1, i).data(), i % 50 + 1);
+		}
+		if (form == 0) {
+			ASSERT_TRUE(refilled.Unflatten(flat.data()));
+		} else if (form == 1) {
+			ASSERT_TRUE(refilled.Unflatten(flat.data(), flat.size()));
+		} else {
+			const zv_byte_order other =
+			    ZV_HostByteOrder() == ZV_LITTLE_ENDIAN ? ZV_BIG_ENDIAN : ZV_LITTLE_ENDIAN;
+			std::vector<uint8> swapped(flat.size());
+			ASSERT_EQ(B_OK, message.Flatten(swapped.data(), other));
+			ASSERT_EQ(B_OK, refilled.Unflatten(swapped.data(), swapped.size(), other));
+		}
+		EXPECT_TRUE(HoldsFieldsOfEveryNameLength(refilled)) << form;
+		EXPECT_EQ(flat, FlatBytes(refilled)) << form;
+	}
 }
 
 TEST(ZvMessageCoreTest, NothrowNewGivesAUsableMessage)
