@@ -179,14 +179,15 @@ void ZvMessage::_PrefetchList() const
 
 void ZvMessage::_PrefetchItems() const
 {
-	// What a lookup reads of an item: its first line (type, name) and its
-	// inline value. Small messages are the common case of posted ones; the
+	// What a lookup reads of an item: its first line (type, name) and the
+	// end of its name buffer, where a small value lives (an item may span
+	// two lines). Small messages are the common case of posted ones; the
 	// lines of a large message's later items come as its handler gets to them.
 	const int32 count = MIN(items.CountItems(), kPrefetchedItems);
 	for (int32 i = 0; i < count; i++) {
 		const ZvMessageItem* item = items.items[i];
 		__builtin_prefetch(item);
-		__builtin_prefetch(item->fInlineData);
+		__builtin_prefetch(reinterpret_cast<const char*>(item) + sizeof(ZvMessageItem) - 1);
 	}
 }
 
