@@ -54,6 +54,7 @@
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <type_traits>
 
 #include <pthread.h>
 #include <sys/single_threaded.h>
@@ -410,7 +411,11 @@ inline status_t AcquireFast(SemSlot* slot, sem_id id, int32 count, uint32 flags,
 	return AcquireSlow(slot, id, count, flags, timeout);
 }
 
-inline status_t AcquireUnits(sem_id id, int32 count, uint32 flags, bigtime_t timeout)
+// The common start of an acquire (kTake) or a release of count units: the
+// slot of id, the argument checks, then the one-unit path of a process with
+// one thread, and otherwise fast(slot, alone), alone a std::bool_constant
+// saying whether the process has one thread.
+template <bool kTake, typename Fast> inline status_t OnUnits(sem_id id, int32 count, Fast fast)
 {
 	SemSlot* slot = SlotFor(id);
 	if (slot == nullptr)
@@ -419,12 +424,20 @@ inline status_t AcquireUnits(sem_id id, int32 count, uint32 flags, bigtime_t tim
 		return B_BAD_VALUE;
 #if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
 	if (__builtin_expect(SingleThreaded(), 0)) {
-		if (count == 1 && TakeOneAlone(slot->word, LiveTagOf(id)))
+		if (count == 1 && (kTake ? TakeOneAlone(slot->word, LiveTagOf(id))
+		                         : GiveOneAlone(slot->word, LiveTagOf(id))))
 			return B_OK;
-		return AcquireFast<true>(slot, id, count, flags, timeout);
+		return fast(slot, std::true_type());
 	}
 #endif
-	return AcquireFast<false>(slot, id, count, flags, timeout);
+	return fast(slot, std::false_type());
+}
+
+inline status_t AcquireUnits(sem_id id, int32 count, uint32 flags, bigtime_t timeout)
+{
+	return OnUnits<true>(id, count, [&](SemSlot* slot, auto alone) {
+		return AcquireFast<decltype(alone)::value>(slot, id, count, flags, timeout);
+	});
 }
 
 } // namespace
@@ -586,19 +599,9 @@ inline status_t ReleaseUnits(sem_id id, int32 count, uint32 flags)
 	// B_DO_NOT_RESCHEDULE: a release never yields the processor here; woken
 	// threads run when the host schedules them, so the flag needs no work.
 	(void)flags;
-	SemSlot* slot = SlotFor(id);
-	if (slot == nullptr)
-		return B_BAD_SEM_ID;
-	if (count <= 0)
-		return B_BAD_VALUE;
-#if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
-	if (__builtin_expect(SingleThreaded(), 0)) {
-		if (count == 1 && GiveOneAlone(slot->word, LiveTagOf(id)))
-			return B_OK;
-		return ReleaseFast<true>(slot, id, count);
-	}
-#endif
-	return ReleaseFast<false>(slot, id, count);
+	return OnUnits<false>(id, count, [&](SemSlot* slot, auto alone) {
+		return ReleaseFast<decltype(alone)::value>(slot, id, count);
+	});
 }
 
 } // namespace
