@@ -11,12 +11,12 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "NoSystemCalls.h"
+#include "OneThread.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -394,11 +394,9 @@ TEST(ZvLocker, ALockerInAProcessThatNeverStartedAThreadAnswersAsWithThreads)
 {
 	// Each test runs in a process of its own: until the thread below starts,
 	// the semaphore under the locker takes its one-thread path.
-	if (__libc_single_threaded == 0)
-		GTEST_SKIP() << "an earlier test of this process started a thread";
-	const std::vector<int32> alone = LockerLifeSequence();
-	std::thread([] {}).join();
-	const std::vector<int32> shared = LockerLifeSequence();
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
+	const auto [alone, shared] = zvtest::BeforeAndAfterAThread(&LockerLifeSequence);
 	EXPECT_EQ(alone, shared);
 	const std::vector<int32> expected = {1, 1, 1, 3, 1, 1, 0, 0, 1, 1, 0, 1, 1, 1, 0, 0, 0, 0};
 	EXPECT_EQ(alone, expected);

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -21,6 +20,7 @@
 #include "ForeignTeam.h"
 #include "ForkedChild.h"
 #include "NoSystemCalls.h"
+#include "OneThread.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -758,11 +758,9 @@ TEST(OSSemaphore, AProcessWithOneThreadCountsAsOneWithMany)
 	// Each test runs in a process of its own: until the thread below starts,
 	// this one is the only thread, and the calls take the single-threaded
 	// path.
-	if (__libc_single_threaded == 0)
-		GTEST_SKIP() << "an earlier test of this process started a thread";
-	const std::vector<status_t> alone = CountingSequence();
-	std::thread([] {}).join();
-	const std::vector<status_t> shared = CountingSequence();
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
+	const auto [alone, shared] = zvtest::BeforeAndAfterAThread(&CountingSequence);
 	EXPECT_EQ(alone, shared);
 	const std::vector<status_t> expected = {B_OK,      B_OK, B_TIMED_OUT,  B_OK,
 	                                        3,         B_OK, B_OK,         B_BAD_VALUE,
@@ -776,8 +774,8 @@ TEST(OSSemaphore, AReleaseInASignalHandlerIsNeverLostBetweenAcquireAndRelease)
 	// acquires and releases in a loop: every unit the handler added is still
 	// there at the end. (With one thread the semaphore's exchanges are made
 	// without the bus lock; they must still be single instructions.)
-	if (__libc_single_threaded == 0)
-		GTEST_SKIP() << "an earlier test of this process started a thread";
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
 	gSignalledSem = create_sem(1, "signalled");
 	gHandlerReleases = 0;
 	struct sigaction action = {};
@@ -841,11 +839,9 @@ std::vector<status_t> OneUnitEdgeSequence()
 
 TEST(OSSemaphore, OneUnitCallsAnswerAloneAsWithThreadsAtTheEdgesOfTheCount)
 {
-	if (__libc_single_threaded == 0)
-		GTEST_SKIP() << "an earlier test of this process started a thread";
-	const std::vector<status_t> alone = OneUnitEdgeSequence();
-	std::thread([] {}).join();
-	const std::vector<status_t> shared = OneUnitEdgeSequence();
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
+	const auto [alone, shared] = zvtest::BeforeAndAfterAThread(&OneUnitEdgeSequence);
 	EXPECT_EQ(alone, shared);
 	const std::vector<status_t> expected = {
 	    B_TIMED_OUT,  B_OK,         B_OK, B_TIMED_OUT, B_OK,      B_OK,        INT32_MAX,
@@ -943,8 +939,8 @@ TEST(OSSemaphore, AHandlerTakingTheLastUnitAmidTheOnlyThreadsCallsLeavesTheCount
 	// signal, taken (held until the next signal) by its handler; a handler
 	// can take the unit between the thread's look at the count and its
 	// change of it.
-	if (__libc_single_threaded == 0)
-		GTEST_SKIP() << "an earlier test of this process started a thread";
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
 	const sem_id sem = create_sem(1, "toggled");
 	EXPECT_TRUE(RunAgainstToggler(sem, false, 0, 1));
 	EXPECT_GT(gToggles.load(), 0);
@@ -958,8 +954,8 @@ TEST(OSSemaphore, AHandlerFillingTheCountAmidTheOnlyThreadsCallsLeavesTheCountEx
 	// One unit short of full, given and taken back by the only thread and,
 	// on every other signal, filled by its handler; a handler can fill the
 	// count between the thread's look at it and its release.
-	if (__libc_single_threaded == 0)
-		GTEST_SKIP() << "an earlier test of this process started a thread";
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
 	const sem_id sem = create_sem(INT32_MAX - 1, "filled");
 	EXPECT_TRUE(RunAgainstToggler(sem, true, INT32_MAX - 1, INT32_MAX));
 	EXPECT_GT(gToggles.load(), 0);
