@@ -430,7 +430,8 @@ void ZvMessageQueue::_PrefetchTaken(int32 position, int32 step) const
 	const ZvMessage* message = fTaken[position];
 	switch (step) {
 	case kPrefetchObject:
-		// Lookups read the start, deletion the end (a message is 80 bytes).
+		// Lookups read the start, deletion the end (a message may span two
+		// lines).
 		__builtin_prefetch(message);
 		__builtin_prefetch(reinterpret_cast<const char*>(message) + sizeof(ZvMessage) - 1);
 		break;
