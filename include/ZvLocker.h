@@ -53,6 +53,10 @@ private:
 	// LockWithTimeout does; with expiryLocks (Lock's rule) a time-out that
 	// expired takes the lock as well.
 	int32 AcquireLock(int32 timeout, bool expiryLocks);
+	// AcquireLock's way through the platform's calls, when the inline take
+	// could not be made; me is the caller's identifier, or 0 when it has not
+	// been looked up yet.
+	int32 AcquireThroughCalls(uint32 me, int32 timeout, bool expiryLocks);
 
 	// fLocked and fOwner are read by other threads before they wait on the
 	// semaphore (the recursion test), and fCount by CountLock; they are

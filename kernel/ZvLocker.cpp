@@ -10,8 +10,10 @@
 using zvkit::internal::AcquireSemaphore;
 using zvkit::internal::AcquireShortHold;
 using zvkit::internal::CurrentThread;
+using zvkit::internal::GiveOneUnitInline;
 using zvkit::internal::kNoSemaphore;
 using zvkit::internal::ReleaseSemaphore;
+using zvkit::internal::TakeOneUnitInline;
 using zvkit::internal::WaitCode;
 using zvkit::internal::WaitResult;
 
@@ -33,6 +35,32 @@ ZvLocker::~ZvLocker()
 	Kill();
 }
 
+// The uncontended lock and unlock of a thread that has looked its identifier
+// up before are made inline: the semaphore's unit is taken and given back
+// over the platform's table (TakeOneUnitInline, GiveOneUnitInline). Anything
+// else (a first call of a thread, a taken or deleted semaphore, waiters) goes
+// out of line, by a tail call, so that the inline path keeps nothing alive
+// across a call and saves no registers.
+
+// The body of both lock calls: a recursive lock by the owner, the inline
+// take, or AcquireThroughCalls.
+__attribute__((always_inline)) inline int32 ZvLocker::AcquireLock(int32 timeout, bool expiryLocks)
+{
+	// fLocked is true only after fOwner holds a real identifier, so an
+	// identifier not looked up yet (0) is never taken for the owner's.
+	const uint32 me = zvkit::internal::CachedCurrentThread();
+	if (fLocked.load(std::memory_order_acquire) && fOwner.load(std::memory_order_relaxed) == me) {
+		fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+		return 1;
+	}
+	if (me == 0 || !TakeOneUnitInline(fSem.load(std::memory_order_relaxed)))
+		return AcquireThroughCalls(me, timeout, expiryLocks);
+	fOwner.store(me, std::memory_order_relaxed);
+	fCount.store(1, std::memory_order_relaxed);
+	fLocked.store(true, std::memory_order_release);
+	return 1;
+}
+
 bool ZvLocker::Lock()
 {
 	// A result of 2 (the 24.8-day time-out expired) is taken as success.
@@ -47,21 +75,26 @@ int32 ZvLocker::LockWithTimeout(int32 timeout)
 namespace {
 
 // The wait of a lock that a poll found taken (or gone). An untimed lock polls
-// briefly before it sleeps: holders keep the lock for short stretches. Out of
-// line, so that the uncontended path of the lock calls keeps few registers.
-__attribute__((noinline)) WaitResult WaitForSemaphore(uint32 sem, int32 timeout)
+// briefly before it sleeps: holders keep the lock for short stretches.
+WaitResult WaitForSemaphore(uint32 sem, int32 timeout)
 {
 	return timeout < 0 ? AcquireShortHold(sem) : AcquireSemaphore(sem, timeout);
 }
 
 } // namespace
 
-int32 ZvLocker::AcquireLock(int32 timeout, bool expiryLocks)
+__attribute__((noinline)) int32 ZvLocker::AcquireThroughCalls(uint32 me, int32 timeout,
+                                                              bool expiryLocks)
 {
-	const uint32 me = CurrentThread();
-	if (fLocked.load(std::memory_order_acquire) && fOwner.load(std::memory_order_relaxed) == me) {
-		fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-		return 1;
+	if (me == 0) {
+		// The thread's first call: look its identifier up, then test the
+		// recursion again (a forked child's thread gets a new identifier).
+		me = CurrentThread();
+		if (fLocked.load(std::memory_order_acquire) &&
+		    fOwner.load(std::memory_order_relaxed) == me) {
+			fCount.store(fCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+			return 1;
+		}
 	}
 	// A free semaphore is taken by a poll whatever the time-out; only a
 	// taken (or deleted) one goes on to the wait, which answers as the
@@ -93,12 +126,22 @@ __attribute__((noinline, cold)) void ReportForeignUnlock(uint32 me, bool locked)
 	    static_cast<unsigned>(me), locked ? "another thread holds it" : "it is not locked");
 }
 
+// Unlock by a thread that has not looked its identifier up yet: looks it
+// up, then unlocks. Out of line, so that Unlock itself needs no stack frame.
+__attribute__((noinline, cold)) void LookUpThenUnlock(ZvLocker* locker)
+{
+	CurrentThread();
+	locker->Unlock();
+}
+
 } // namespace
 
 void ZvLocker::Unlock()
 {
+	const uint32 me = zvkit::internal::CachedCurrentThread();
+	if (__builtin_expect(me == 0, 0))
+		return LookUpThenUnlock(this);
 	// Only the owner may unlock; anyone else is ignored without a word.
-	const uint32 me = CurrentThread();
 	if (!fLocked.load(std::memory_order_acquire) || fOwner.load(std::memory_order_relaxed) != me) {
 		ReportForeignUnlock(me, fLocked.load(std::memory_order_relaxed));
 		return;
@@ -107,7 +150,9 @@ void ZvLocker::Unlock()
 	fCount.store(depth, std::memory_order_relaxed);
 	if (depth <= 0) {
 		fLocked.store(false, std::memory_order_release);
-		ReleaseSemaphore(fSem.load(std::memory_order_relaxed));
+		const uint32 sem = fSem.load(std::memory_order_relaxed);
+		if (!GiveOneUnitInline(sem))
+			ReleaseSemaphore(sem);
 	}
 }
 

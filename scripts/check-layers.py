@@ -12,8 +12,10 @@ above it:
     text, numeric, graphics: leaves over kernel and base
 
 A subsystem's own private headers (the .h files in its folder) are for that
-subsystem alone; base/internal/ is the one private folder every library layer
-may use. The check reads the #include lines of the library's sources and
+subsystem alone; base/internal/ is the private folder every library layer
+may use, and platform/kernel/internal/ holds the platform kernel kit's
+private headers that every layer above it may use as well (they are not
+installed). The check reads the #include lines of the library's sources and
 public headers, the target_link_libraries lines of each subsystem's
 CMakeLists.txt, and whether every source file of a subsystem (and every
 test source) is in its explicit source list. The includes of tests,
@@ -74,8 +76,8 @@ PLATFORM_HEADERS = {
     "platform-interface": ["GraphicsDefs.h", "Rect.h", "Screen.h"],
 }
 
-# The one private folder shared by every library layer.
-SHARED_PRIVATE = "base/internal"
+# The private folders shared by every library layer above them.
+SHARED_PRIVATE = ("base/internal", "platform/kernel/internal")
 
 SOURCE_SUFFIXES = (".cpp", ".h")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
@@ -168,7 +170,7 @@ class Tree:
         """For a private header, the folder whose code alone may include it."""
         if rel.startswith("include/") or rel.startswith("platform/include/"):
             return None
-        if rel.startswith(SHARED_PRIVATE + "/"):
+        if any(rel.startswith(folder + "/") for folder in SHARED_PRIVATE):
             return None
         folder = os.path.dirname(rel)
         for layer_folder, _ in LAYERS.values():
@@ -278,6 +280,10 @@ def self_test(root):
         ("text/ZvUTF8.cpp", "#include <ZvDataRegistry.h>\n", "text includes include/ZvDataRegistry.h"),
         ("messaging/ZvList.cpp", "#include <Looper.h>\n", "platform/include/Looper.h"),
         ("looper/ZvHandler.cpp", '#include "messaging/FlatFormat.h"\n', "a private header of messaging/"),
+        ("kernel/ZvLocker.cpp", '#include "platform/kernel/KernelPrivate.h"\n',
+         "a private header of platform/kernel/"),
+        ("platform/kernel/Semaphores.cpp", '#include "base/internal/Spin.h"\n',
+         "platform-kernel includes base/internal/Spin.h"),
         ("kernel/CMakeLists.txt", "target_link_libraries(zvkit_kernel PUBLIC zvkit_looper)\n",
          "links zvkit_looper"),
         ("numeric/Unlisted.cpp", "int unlisted;\n", "not in the source list"),

@@ -24,6 +24,13 @@ extern __thread uint32 tCurrentThread __attribute__((tls_model("initial-exec")))
 // readers' fast path stays small.
 uint32 LookUpCurrentThread();
 
+// The cached identifier, or 0 while this thread has not looked it up yet:
+// for callers that take the look-up out of line themselves.
+inline uint32 CachedCurrentThread()
+{
+	return tCurrentThread;
+}
+
 inline uint32 CurrentThread()
 {
 	const uint32 id = tCurrentThread;

@@ -15,6 +15,7 @@
 #include <SupportDefs.h>
 
 #include "Spin.h"
+#include "platform/kernel/internal/SemaphoreSlots.h"
 
 namespace zvkit::internal {
 
@@ -81,6 +82,30 @@ inline WaitResult AcquireShortHold(uint32 sem)
 inline bool ReleaseSemaphore(uint32 sem)
 {
 	return release_sem(static_cast<sem_id>(sem)) == B_OK;
+}
+
+// The one-unit acquire and release that need no wait and no wake-up, made
+// inline over the platform's semaphore table (no call into the platform).
+// True when done; false, with nothing changed, when the caller must make
+// the call (AcquireSemaphore, ReleaseSemaphore), which then answers.
+inline bool TakeOneUnitInline(uint32 sem)
+{
+#if defined(ZVPLATFORM_INLINE_UNITS)
+	return zvplatform::TakeOneInline(static_cast<sem_id>(sem));
+#else
+	(void)sem;
+	return false;
+#endif
+}
+
+inline bool GiveOneUnitInline(uint32 sem)
+{
+#if defined(ZVPLATFORM_INLINE_UNITS)
+	return zvplatform::GiveOneInline(static_cast<sem_id>(sem));
+#else
+	(void)sem;
+	return false;
+#endif
 }
 
 } // namespace zvkit::internal

@@ -14,13 +14,14 @@
 //   bits 47..32  number of threads registered as waiters
 //   bits 31..0   free units (0 .. INT32_MAX; see CountOf for the one
 //                exception, which only a process with one thread makes)
-// Every change of the count (but the one-thread path below) is a
+// Every change of the count (but the one-thread path) is a
 // compare-and-swap on the whole word, so it validates the generation at the
 // same time: an acquire or release racing
 // with delete_sem either happens entirely before the deletion or fails with
 // B_BAD_SEM_ID. Uncontended acquire and release are one such CAS each, with
 // no system call (with one thread, one unit: a plain subtraction or addition,
-// see "One thread" below).
+// see "One thread" in internal/SemaphoreSlots.h, which also holds the slot
+// layout and the one-unit paths libzvkit's locks take inline).
 //
 // Waiting. A thread that must wait registers in the waiter field, then
 // sleeps on the slot's wake sequence (a futex word). A registered waiter pins
@@ -47,6 +48,7 @@
 // passing on a wake-up advance the sequence by 2 (keeping the bit as it is)
 // and wake all.
 #include "KernelPrivate.h"
+#include "internal/SemaphoreSlots.h"
 
 #include <OS.h>
 
@@ -57,22 +59,15 @@
 #include <type_traits>
 
 #include <pthread.h>
-#include <sys/single_threaded.h>
 
 namespace zvplatform {
+
+SemSlot gSemSlots[kSlotCount];
+
 namespace {
 
-constexpr uint32 kSlotCount = 65536; // the index fills 16 bits
 constexpr uint32 kGrowStep = 256;
 constexpr uint32 kMinFree = 1024;
-
-constexpr uint64 kCountMask = 0xFFFFFFFFull;
-constexpr int kWaiterShift = 32;
-constexpr uint64 kOneWaiter = 1ull << kWaiterShift;
-constexpr uint64 kWaiterMask = 0xFFFFull << kWaiterShift;
-constexpr int kTagShift = 48;
-constexpr uint32 kDeadBit = 0x8000;
-constexpr uint32 kGenerationMask = 0x7FFF;
 
 inline uint32 TagOf(uint64 word)
 {
@@ -87,7 +82,8 @@ inline uint32 WaitersOf(uint64 word)
 // The free units a word holds. The field is 0 .. INT32_MAX, except for the
 // length of one instruction in a process with one thread: an acquire or
 // release of one unit that a signal handler of the same thread got ahead of
-// undoes its subtraction or addition (see "One thread" below), and a handler
+// undoes its subtraction or addition (see "One thread" in
+// internal/SemaphoreSlots.h), and a handler
 // that runs in between sees 0xFFFFFFFF for 0 or 0x80000000 for INT32_MAX.
 inline int32 CountOf(uint64 word)
 {
@@ -105,24 +101,6 @@ inline uint64 WithMoreUnits(uint64 word, int32 count)
 	return (word & ~kCountMask) | field;
 }
 
-struct alignas(64) SemSlot
-{
-	std::atomic<uint64> word{0};
-	// Bit 0: a waiter may be asleep (see "Wake sequence" above); bits 31..1
-	// advance with every wake-up.
-	std::atomic<uint32> wakeSeq{0};
-	// Units wanted by the registered waiters (for get_sem_count), and how
-	// many of them want more than one unit (then a release wakes all).
-	std::atomic<int32> demand{0};
-	std::atomic<int32> bigWaiters{0};
-	// Guarded by gTableLock.
-	team_id team = 0;
-	char name[B_OS_NAME_LENGTH] = {};
-};
-
-static_assert(std::atomic<uint64>::is_always_lock_free, "the state word must be lock-free");
-
-SemSlot gSlots[kSlotCount];
 // Guards creation, deletion, the free list and the slots' team and name.
 std::mutex gTableLock;
 // The free list: a ring of slot indexes, oldest first.
@@ -155,23 +133,7 @@ struct ForkGuardInstaller
 // an uncontended acquire + release. It is still one instruction, so a signal
 // handler on this thread cannot split it. The thread sanitizer build keeps
 // the atomic, which it can follow.
-#if defined(__SANITIZE_THREAD__)
-#define ZVPLATFORM_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define ZVPLATFORM_THREAD_SANITIZER 1
-#endif
-#endif
-
-#if defined(__x86_64__) && !defined(ZVPLATFORM_THREAD_SANITIZER)
-#define ZVPLATFORM_UNLOCKED_EXCHANGE 1
-
-// True while the process has never had a second thread.
-inline bool SingleThreaded()
-{
-	return __libc_single_threaded != 0;
-}
-
+#if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
 // cmpxchg without the lock prefix: one instruction, so a signal handler of
 // this thread sees it entirely done or not begun. On failure expected holds
 // the word as it was.
@@ -198,92 +160,13 @@ inline bool ExchangeWord(std::atomic<uint64>& word, uint64& expected, uint64 des
 	return word.compare_exchange_weak(expected, desired, order, std::memory_order_relaxed);
 }
 
-#if defined(ZVPLATFORM_UNLOCKED_EXCHANGE)
-// One thread. Even an exchange without the lock prefix costs several times
-// a plain read-modify-write on some processors (it is microcoded), so while
-// the process has one thread an acquire or release of one unit changes the
-// count field (the word's low half) with a single subl or addl, after two
-// plain reads: the high half (generation and waiters, which no acquire or
-// release changes) and the count. Only a signal handler of this thread can
-// run between those reads and the change; if it took the last unit or added
-// the last one there is room for, the change shows it by its carry or
-// overflow flag and is undone by the next instruction, and the general path
-// decides. The undone value is what a handler running in that one
-// instruction's gap may see; CountOf reads it as what it stands for.
-// (create_sem and delete_sem take a mutex and are not for signal handlers.)
-inline uint32 LoadCountHalf(const std::atomic<uint64>& word)
-{
-	uint32 half;
-	asm volatile("movl (%1), %0" : "=r"(half) : "r"(&word) : "memory");
-	return half;
-}
-
-inline uint32 LoadHighHalf(const std::atomic<uint64>& word)
-{
-	uint32 half;
-	asm volatile("movl 4(%1), %0" : "=r"(half) : "r"(&word) : "memory");
-	return half;
-}
-
-// The high half a live semaphore with this tag and no waiters has.
-inline uint32 IdleHighHalf(uint32 tag)
-{
-	return tag << (kTagShift - 32);
-}
-
-// Takes one unit without the bus lock; false (nothing changed) when the
-// general path must decide.
-inline bool TakeOneAlone(std::atomic<uint64>& word, uint32 tag)
-{
-	if (LoadHighHalf(word) != IdleHighHalf(tag))
-		return false;
-	const uint32 field = LoadCountHalf(word);
-	if (field - 1 >= static_cast<uint32>(INT32_MAX))
-		return false; // no unit free, or a handler's undo in progress
-	bool borrowed;
-	asm volatile("subl $1, %0" : "+m"(word), "=@ccc"(borrowed) : : "memory");
-	if (__builtin_expect(!borrowed, 1))
-		return true;
-	asm volatile("addl $1, %0" : "+m"(word) : : "memory");
-	return false;
-}
-
-// Gives back one unit without the bus lock; false (nothing changed) when
-// the general path must decide.
-inline bool GiveOneAlone(std::atomic<uint64>& word, uint32 tag)
-{
-	if (LoadHighHalf(word) != IdleHighHalf(tag))
-		return false;
-	const uint32 field = LoadCountHalf(word);
-	if (field >= static_cast<uint32>(INT32_MAX))
-		return false; // no room, or a handler's undo in progress
-	bool overflowed;
-	asm volatile("addl $1, %0" : "+m"(word), "=@cco"(overflowed) : : "memory");
-	if (__builtin_expect(!overflowed, 1))
-		return true;
-	asm volatile("subl $1, %0" : "+m"(word) : : "memory");
-	return false;
-}
-#endif
-
-// The slot index of an identifier (its low 16 bits).
-inline uint32 SlotIndexOf(sem_id id)
-{
-	return static_cast<uint32>(id) & 0xFFFF;
-}
-
 // The slot an identifier names, or null when it cannot name any. The caller
 // still has to compare the generation with the slot's tag.
 SemSlot* SlotFor(sem_id id)
 {
 	if (id <= 0)
 		return nullptr;
-	return &gSlots[SlotIndexOf(id)];
-}
-
-inline uint32 LiveTagOf(sem_id id)
-{
-	return (static_cast<uint32>(id) >> 16) & kGenerationMask;
+	return &gSemSlots[SlotIndexOf(id)];
 }
 
 // Called with gTableLock held.
@@ -341,7 +224,7 @@ sem_id create_sem(int32 count, const char* name)
 	const uint32 index = gFreeRing[gFreeHead];
 	gFreeHead = (gFreeHead + 1) % kSlotCount;
 	gFreeCount--;
-	SemSlot* slot = &gSlots[index];
+	SemSlot* slot = &gSemSlots[index];
 
 	const uint64 old = slot->word.load(std::memory_order_relaxed);
 	uint32 generation = (TagOf(old) & kGenerationMask) + 1;
