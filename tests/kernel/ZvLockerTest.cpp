@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "ForkedChild.h"
 #include "NoSystemCalls.h"
 #include "OneThread.h"
 #include "Polling.h"
@@ -400,4 +401,128 @@ TEST(ZvLocker, ALockerInAProcessThatNeverStartedAThreadAnswersAsWithThreads)
 	EXPECT_EQ(alone, shared);
 	const std::vector<int32> expected = {1, 1, 1, 3, 1, 1, 0, 0, 1, 1, 0, 1, 1, 1, 0, 0, 0, 0};
 	EXPECT_EQ(alone, expected);
+}
+
+TEST(ZvLocker, ALockTakenBeforeTheFirstThreadStartsIsHandedOverAfterIt)
+{
+	// Taken while the process has one thread, given back after a second
+	// thread has started: the thread, which waits meanwhile, gets it.
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
+	ZvLocker locker;
+	ASSERT_TRUE(locker.Lock());
+	ASSERT_TRUE(locker.Lock());
+	zvtest::Latch polled(1);
+	zvtest::Latch unlocked(1);
+	std::atomic<int32> poll{-1};
+	std::atomic<bool> locked{false};
+	std::thread other([&] {
+		poll = locker.LockWithTimeout(0);
+		polled.CountDown();
+		unlocked.WaitFor(30s);
+		locked = locker.Lock();
+		locker.Unlock();
+	});
+	ASSERT_TRUE(polled.WaitFor(30s));
+	EXPECT_EQ(poll.load(), 2);
+	locker.Unlock();
+	EXPECT_TRUE(locker.IsLocked());
+	locker.Unlock();
+	unlocked.CountDown();
+	other.join();
+	EXPECT_TRUE(locked.load());
+	EXPECT_FALSE(locker.IsLocked());
+	EXPECT_EQ(locker.LockWithTimeout(0), 1);
+	locker.Unlock();
+}
+
+TEST(ZvLocker, AnUnlockWakesAWaiterThatSleepsOnTheSemaphore)
+{
+	zvtest::Watchdog watchdog(30s);
+	ZvLocker locker;
+	ASSERT_TRUE(locker.Lock());
+	const thread_id waiter = spawn_thread(
+	    [](void* data) -> int32 {
+		    ZvLocker* locker = static_cast<ZvLocker*>(data);
+		    const int32 locked = locker->Lock() ? 1 : 0;
+		    const int32 count = locker->CountLock();
+		    locker->Unlock();
+		    return locked * 10 + count;
+	    },
+	    "sleeper", B_NORMAL_PRIORITY, &locker);
+	ASSERT_EQ(resume_thread(waiter), B_OK);
+	ASSERT_TRUE(zvtest::WaitUntil([&] {
+		thread_info info;
+		return get_thread_info(waiter, &info) == B_OK && info.state == B_THREAD_WAITING;
+	}));
+	locker.Unlock();
+	status_t result = -1;
+	EXPECT_EQ(wait_for_thread(waiter, &result), B_OK);
+	EXPECT_EQ(result, 11);
+	EXPECT_FALSE(locker.IsLocked());
+}
+
+TEST(ZvLocker, AThreadsFirstCallMeetsTheLockAsAnyLaterCallWould)
+{
+	// A thread's first call looks its identifier up on the way: an Unlock
+	// first is still ignored when another thread holds the lock, and a lock
+	// first takes a free lock and is recursive.
+	zvtest::Watchdog watchdog(30s);
+	ZvLocker locker;
+	ASSERT_TRUE(locker.Lock());
+	std::vector<int32> seen;
+	std::thread([&] {
+		locker.Unlock();
+		seen.push_back(locker.IsLocked());
+		seen.push_back(locker.CountLock());
+		seen.push_back(locker.LockWithTimeout(0));
+	}).join();
+	locker.Unlock();
+	std::thread([&] {
+		seen.push_back(locker.LockWithTimeout(0));
+		seen.push_back(locker.Lock());
+		seen.push_back(locker.CountLock());
+		locker.Unlock();
+		locker.Unlock();
+		seen.push_back(locker.IsLocked());
+	}).join();
+	std::thread([&] {
+		seen.push_back(locker.Lock());
+		locker.Unlock();
+		seen.push_back(locker.IsLocked());
+	}).join();
+	EXPECT_EQ(seen, (std::vector<int32>{1, 1, 2, 1, 1, 2, 0, 1, 0}));
+}
+
+TEST(ZvLocker, AForkedChildDoesNotOwnALockItsParentHeldAndLocksItsOwn)
+{
+	// The child's thread has an identifier of its own, so the lock the
+	// parent's thread held is not the child's; a lock free at the fork is
+	// the child's to take, once or recursively.
+	ZvLocker held;
+	ZvLocker free;
+	ASSERT_TRUE(held.Lock());
+	fflush(stdout);
+	const int result = zvtest::RunInChild([&] {
+		int bad = 0;
+		if (held.LockWithTimeout(0) != 2)
+			bad |= 1;
+		held.Unlock(); // ignored: the parent's thread holds it
+		if (!held.IsLocked() || held.CountLock() != 1)
+			bad |= 2;
+		if (!free.Lock() || !free.Lock() || free.CountLock() != 2)
+			bad |= 4;
+		free.Unlock();
+		free.Unlock();
+		if (free.IsLocked() || free.LockWithTimeout(0) != 1)
+			bad |= 8;
+		free.Unlock();
+		return bad;
+	});
+	EXPECT_EQ(result, 0);
+	EXPECT_TRUE(held.IsLocked());
+	held.Unlock();
+	EXPECT_FALSE(held.IsLocked());
+	EXPECT_EQ(free.LockWithTimeout(0), 1);
+	free.Unlock();
 }
