@@ -27,12 +27,16 @@ bool ZvSemaphore::Delete(uint32 sem)
 	return true;
 }
 
+// A free unit (with no waiter registered) is taken, and given back, inline
+// over the platform's semaphore table; the rest goes through its calls.
 int32 ZvSemaphore::Acquire(uint32 sem, int32 timeout)
 {
+	if (TakeOneUnitInline(sem))
+		return 1;
 	return WaitCode(AcquireSemaphore(sem, timeout));
 }
 
 bool ZvSemaphore::Release(uint32 sem)
 {
-	return ReleaseSemaphore(sem);
+	return GiveOneUnitInline(sem) || ReleaseSemaphore(sem);
 }

@@ -5,15 +5,18 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "ForeignTeam.h"
+#include "OneThread.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -211,4 +214,72 @@ TEST(ZvSemaphore, DeleteReturnsTrueWhateverDeleteSemSays)
 	EXPECT_EQ(result.load(), 0);
 	sem_info info;
 	EXPECT_EQ(get_sem_info(static_cast<sem_id>(sem), &info), B_BAD_SEM_ID);
+}
+
+namespace {
+
+int32 CountOrError(uint32 sem)
+{
+	int32 count = 0;
+	const status_t status = get_sem_count(static_cast<sem_id>(sem), &count);
+	return status == B_OK ? count : status;
+}
+
+// Acquire and Release at the edges of the count, with the count after
+// each call; the answers in order.
+std::vector<int32> EdgeSequence()
+{
+	std::vector<int32> results;
+	const uint32 one = ZvSemaphore::Create(1, nullptr);
+	results.push_back(ZvSemaphore::Acquire(one, 0));
+	results.push_back(CountOrError(one));
+	results.push_back(ZvSemaphore::Acquire(one, 0));
+	results.push_back(ZvSemaphore::Acquire(one, 1));
+	results.push_back(ZvSemaphore::Release(one));
+	results.push_back(ZvSemaphore::Acquire(one, -1));
+	results.push_back(ZvSemaphore::Release(one));
+	results.push_back(ZvSemaphore::Release(one));
+	results.push_back(CountOrError(one));
+	ZvSemaphore::Delete(one);
+	results.push_back(ZvSemaphore::Acquire(one, 0));
+	results.push_back(ZvSemaphore::Release(one));
+	results.push_back(ZvSemaphore::Acquire(0, 0));
+	results.push_back(ZvSemaphore::Release(0));
+	const uint32 full = ZvSemaphore::Create(INT32_MAX - 1, nullptr);
+	results.push_back(ZvSemaphore::Release(full));
+	results.push_back(ZvSemaphore::Release(full));
+	results.push_back(CountOrError(full));
+	results.push_back(ZvSemaphore::Acquire(full, 0));
+	results.push_back(CountOrError(full));
+	ZvSemaphore::Delete(full);
+	return results;
+}
+
+} // namespace
+
+TEST(ZvSemaphore, AcquireAndReleaseInAProcessThatNeverStartedAThreadAnswerAsWithThreads)
+{
+	// Each test runs in a process of its own: until the thread below starts,
+	// the semaphore takes its one-thread path.
+	if (!zvtest::NeverThreaded())
+		GTEST_SKIP() << zvtest::kThreadAlreadyStarted;
+	const auto [alone, shared] = zvtest::BeforeAndAfterAThread(&EdgeSequence);
+	EXPECT_EQ(alone, shared);
+	const std::vector<int32> expected = {1, 0, 2, 2, 1, 1, 1,         1, 2,
+	                                     0, 0, 0, 0, 1, 0, INT32_MAX, 1, INT32_MAX - 1};
+	EXPECT_EQ(alone, expected);
+}
+
+TEST(ZvSemaphore, ReleaseWakesAnAcquireThatSleepsOnTheSemaphore)
+{
+	zvtest::Watchdog watchdog(30s);
+	const uint32 sem = ZvSemaphore::Create(0, nullptr);
+	std::atomic<int32> result{-1};
+	std::thread waiter([&] { result = ZvSemaphore::Acquire(sem, -1); });
+	ASSERT_TRUE(CountBecomes(sem, -1));
+	EXPECT_TRUE(ZvSemaphore::Release(sem));
+	waiter.join();
+	EXPECT_EQ(result.load(), 1);
+	EXPECT_EQ(CountOrError(sem), 0);
+	EXPECT_TRUE(ZvSemaphore::Delete(sem));
 }
