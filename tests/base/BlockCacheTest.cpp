@@ -40,8 +40,10 @@ using namespace std::chrono_literals;
 using zvkit::internal::AllocateBlock;
 using zvkit::internal::BlockCacheEnabled;
 using zvkit::internal::CentralCachedBlocks;
+using zvkit::internal::CentralLimitBytes;
 using zvkit::internal::FreeBlock;
 using zvkit::internal::FreeUnsizedBlock;
+using zvkit::internal::RaiseCentralLimit;
 using zvkit::internal::ThreadCachedBlocks;
 
 using zvtest::kSanitized;
@@ -504,6 +506,36 @@ TEST_F(CachedBlockTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheSmallestClass
 		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
 	});
 	EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+}
+
+TEST_F(CachedBlockTest, ARaisedClassKeepsUpToItsNewLimitAndOthersKeepTwoMebibytes)
+{
+	// 176 bytes: a class no other test of this file counts or raises.
+	constexpr size_t kSize = 176;
+	constexpr size_t kRaised = size_t(3) << 20;
+	DrainedClass drained(kSize);
+	EXPECT_EQ(CentralLimitBytes(kSize), kCentralBytes);
+	RaiseCentralLimit(kSize, kRaised);
+	// A lower limit, or a size the cache does not keep, changes nothing.
+	RaiseCentralLimit(kSize, kCentralBytes);
+	RaiseCentralLimit(300, kRaised);
+	EXPECT_EQ(CentralLimitBytes(kSize), kRaised);
+	EXPECT_EQ(CentralLimitBytes(kSize - 15), kRaised) << "the whole class is raised";
+	EXPECT_EQ(CentralLimitBytes(kSize + 16), kCentralBytes);
+	EXPECT_EQ(CentralLimitBytes(300), 0u);
+
+	constexpr size_t kCap = kRaised / kSize / kBatch * kBatch;
+	RunInFreshThread([&] {
+		const std::vector<void*> blocks = AllocateMany(kSize, kCap + 2000);
+		size_t most = 0;
+		for (void* block : blocks) {
+			FreeBlock(block, kSize);
+			most = std::max(most, CentralCachedBlocks(kSize));
+		}
+		EXPECT_LE(most, kCap);
+		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+	});
+	EXPECT_GT(kCap * kSize, kCentralBytes) << "more than an unraised class keeps";
 }
 
 TEST(BlockCacheTest, BlocksLargerThanTwoHundredFiftySixBytesBypassTheCache)
