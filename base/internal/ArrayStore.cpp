@@ -3,10 +3,9 @@
 #include "ArrayStore.h"
 
 #include "BlockCache.h"
+#include "ProcessStore.h"
 
 #include <new>
-
-#include <pthread.h>
 
 #include <mutex>
 
@@ -76,10 +75,9 @@ public:
 		return fClasses[sizeClass].count;
 	}
 
-	// Around fork(): the lock is held across it, so that the child's copy
-	// is never left locked by a thread that does not exist there.
-	void Lock() { fLock.lock(); }
-	void Unlock() { fLock.unlock(); }
+	// Around fork() (see ProcessStore.h).
+	void LockAll() { fLock.lock(); }
+	void UnlockAll() { fLock.unlock(); }
 
 private:
 	struct Class
@@ -94,28 +92,11 @@ private:
 	size_t fBytes = 0;
 };
 
-Store& TheStore();
-
-void LockStoreForFork()
-{
-	TheStore().Lock();
-}
-
-void UnlockStoreAfterFork()
-{
-	TheStore().Unlock();
-}
-
 // Never destroyed: arrays may be freed by threads that end after static
 // destructors have run.
 Store& TheStore()
 {
-	static Store* store = [] {
-		Store* made = new Store();
-		pthread_atfork(&LockStoreForFork, &UnlockStoreAfterFork, &UnlockStoreAfterFork);
-		return made;
-	}();
-	return *store;
+	return TheProcessStore<Store>();
 }
 
 } // namespace

@@ -2,11 +2,11 @@
 // store in batches.
 #include "BlockCache.h"
 
+#include "ProcessStore.h"
 #include "Spin.h"
 
 #include <new>
 
-#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -154,10 +154,7 @@ public:
 		return entry.batches.size() * kBatchSize;
 	}
 
-	// Around fork(): every class's lock is taken before the fork and let go
-	// after it in both processes. A fork while another thread held one would
-	// otherwise leave the child's copy locked for good, and the child's
-	// first batch of that class would wait forever.
+	// Around fork() (see ProcessStore.h): every class's lock.
 	void LockAll()
 	{
 		for (Class& entry : fClasses)
@@ -186,31 +183,11 @@ private:
 	std::atomic<size_t> fAvailable[kClassCount] = {};
 };
 
-CentralStore& Central();
-
-void LockCentralForFork()
-{
-	Central().LockAll();
-}
-
-void UnlockCentralAfterFork()
-{
-	Central().UnlockAll();
-}
-
 // The store is never destroyed: thread caches flush into it when their
 // threads end, which can be after static destructors have run.
 CentralStore& Central()
 {
-	static CentralStore* store = [] {
-		CentralStore* made = new CentralStore();
-		// Installed with the store: before it exists there is nothing to
-		// guard. The child's handler runs in its only thread, the one that
-		// forked and so holds every lock.
-		pthread_atfork(&LockCentralForFork, &UnlockCentralAfterFork, &UnlockCentralAfterFork);
-		return made;
-	}();
-	return *store;
+	return TheProcessStore<CentralStore>();
 }
 
 class ThreadCache

@@ -144,6 +144,18 @@ void FreeAll(const std::vector<void*>& blocks, size_t size)
 		FreeBlock(block, size);
 }
 
+// As FreeAll, and gives the most blocks the central store held for the
+// class after any one of the frees.
+size_t FreeAllWatchingTheCentralStore(const std::vector<void*>& blocks, size_t size)
+{
+	size_t most = 0;
+	for (void* block : blocks) {
+		FreeBlock(block, size);
+		most = std::max(most, CentralCachedBlocks(size));
+	}
+	return most;
+}
+
 // Tests of what the cache does with blocks, which mean nothing when the
 // process runs with the cache off.
 class CachedBlockTest : public ::testing::Test
@@ -475,12 +487,7 @@ TEST_F(CachedBlockTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheLargestClass)
 	constexpr size_t kSize = zvkit::internal::kMaxCachedBlock;
 	constexpr size_t kCap = kCentralBytes / kSize;
 	RunInFreshThread([&] {
-		const std::vector<void*> blocks = AllocateMany(kSize, kCap + 2000);
-		size_t most = 0;
-		for (void* block : blocks) {
-			FreeBlock(block, kSize);
-			most = std::max(most, CentralCachedBlocks(kSize));
-		}
+		const size_t most = FreeAllWatchingTheCentralStore(AllocateMany(kSize, kCap + 2000), kSize);
 		EXPECT_LE(most, kCap);
 		// Far more than the cap went through: the store is full.
 		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
@@ -526,12 +533,7 @@ TEST_F(CachedBlockTest, ARaisedClassKeepsUpToItsNewLimitAndOthersKeepTwoMebibyte
 
 	constexpr size_t kCap = kRaised / kSize / kBatch * kBatch;
 	RunInFreshThread([&] {
-		const std::vector<void*> blocks = AllocateMany(kSize, kCap + 2000);
-		size_t most = 0;
-		for (void* block : blocks) {
-			FreeBlock(block, kSize);
-			most = std::max(most, CentralCachedBlocks(kSize));
-		}
+		const size_t most = FreeAllWatchingTheCentralStore(AllocateMany(kSize, kCap + 2000), kSize);
 		EXPECT_LE(most, kCap);
 		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
 	});
