@@ -7,10 +7,11 @@
 // capacities with step 16 run 16, 32, 48, 72, 108, 162, ... Every growth and
 // every shrink copies the array into a fresh one.
 //
-// Slot arrays come from the library's per-thread block cache (see
+// Small slot arrays come from the library's per-thread block cache (see
 // ZvListStorage), so a list filled on one thread and emptied on another, as
-// the items of a posted message are, costs no allocator lock. items is the
-// list's own: never free or replace it.
+// the items of a posted message are, costs no allocator lock; arrays of 64
+// KiB and more that a list frees are kept (up to a bound) for the next list
+// that grows that large. items is the list's own: never free or replace it.
 //
 // Ownership: the list owns its slot array only. It never deletes what the
 // entries point to; that is the owner's job. The optional lock, when set, is

@@ -3,10 +3,11 @@
 
 #include <ZvMessage.h>
 
+#include "base/internal/ArrayStore.h"
+
 #include <new>
 
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 namespace zvkit::internal {
@@ -67,12 +68,19 @@ bool SameBytes(const char* a, const char* b, size_t size)
 	return true;
 }
 
-// Fails as operator new does when memory runs out.
-void* AllocateOrThrow(void* block)
+// The index's arrays grow with the message, to megabytes for the largest:
+// they come from the array store, which keeps large freed ones for the next
+// large message (see ArrayStore.h).
+uint32* AllocateSlots(size_t count)
 {
-	if (block == nullptr)
-		throw std::bad_alloc();
-	return block;
+	void* slots = AllocateArray(count * sizeof(uint32));
+	memset(slots, 0, count * sizeof(uint32));
+	return static_cast<uint32*>(slots);
+}
+
+void FreeSlots(uint32* slots, size_t count)
+{
+	FreeArray(slots, count * sizeof(uint32));
 }
 
 } // namespace
@@ -126,11 +134,12 @@ NameIndex::NameIndex(const ZvList<ZvMessageItem*>& list)
     : fSlots(nullptr), fEntries(nullptr), fEntryCapacity(kFirstEntries), fSize(kFirstSlots),
       fEntryMask(kFirstSlots - 1), fFields(0), fCount(0)
 {
-	fSlots = static_cast<uint32*>(AllocateOrThrow(calloc(fSize, sizeof(uint32))));
-	fEntries = static_cast<Entry*>(malloc(kFirstEntries * sizeof(Entry)));
-	if (fEntries == nullptr) {
-		free(fSlots);
-		throw std::bad_alloc();
+	fSlots = AllocateSlots(fSize);
+	try {
+		fEntries = static_cast<Entry*>(AllocateArray(kFirstEntries * sizeof(Entry)));
+	} catch (...) {
+		FreeSlots(fSlots, fSize);
+		throw;
 	}
 	for (int32 i = 0; i < list.CountItems(); i++)
 		Added(list.ItemAt(i));
@@ -142,8 +151,8 @@ NameIndex::~NameIndex()
 		if (fEntries[i].kind == kField)
 			delete fEntries[i].field;
 	}
-	free(fEntries);
-	free(fSlots);
+	FreeArray(fEntries, fEntryCapacity * sizeof(Entry));
+	FreeSlots(fSlots, fSize);
 }
 
 NameIndex::Names NameIndex::_NamesOf(const Entry& entry)
@@ -186,8 +195,8 @@ void NameIndex::_Grow()
 	// Only the entries' hashes are read: the items stay where they are, and
 	// the entries keep their numbers.
 	const size_t size = fSize * kGrowth;
-	uint32* slots = static_cast<uint32*>(AllocateOrThrow(calloc(size, sizeof(uint32))));
-	free(fSlots);
+	uint32* slots = AllocateSlots(size);
+	FreeSlots(fSlots, fSize);
 	fSlots = slots;
 	fSize = size;
 	fEntryMask = static_cast<uint32>(size - 1);
@@ -210,7 +219,10 @@ void NameIndex::_Grow()
 void NameIndex::_GrowEntries()
 {
 	const size_t capacity = fEntryCapacity * 2;
-	fEntries = static_cast<Entry*>(AllocateOrThrow(realloc(fEntries, capacity * sizeof(Entry))));
+	Entry* entries = static_cast<Entry*>(AllocateArray(capacity * sizeof(Entry)));
+	memcpy(entries, fEntries, static_cast<size_t>(fFields) * sizeof(Entry));
+	FreeArray(fEntries, fEntryCapacity * sizeof(Entry));
+	fEntries = entries;
 	fEntryCapacity = capacity;
 }
 

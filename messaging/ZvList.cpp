@@ -1,19 +1,20 @@
-// ZvListStorage: slot arrays for every ZvList, from the block cache, and
-// the end of a list's optional lock.
+// ZvListStorage: slot arrays for every ZvList (small ones from the block
+// cache, large ones kept for reuse by the array store), and the end of a
+// list's optional lock.
 #include <ZvList.h>
 
 #include <ZvLocker.h>
 
-#include "base/internal/BlockCache.h"
+#include "base/internal/ArrayStore.h"
 
 void* ZvListStorage::AllocateSlots(size_t bytes)
 {
-	return zvkit::internal::AllocateBlock(bytes);
+	return zvkit::internal::AllocateArray(bytes);
 }
 
 void ZvListStorage::FreeSlots(void* slots, size_t bytes)
 {
-	zvkit::internal::FreeBlock(slots, bytes);
+	zvkit::internal::FreeArray(slots, bytes);
 }
 
 void ZvListStorage::DeleteLock(ZvLocker* lock)

@@ -2,11 +2,11 @@
 // store in batches.
 #include "BlockCache.h"
 
+#include "ProcessStore.h"
 #include "Spin.h"
 
 #include <new>
 
-#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -97,6 +97,17 @@ private:
 	std::mutex fMutex;
 };
 
+// Per class, what the central store may keep when a subsystem raised it
+// above kMaxCentralBytes (0: not raised). Constant-initialised, so that a
+// raise made while the library loads never finds it unmade.
+std::atomic<size_t> gRaisedLimits[kClassCount] = {};
+
+size_t CentralLimit(size_t sizeClass)
+{
+	const size_t raised = gRaisedLimits[sizeClass].load(std::memory_order_relaxed);
+	return raised > kMaxCentralBytes ? raised : kMaxCentralBytes;
+}
+
 class CentralStore
 {
 public:
@@ -123,7 +134,7 @@ public:
 	void Put(size_t sizeClass, void* const* blocks, uint32_t count)
 	{
 		Class& entry = fClasses[sizeClass];
-		const size_t maxBatches = kMaxCentralBytes / (kBatchSize * ClassBytes(sizeClass));
+		const size_t maxBatches = CentralLimit(sizeClass) / (kBatchSize * ClassBytes(sizeClass));
 		if (count == kBatchSize) {
 			std::lock_guard<BatchLock> hold(entry.lock);
 			if (entry.batches.size() < maxBatches) {
@@ -143,10 +154,7 @@ public:
 		return entry.batches.size() * kBatchSize;
 	}
 
-	// Around fork(): every class's lock is taken before the fork and let go
-	// after it in both processes. A fork while another thread held one would
-	// otherwise leave the child's copy locked for good, and the child's
-	// first batch of that class would wait forever.
+	// Around fork() (see ProcessStore.h): every class's lock.
 	void LockAll()
 	{
 		for (Class& entry : fClasses)
@@ -175,31 +183,11 @@ private:
 	std::atomic<size_t> fAvailable[kClassCount] = {};
 };
 
-CentralStore& Central();
-
-void LockCentralForFork()
-{
-	Central().LockAll();
-}
-
-void UnlockCentralAfterFork()
-{
-	Central().UnlockAll();
-}
-
 // The store is never destroyed: thread caches flush into it when their
 // threads end, which can be after static destructors have run.
 CentralStore& Central()
 {
-	static CentralStore* store = [] {
-		CentralStore* made = new CentralStore();
-		// Installed with the store: before it exists there is nothing to
-		// guard. The child's handler runs in its only thread, the one that
-		// forked and so holds every lock.
-		pthread_atfork(&LockCentralForFork, &UnlockCentralAfterFork, &UnlockCentralAfterFork);
-		return made;
-	}();
-	return *store;
+	return TheProcessStore<CentralStore>();
 }
 
 class ThreadCache
@@ -417,6 +405,21 @@ size_t ThreadCachedBlocks(size_t size)
 {
 	ThreadCache* cache = CacheFor(size);
 	return cache == nullptr ? 0 : cache->Count(ClassOf(size));
+}
+
+void RaiseCentralLimit(size_t size, size_t bytes)
+{
+	if (size == 0 || size > kMaxCachedBlock)
+		return;
+	std::atomic<size_t>& limit = gRaisedLimits[ClassOf(size)];
+	size_t now = limit.load(std::memory_order_relaxed);
+	while (now < bytes && !limit.compare_exchange_weak(now, bytes, std::memory_order_relaxed)) {
+	}
+}
+
+size_t CentralLimitBytes(size_t size)
+{
+	return size == 0 || size > kMaxCachedBlock ? 0 : CentralLimit(ClassOf(size));
 }
 
 size_t CentralCachedBlocks(size_t size)

@@ -14,9 +14,10 @@
 // cache steps aside, so that the sanitizer sees every allocation; so it does
 // when ZVKIT_FORCE_NEW is set in the environment when the process first
 // allocates a block.
-// The central store holds a bounded number of batches per class (2 MiB);
-// batches beyond that go back to the allocator, so memory kept for reuse
-// stays bounded.
+// The central store holds a bounded number of batches per class (2 MiB,
+// or more for a class a subsystem raised with RaiseCentralLimit); batches
+// beyond that go back to the allocator, so memory kept for reuse stays
+// bounded.
 //
 // Thread safety: all functions may be called from any thread.
 #ifndef _ZV_INTERNAL_BLOCK_CACHE_H
@@ -45,6 +46,14 @@ void FreeBlock(void* block, size_t size);
 // valid for every block of the cache.
 void FreeUnsizedBlock(void* block) noexcept;
 
+// Lets the central store keep up to bytes bytes (rather than 2 MiB) of the
+// class of size: for blocks that are made and freed by the hundred
+// thousand at once (a message's items). Never lowers a limit; ignored for
+// sizes the cache does not keep.
+void RaiseCentralLimit(size_t size, size_t bytes);
+// What the central store may keep of the class of size, in bytes (0 for
+// sizes the cache does not keep).
+size_t CentralLimitBytes(size_t size);
 // Statistics for tests: blocks currently held by the calling thread's cache
 // and by the central store for the class of size.
 size_t ThreadCachedBlocks(size_t size);

@@ -40,8 +40,10 @@ using namespace std::chrono_literals;
 using zvkit::internal::AllocateBlock;
 using zvkit::internal::BlockCacheEnabled;
 using zvkit::internal::CentralCachedBlocks;
+using zvkit::internal::CentralLimitBytes;
 using zvkit::internal::FreeBlock;
 using zvkit::internal::FreeUnsizedBlock;
+using zvkit::internal::RaiseCentralLimit;
 using zvkit::internal::ThreadCachedBlocks;
 
 using zvtest::kSanitized;
@@ -140,6 +142,18 @@ void FreeAll(const std::vector<void*>& blocks, size_t size)
 {
 	for (void* block : blocks)
 		FreeBlock(block, size);
+}
+
+// As FreeAll, and gives the most blocks the central store held for the
+// class after any one of the frees.
+size_t FreeAllWatchingTheCentralStore(const std::vector<void*>& blocks, size_t size)
+{
+	size_t most = 0;
+	for (void* block : blocks) {
+		FreeBlock(block, size);
+		most = std::max(most, CentralCachedBlocks(size));
+	}
+	return most;
 }
 
 // Tests of what the cache does with blocks, which mean nothing when the
@@ -473,12 +487,7 @@ TEST_F(CachedBlockTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheLargestClass)
 	constexpr size_t kSize = zvkit::internal::kMaxCachedBlock;
 	constexpr size_t kCap = kCentralBytes / kSize;
 	RunInFreshThread([&] {
-		const std::vector<void*> blocks = AllocateMany(kSize, kCap + 2000);
-		size_t most = 0;
-		for (void* block : blocks) {
-			FreeBlock(block, kSize);
-			most = std::max(most, CentralCachedBlocks(kSize));
-		}
+		const size_t most = FreeAllWatchingTheCentralStore(AllocateMany(kSize, kCap + 2000), kSize);
 		EXPECT_LE(most, kCap);
 		// Far more than the cap went through: the store is full.
 		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
@@ -504,6 +513,31 @@ TEST_F(CachedBlockTest, TheCentralStoreKeepsAtMostTwoMebibytesOfTheSmallestClass
 		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
 	});
 	EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+}
+
+TEST_F(CachedBlockTest, ARaisedClassKeepsUpToItsNewLimitAndOthersKeepTwoMebibytes)
+{
+	// 176 bytes: a class no other test of this file counts or raises.
+	constexpr size_t kSize = 176;
+	constexpr size_t kRaised = size_t(3) << 20;
+	DrainedClass drained(kSize);
+	EXPECT_EQ(CentralLimitBytes(kSize), kCentralBytes);
+	RaiseCentralLimit(kSize, kRaised);
+	// A lower limit, or a size the cache does not keep, changes nothing.
+	RaiseCentralLimit(kSize, kCentralBytes);
+	RaiseCentralLimit(300, kRaised);
+	EXPECT_EQ(CentralLimitBytes(kSize), kRaised);
+	EXPECT_EQ(CentralLimitBytes(kSize - 15), kRaised) << "the whole class is raised";
+	EXPECT_EQ(CentralLimitBytes(kSize + 16), kCentralBytes);
+	EXPECT_EQ(CentralLimitBytes(300), 0u);
+
+	constexpr size_t kCap = kRaised / kSize / kBatch * kBatch;
+	RunInFreshThread([&] {
+		const size_t most = FreeAllWatchingTheCentralStore(AllocateMany(kSize, kCap + 2000), kSize);
+		EXPECT_LE(most, kCap);
+		EXPECT_EQ(CentralCachedBlocks(kSize), kCap);
+	});
+	EXPECT_GT(kCap * kSize, kCentralBytes) << "more than an unraised class keeps";
 }
 
 TEST(BlockCacheTest, BlocksLargerThanTwoHundredFiftySixBytesBypassTheCache)

@@ -1,5 +1,6 @@
 # ZvMessageCoreTest.cpp asks the block cache's copy whether caching is on: it
-# decides as the library's does.
+# decides as the library's does. (The name index's copy below takes its
+# arrays from the array store's copy.)
 zvkit_test_uses_block_cache(${ZVKIT_TEST_TARGET})
 # The walk over flattened blocks (offsets and reasons of malformed blocks) is
 # hidden inside libzvkit.so as well; FlatWalkTest.cpp links the object file
