@@ -128,10 +128,12 @@ __attribute__((noinline, cold)) void ReportForeignUnlock(uint32 me, bool locked)
 
 // Unlock by a thread that has not looked its identifier up yet: looks it
 // up, then unlocks. Out of line, so that Unlock itself needs no stack frame.
+// (An identifier is never 0; the test only keeps this from ever calling
+// itself again and again.)
 __attribute__((noinline, cold)) void LookUpThenUnlock(ZvLocker* locker)
 {
-	CurrentThread();
-	locker->Unlock();
+	if (CurrentThread() != 0)
+		locker->Unlock();
 }
 
 } // namespace
