@@ -4,15 +4,21 @@
 // body's result (so no destructor or atexit handler of the parent's copy
 // runs there), and waits for it in the parent. The test then checks the
 // result, which is body's own 0..255 or -1 when no child could be made or it
-// did not end by exiting (a crash, a signal).
+// did not end by exiting (a crash, a signal). RunInChildWithin bounds the
+// wait.
 //
 // Only for tests whose subject is the library's behaviour after fork(): in a
 // multi-threaded test the child has just the forking thread.
 #ifndef ZVKIT_FORKED_CHILD_H
 #define ZVKIT_FORKED_CHILD_H
 
+#include "Polling.h"
+
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <chrono>
 
 namespace zvtest {
 
@@ -27,6 +33,24 @@ template <typename Body> int RunInChild(Body body)
 	if (waitpid(child, &status, 0) != child || !WIFEXITED(status))
 		return -1;
 	return WEXITSTATUS(status);
+}
+
+// As RunInChild, for a child that may hang (a lock left held by fork()):
+// a child that has not ended within limit is killed, and the result is -2.
+template <typename Body> int RunInChildWithin(std::chrono::milliseconds limit, Body body)
+{
+	const pid_t child = fork();
+	if (child < 0)
+		return -1;
+	if (child == 0)
+		_exit(body());
+	int status = -1;
+	if (!WaitUntil([&] { return waitpid(child, &status, WNOHANG) == child; }, limit)) {
+		kill(child, SIGKILL);
+		waitpid(child, &status, 0);
+		return -2;
+	}
+	return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace zvtest
