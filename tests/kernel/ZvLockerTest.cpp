@@ -503,7 +503,7 @@ TEST(ZvLocker, AForkedChildDoesNotOwnALockItsParentHeldAndLocksItsOwn)
 	ZvLocker free;
 	ASSERT_TRUE(held.Lock());
 	fflush(stdout);
-	const int result = zvtest::RunInChild([&] {
+	const int result = zvtest::RunInChildWithin(10s, [&] {
 		int bad = 0;
 		if (held.LockWithTimeout(0) != 2)
 			bad |= 1;
