@@ -11,6 +11,7 @@
 #include "base/internal/ArrayStore.h"
 #include "base/internal/BlockCache.h"
 
+#include "ClaimedBlocks.h"
 #include "ForkedChild.h"
 #include "TestSupport.h"
 
@@ -66,27 +67,14 @@ bool HasStamp(const void* array, size_t size, uint32_t seed)
 
 // Holds every array the store kept for requests of size bytes, for the life
 // of a test, so that the test starts from an empty class.
-class ClaimedClass
+class ClaimedClass : public zvtest::ClaimedBlocks
 {
 public:
-	explicit ClaimedClass(size_t size) : fSize(size)
+	explicit ClaimedClass(size_t size)
+	    : ClaimedBlocks(
+	          size, [](size_t kept) { return StoredArrays(kept) > 0; }, &AllocateArray, &FreeArray)
 	{
-		while (StoredArrays(size) > 0)
-			fArrays.push_back(AllocateArray(size));
 	}
-
-	~ClaimedClass()
-	{
-		for (void* array : fArrays)
-			FreeArray(array, fSize);
-	}
-
-	ClaimedClass(const ClaimedClass&) = delete;
-	ClaimedClass& operator=(const ClaimedClass&) = delete;
-
-private:
-	size_t fSize;
-	std::vector<void*> fArrays;
 };
 
 // Tests of what the store keeps, which mean nothing with the caches off

@@ -10,6 +10,7 @@
 // repetition) leaves behind cannot change another's counts.
 #include "base/internal/BlockCache.h"
 
+#include "ClaimedBlocks.h"
 #include "Polling.h"
 #include "TestSupport.h"
 
@@ -102,27 +103,18 @@ std::vector<size_t> CentralCounts()
 // Holds every block of a class that the calling thread and the central
 // store had, for the life of a test, so that the test starts from an empty
 // class whatever earlier tests (or an earlier repetition) left there.
-class DrainedClass
+class DrainedClass : public zvtest::ClaimedBlocks
 {
 public:
-	explicit DrainedClass(size_t size) : fSize(size)
+	explicit DrainedClass(size_t size)
+	    : ClaimedBlocks(
+	          size,
+	          [](size_t kept) {
+		          return ThreadCachedBlocks(kept) > 0 || CentralCachedBlocks(kept) > 0;
+	          },
+	          [](size_t kept) { return AllocateBlock(kept); }, &FreeBlock)
 	{
-		while (ThreadCachedBlocks(size) > 0 || CentralCachedBlocks(size) > 0)
-			fBlocks.push_back(AllocateBlock(size));
 	}
-
-	~DrainedClass()
-	{
-		for (void* block : fBlocks)
-			FreeBlock(block, fSize);
-	}
-
-	DrainedClass(const DrainedClass&) = delete;
-	DrainedClass& operator=(const DrainedClass&) = delete;
-
-private:
-	size_t fSize;
-	std::vector<void*> fBlocks;
 };
 
 // Allocates count blocks of size bytes; they are kept in the order they

@@ -22,35 +22,48 @@
 
 namespace zvtest {
 
-template <typename Body> int RunInChild(Body body)
+// Forks a child that runs body and exits with its result; the child's pid,
+// or -1 when none could be made.
+template <typename Body> pid_t StartChild(Body body)
 {
 	const pid_t child = fork();
-	if (child < 0)
-		return -1;
 	if (child == 0)
 		_exit(body());
-	int status = -1;
-	if (waitpid(child, &status, 0) != child || !WIFEXITED(status))
+	return child;
+}
+
+// A waited-for child's result: its exit status, or -1 when it did not end
+// by exiting.
+inline int ChildResult(int status)
+{
+	return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+template <typename Body> int RunInChild(Body body)
+{
+	const pid_t child = StartChild(body);
+	if (child < 0)
 		return -1;
-	return WEXITSTATUS(status);
+	int status = -1;
+	if (waitpid(child, &status, 0) != child)
+		return -1;
+	return ChildResult(status);
 }
 
 // As RunInChild, for a child that may hang (a lock left held by fork()):
 // a child that has not ended within limit is killed, and the result is -2.
 template <typename Body> int RunInChildWithin(std::chrono::milliseconds limit, Body body)
 {
-	const pid_t child = fork();
+	const pid_t child = StartChild(body);
 	if (child < 0)
 		return -1;
-	if (child == 0)
-		_exit(body());
 	int status = -1;
 	if (!WaitUntil([&] { return waitpid(child, &status, WNOHANG) == child; }, limit)) {
 		kill(child, SIGKILL);
 		waitpid(child, &status, 0);
 		return -2;
 	}
-	return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+	return ChildResult(status);
 }
 
 } // namespace zvtest
