@@ -22,28 +22,15 @@
 #include "NoSystemCalls.h"
 #include "OneThread.h"
 #include "Polling.h"
+#include "SemaphoreCount.h"
 #include "TestSupport.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-// The count as get_sem_count reports it; a negative value is the units owed
-// to blocked waiters.
-int32 CountOf(sem_id sem)
-{
-	int32 count = 0x7eadbeef;
-	EXPECT_EQ(get_sem_count(sem, &count), B_OK);
-	return count;
-}
-
-bool CountBecomes(sem_id sem, int32 wanted)
-{
-	return zvtest::WaitUntil([&] {
-		int32 count = 0;
-		return get_sem_count(sem, &count) == B_OK && count == wanted;
-	});
-}
+using zvtest::CountBecomes;
+using zvtest::CountOf;
 
 } // namespace
 

@@ -17,6 +17,7 @@
 #include "ForkedChild.h"
 #include "OneThread.h"
 #include "Polling.h"
+#include "SemaphoreCount.h"
 #include "TestSupport.h"
 #include "platform/kernel/internal/SemaphoreSlots.h"
 
@@ -29,20 +30,8 @@ using zvplatform::TakeOneInline;
 
 namespace {
 
-int32 CountOf(sem_id sem)
-{
-	int32 count = 0x7eadbeef;
-	EXPECT_EQ(get_sem_count(sem, &count), B_OK);
-	return count;
-}
-
-bool CountBecomes(sem_id sem, int32 wanted)
-{
-	return zvtest::WaitUntil([&] {
-		int32 count = 0;
-		return get_sem_count(sem, &count) == B_OK && count == wanted;
-	});
-}
+using zvtest::CountBecomes;
+using zvtest::CountOf;
 
 enum class Unit
 {
