@@ -235,27 +235,22 @@ TEST(SemaphoreSlots, AForkedChildOfAThreadedProcessLeavesAWordWithTheParentsWait
 {
 	// The parent's waiter stays registered in the child's copy of the table:
 	// there the inline calls decline, and the exported ones answer.
-	const sem_id sem = create_sem(0, "waited on");
-	std::thread waiter([sem] { acquire_sem(sem); });
-	ASSERT_TRUE(CountBecomes(sem, -1));
-	fflush(stdout);
-	const int result = zvtest::RunInChild([sem] {
-		int bad = 0;
-		if (GiveOneInline(sem))
-			bad |= 1;
-		if (release_sem(sem) != B_OK)
-			bad |= 2;
-		if (TakeOneInline(sem))
-			bad |= 4;
-		if (acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0) != B_OK)
-			bad |= 8;
-		return bad;
-	});
+	int result = -1;
+	zvtest::ForkWithAParentWaiter(
+	    [](sem_id sem) {
+		    int bad = 0;
+		    if (GiveOneInline(sem))
+			    bad |= 1;
+		    if (release_sem(sem) != B_OK)
+			    bad |= 2;
+		    if (TakeOneInline(sem))
+			    bad |= 4;
+		    if (acquire_sem_etc(sem, 1, B_RELATIVE_TIMEOUT, 0) != B_OK)
+			    bad |= 8;
+		    return bad;
+	    },
+	    &result);
 	EXPECT_EQ(result, 0);
-	EXPECT_EQ(CountOf(sem), -1);
-	release_sem(sem);
-	waiter.join();
-	delete_sem(sem);
 }
 
 TEST(SemaphoreSlots, AForkedChildOfAProcessWithOneThreadTakesAndGivesInline)
